@@ -1,0 +1,23 @@
+#!/usr/bin/env bash
+# The whole test run: set-up, build, CTest, then the same suite again under
+# AddressSanitizer and UndefinedBehaviorSanitizer. Needs root (network
+# namespaces, a private trace session daemon, apt-get on a fresh machine).
+set -euo pipefail
+
+ROOT="$(cd "$(dirname "$0")/.." && pwd)"
+JOBS="$(nproc)"
+
+bash "$ROOT/scripts/setup.sh"
+
+run_suite() {
+    local dir="$1"
+    shift
+    cmake -S "$ROOT" -B "$dir" -DCMAKE_BUILD_TYPE=RelWithDebInfo "$@"
+    cmake --build "$dir" -j "$JOBS"
+    ctest --test-dir "$dir" --output-on-failure -j "$JOBS"
+}
+
+echo "=== tests ==="
+run_suite "$ROOT/build"
+echo "=== tests under AddressSanitizer and UndefinedBehaviorSanitizer ==="
+run_suite "$ROOT/build-sanitize" -DTWAMP_SANITIZE=ON
