@@ -5,7 +5,7 @@ set -euo pipefail
 
 PACKAGES=(
     build-essential cmake pkg-config
-    clang libclang-rt-14-dev
+    clang clang-format libclang-rt-14-dev
     libglib2.0-dev
     liblttng-ust-dev lttng-tools babeltrace2
     googletest libgtest-dev libgmock-dev libbenchmark-dev

@@ -113,12 +113,12 @@ static void exit_when_asked(void) {
     }
 }
 
-int qrn_ng_restart_request_line_and_file(int line, const char* file, int level,
-                                         const char* message, int data1, int data2) {
+int qrn_ng_restart_request_line_and_file(int line, const char* file, int level, const char* message,
+                                         int data1, int data2) {
     record_t record = {.length = 0};
     record_append_time(&record);
-    record_append(&record, " pid=%ld level=%d line=%d file=%s data=%d,%d message=\"", (long)getpid(),
-                  level, line, file != NULL ? file : "(null)", data1, data2);
+    record_append(&record, " pid=%ld level=%d line=%d file=%s data=%d,%d message=\"",
+                  (long)getpid(), level, line, file != NULL ? file : "(null)", data1, data2);
     record_append_escaped(&record, message != NULL ? message : "");
     /* Room for the closing quote and the newline is always kept. */
     if (record.length > sizeof(record.text) - 3) {

@@ -20,10 +20,10 @@ const char* countEvaluation() {
 }  // namespace
 
 // The statement and the report share one expansion, hence one line number.
-#define EMIT_AND_REPORT(statement, provider, event, ...)                        \
-    do {                                                                        \
-        statement(__VA_ARGS__);                                                 \
-        std::printf("%s:%s %s\n", provider, event, TWAMP_TRACE_POSITION);       \
+#define EMIT_AND_REPORT(statement, provider, event, ...)                  \
+    do {                                                                  \
+        statement(__VA_ARGS__);                                           \
+        std::printf("%s:%s %s\n", provider, event, TWAMP_TRACE_POSITION); \
     } while (0)
 
 int main() {

@@ -23,7 +23,7 @@ struct TraceRecord {
 };
 
 class TraceRecorder {
-public:
+  public:
     // Clears the records and the counters and enables every event.
     static void reset();
     // Enables or disables one event ("ERROR", "INFO", ...) of one provider.

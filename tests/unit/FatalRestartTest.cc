@@ -31,18 +31,18 @@ std::string waitForRecord(const std::string& path) {
 }
 
 // Notes the line of the request in both processes; only the child requests the restart.
-#define REQUEST_RESTART_IN_CHILD(child, logPath, lineOut, ...)                 \
-    do {                                                                       \
-        (lineOut) = __LINE__;                                                  \
-        if ((child) == 0) {                                                    \
-            setenv("QRN_NG_RESTART_LOG", (logPath).c_str(), 1);                \
-            unsetenv("QRN_NG_EXIT_STATUS");                                    \
-            FATAL_RESTART(__VA_ARGS__);                                        \
-        }                                                                      \
+#define REQUEST_RESTART_IN_CHILD(child, logPath, lineOut, ...)  \
+    do {                                                        \
+        (lineOut) = __LINE__;                                   \
+        if ((child) == 0) {                                     \
+            setenv("QRN_NG_RESTART_LOG", (logPath).c_str(), 1); \
+            unsetenv("QRN_NG_EXIT_STATUS");                     \
+            FATAL_RESTART(__VA_ARGS__);                         \
+        }                                                       \
     } while (0)
 
 class FatalRestartTest : public ::testing::Test {
-protected:
+  protected:
     void SetUp() override {
         logPath = "/tmp/fatal_restart_test." + std::to_string(getpid()) + ".log";
         unlink(logPath.c_str());

@@ -25,7 +25,7 @@ std::vector<std::string> readLines(const std::string& path) {
 }
 
 class QrnNgTest : public ::testing::Test {
-protected:
+  protected:
     void SetUp() override {
         char pattern[] = "/tmp/qrn_ng_test.XXXXXX";
         ASSERT_NE(nullptr, mkdtemp(pattern));
@@ -62,7 +62,8 @@ TEST_F(QrnNgTest, AppendsRequests) {
     qrn_ng_restart_request_line_and_file(2, "b.cc", 2, "second", 7, 8);
     const auto lines = readLines(logPath);
     ASSERT_EQ(2u, lines.size());
-    EXPECT_NE(std::string::npos, lines[0].find("level=1 line=1 file=a.cc data=0,0 message=\"first\""));
+    EXPECT_NE(std::string::npos,
+              lines[0].find("level=1 line=1 file=a.cc data=0,0 message=\"first\""));
     EXPECT_NE(std::string::npos,
               lines[1].find("level=2 line=2 file=b.cc data=7,8 message=\"second\""));
 }

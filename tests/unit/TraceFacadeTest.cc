@@ -12,7 +12,7 @@ namespace {
 using twamp_test::TraceRecorder;
 
 class TraceFacadeTest : public ::testing::Test {
-protected:
+  protected:
     void SetUp() override { TraceRecorder::reset(); }
 };
 

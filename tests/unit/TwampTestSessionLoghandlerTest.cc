@@ -11,7 +11,7 @@ namespace {
 using twamp_test::TraceRecorder;
 
 class TwampTestSessionLoghandlerTest : public ::testing::Test {
-protected:
+  protected:
     void SetUp() override { TraceRecorder::reset(); }
 
     static void log(int level, const char* domain, const char* message) {
@@ -73,7 +73,8 @@ TEST_F(TwampTestSessionLoghandlerTest, RecursionFlagIsClearedBeforeLookup) {
 // The bare recursion flag leaves level 0, which is unknown: the RECURSION row is never chosen.
 TEST_F(TwampTestSessionLoghandlerTest, BareRecursionFlagIsUnknownLevelZero) {
     log(G_LOG_FLAG_RECURSION, "dom", "odd");
-    EXPECT_EQ("ERROR twampTestSessionLoghandler(): UNKNOWN_GLIB_LOG_LEVEL=0: dom: odd", onlyTrace());
+    EXPECT_EQ("ERROR twampTestSessionLoghandler(): UNKNOWN_GLIB_LOG_LEVEL=0: dom: odd",
+              onlyTrace());
 }
 
 // A level outside the table is traced at ERROR with its value.

@@ -38,8 +38,8 @@ extern "C" {
  * @param data2   platform-specific, 0 when unused
  * @return 0 when the request was recorded, -1 with errno set otherwise
  */
-int qrn_ng_restart_request_line_and_file(int line, const char* file, int level,
-                                         const char* message, int data1, int data2);
+int qrn_ng_restart_request_line_and_file(int line, const char* file, int level, const char* message,
+                                         int data1, int data2);
 
 #ifdef __cplusplus
 }

@@ -40,8 +40,7 @@ constexpr std::size_t kRestartMessageSize = 128;
 // Formats "<prefix with function name><message>" into the thread's trace
 // buffer and returns it; valid until the next message of the same thread.
 const char* trace_format(const char* prefixFormat, const char* functionName,
-                         const char* messageFormat, ...)
-    __attribute__((format(printf, 3, 4)));
+                         const char* messageFormat, ...) __attribute__((format(printf, 3, 4)));
 
 // The thread's operator-log formatting buffer (second half of the area).
 char* trace_log_format_buffer();

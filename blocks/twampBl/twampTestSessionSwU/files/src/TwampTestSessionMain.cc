@@ -61,9 +61,9 @@ void twampTestSessionLoghandler(const gchar* logDomain, GLogLevelFlags logLevel,
                 break;
         }
     } else {
-        TRACE_ERROR(fatal ? "FATAL UNKNOWN_GLIB_LOG_LEVEL=%d: %s: %s"
-                          : "UNKNOWN_GLIB_LOG_LEVEL=%d: %s: %s",
-                    levelProper, logDomain, message);
+        TRACE_ERROR(
+            fatal ? "FATAL UNKNOWN_GLIB_LOG_LEVEL=%d: %s: %s" : "UNKNOWN_GLIB_LOG_LEVEL=%d: %s: %s",
+            levelProper, logDomain, message);
     }
 
     if (fatal) {

@@ -18,8 +18,7 @@
 #include <lttng/tracepoint.h>
 
 TRACEPOINT_EVENT_CLASS(com_quorin_tn_twamp, text_event,
-                       TP_ARGS(const char*, position, const char*, component, const char*,
-                               message),
+                       TP_ARGS(const char*, position, const char*, component, const char*, message),
                        TP_FIELDS(ctf_string(position, position) ctf_string(component, component)
                                      ctf_string(message, message)))
 
