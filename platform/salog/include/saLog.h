@@ -117,25 +117,60 @@ typedef struct {
     SaLogWriteLogCallbackT saLogWriteLogCallback;
 } SaLogCallbacksT;
 
-/* Opens the service; *version is checked against the supported A.02.x. */
+/*
+ * Opens the service and returns a fresh, non-zero handle in *logHandle.
+ * @param callbacks may be NULL; no callback is ever delivered.
+ * @param version   [in/out] release 'A', major 2 is required (the minor version
+ *                  is ignored); on return it holds the implemented A.02.01.
+ * @return SA_AIS_OK, SA_AIS_ERR_VERSION, SA_AIS_ERR_INVALID_PARAM (NULL
+ *         logHandle or version), SA_AIS_ERR_NO_MEMORY.
+ */
 SaAisErrorT saLogInitialize(SaLogHandleT* logHandle, const SaLogCallbacksT* callbacks,
                             SaVersionT* version);
 
-/* Opens the stream named by logStreamName; a NULL logFileCreateAttributes
- * opens an already configured stream. */
+/*
+ * Opens the stream named by the DN logStreamName, e.g.
+ * "safLgStr=TnNetworkLog,safApp=safLogService". The stream's file is
+ * <SA_LOG_DIR>/<value of the first RDN>.log (SA_LOG_DIR defaults to
+ * /var/log/saflog). A NULL logFileCreateAttributes with flags 0 opens an
+ * already configured stream (its file must exist); create attributes with
+ * SA_LOG_STREAM_CREATE create the file when it is missing. timeOut is unused.
+ * @return SA_AIS_OK, SA_AIS_ERR_BAD_HANDLE, SA_AIS_ERR_INVALID_PARAM (NULL
+ *         pointer, malformed DN, attributes and flag not given together),
+ *         SA_AIS_ERR_BAD_FLAGS, SA_AIS_ERR_NOT_EXIST (unconfigured stream),
+ *         SA_AIS_ERR_ACCESS, SA_AIS_ERR_NO_SPACE, SA_AIS_ERR_NO_RESOURCES,
+ *         SA_AIS_ERR_NO_MEMORY, SA_AIS_ERR_LIBRARY.
+ */
 SaAisErrorT saLogStreamOpen_2(SaLogHandleT logHandle, const SaNameT* logStreamName,
                               const SaLogFileCreateAttributesT_2* logFileCreateAttributes,
                               SaLogStreamOpenFlagsT logStreamOpenFlags, SaTimeT timeOut,
                               SaLogStreamHandleT* logStreamHandle);
 
-/* Writes one record to the stream. */
+/*
+ * Writes one record as one line "<UTC time> <severity> <user name> <text>"
+ * before it returns. Only the generic header is supported. A logTimeStamp of
+ * SA_TIME_UNKNOWN is replaced by the current time. No acknowledgement is ever
+ * delivered.
+ * @return SA_AIS_OK, SA_AIS_ERR_BAD_HANDLE, SA_AIS_ERR_INVALID_PARAM (NULL
+ *         record, other header type, unknown severity, name longer than
+ *         SA_MAX_NAME_LENGTH, NULL logBuf with a size), SA_AIS_ERR_BAD_FLAGS,
+ *         SA_AIS_ERR_INIT (acknowledgement asked without a write callback),
+ *         SA_AIS_ERR_NO_SPACE, SA_AIS_ERR_NO_MEMORY, SA_AIS_ERR_LIBRARY.
+ */
 SaAisErrorT saLogWriteLogAsync(SaLogStreamHandleT logStreamHandle, SaInvocationT invocation,
                                SaLogAckFlagsT ackFlags, const SaLogRecordT* logRecord);
 
-/* Closes the stream. */
+/*
+ * Closes the stream; its handle is invalid afterwards.
+ * @return SA_AIS_OK, SA_AIS_ERR_BAD_HANDLE, SA_AIS_ERR_LIBRARY.
+ */
 SaAisErrorT saLogStreamClose(SaLogStreamHandleT logStreamHandle);
 
-/* Closes every stream of the handle and the service. */
+/*
+ * Closes every stream of the handle and the service; all these handles are
+ * invalid afterwards.
+ * @return SA_AIS_OK, SA_AIS_ERR_BAD_HANDLE.
+ */
 SaAisErrorT saLogFinalize(SaLogHandleT logHandle);
 
 #ifdef __cplusplus
