@@ -1,0 +1,22 @@
+// The side of a test session through which the UDP socket hands it what
+// arrives for its reflector address.
+#ifndef TWAMP_MESSAGE_RECEIVER_H
+#define TWAMP_MESSAGE_RECEIVER_H
+
+#include <sys/socket.h>
+
+#include <cstddef>
+
+class MessageReceiver {
+public:
+    virtual ~MessageReceiver() = default;
+
+    // A reflected test packet: source address in msg_name, data in the single
+    // I/O vector, ancillary data in the control buffer (no byte count).
+    virtual void receiveMessage(struct msghdr* msg) = 0;
+    // A message of the error queue (looped-back frame with its transmit
+    // timestamp) with the number of bytes received.
+    virtual void receiveErrQueueMessage(struct msghdr* msg, ssize_t length) = 0;
+};
+
+#endif  // TWAMP_MESSAGE_RECEIVER_H
