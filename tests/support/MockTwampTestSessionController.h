@@ -10,7 +10,7 @@
 namespace twamp_test {
 
 class MockTwampTestSessionController : public TwampTestSessionControllerInterface {
-public:
+  public:
     MOCK_METHOD(IoMultiplexer&, getIoMultiplexer, (), (override));
     MOCK_METHOD(ItcDispatcher*, getItcDispatcher, (), (override));
     MOCK_METHOD(UdpSocket&, getUdpSocket, (), (override));

@@ -8,7 +8,7 @@
 #include <cstddef>
 
 class MessageReceiver {
-public:
+  public:
     virtual ~MessageReceiver() = default;
 
     // A reflected test packet: source address in msg_name, data in the single

@@ -14,7 +14,7 @@ class SocketHelper;
 class TwampTestSession;
 
 class TwampTestSessionControllerInterface {
-public:
+  public:
     virtual ~TwampTestSessionControllerInterface() = default;
 
     // The event loop's multiplexer.
