@@ -1,0 +1,456 @@
+#include "UdpSocket.h"
+
+#include <fcntl.h>
+#include <netinet/in.h>
+#include <unistd.h>
+
+#include <cerrno>
+#include <cstring>
+
+#include "IoMultiplexer.h"
+#include "SocketHelper.h"
+#include "TimestampSource.h"
+#include "TraceFacade.h"
+#include "TwampTestSessionController.h"
+
+namespace {
+
+constexpr int kTtl = 255;
+constexpr int kOptionOn = 1;
+
+}  // namespace
+
+// ---- SocketSystemCalls ----
+
+SocketSystemCalls::~SocketSystemCalls() = default;
+
+int SocketSystemCalls::getaddrinfo(const char* node, const char* service,
+                                   const struct addrinfo* hints, struct addrinfo** result) {
+    return ::getaddrinfo(node, service, hints, result);
+}
+
+void SocketSystemCalls::freeaddrinfo(struct addrinfo* result) {
+    ::freeaddrinfo(result);
+}
+
+int SocketSystemCalls::socket(int domain, int type, int protocol) {
+    return ::socket(domain, type, protocol);
+}
+
+int SocketSystemCalls::bind(int fd, const struct sockaddr* address, socklen_t length) {
+    return ::bind(fd, address, length);
+}
+
+int SocketSystemCalls::close(int fd) {
+    return ::close(fd);
+}
+
+unsigned int SocketSystemCalls::sleep(unsigned int seconds) {
+    return ::sleep(seconds);
+}
+
+int SocketSystemCalls::clockGettime(clockid_t clock, struct timespec* time) {
+    return ::clock_gettime(clock, time);
+}
+
+int SocketSystemCalls::timerfdCreate(int clock, int flags) {
+    return ::timerfd_create(clock, flags);
+}
+
+int SocketSystemCalls::timerfdSettime(int fd, int flags, const struct itimerspec* newValue,
+                                      struct itimerspec* oldValue) {
+    return ::timerfd_settime(fd, flags, newValue, oldValue);
+}
+
+ssize_t SocketSystemCalls::read(int fd, void* buffer, std::size_t count) {
+    return ::read(fd, buffer, count);
+}
+
+ssize_t SocketSystemCalls::recvmsg(int fd, struct msghdr* msg, int flags) {
+    return ::recvmsg(fd, msg, flags);
+}
+
+int SocketSystemCalls::setsockopt(int fd, int level, int name, const void* value,
+                                  socklen_t length) {
+    return ::setsockopt(fd, level, name, value, length);
+}
+
+int SocketSystemCalls::fcntl(int fd, int command, int argument) {
+    return ::fcntl(fd, command, argument);
+}
+
+SocketSystemCalls& SocketSystemCalls::real() {
+    static SocketSystemCalls instance;
+    return instance;
+}
+
+// ---- Construction ----
+
+UdpSocket::UdpSocket(SocketSystemCalls* systemCalls)
+    : systemCalls((systemCalls != nullptr) ? systemCalls : &SocketSystemCalls::real()),
+      receiveBuffer(kReceiveBufferSize) {
+    std::memset(controlBuffer, 0, sizeof(controlBuffer));
+    std::memset(&sourceAddress, 0, sizeof(sourceAddress));
+    std::memset(&ioVector, 0, sizeof(ioVector));
+    std::memset(&messageHeader, 0, sizeof(messageHeader));
+}
+
+UdpSocket::~UdpSocket() {
+    // The multiplexer must not keep descriptors that are about to be closed.
+    if (multiplexer != nullptr) {
+        multiplexer->removeReadHandler(this);
+    }
+    if (bindTimerFd != -1) {
+        stopBindTimer();
+        closeBindTimer();
+    }
+    if (socketFd != -1) {
+        systemCalls->close(socketFd);
+        socketFd = -1;
+    }
+}
+
+// ---- IoHandler ----
+
+std::set<int> UdpSocket::getReadFds() const {
+    return readFds;
+}
+
+bool UdpSocket::handleInput(int fd) {
+    if (bindTimerFd != -1 && fd == bindTimerFd) {
+        uint64_t expirations = 0;
+        systemCalls->read(fd, &expirations, sizeof(expirations));
+        retryBind();
+        return true;
+    }
+    // At most one of each per readiness event: whatever remains keeps the
+    // descriptor readable for the next round of the loop.
+    handleErrQueueMessage();
+    handleMessage();
+    return true;
+}
+
+void UdpSocket::handleErrQueueMessage() {
+    const ssize_t length = receiveMessage(MSG_ERRQUEUE);
+    if (length < 1) {
+        return;
+    }
+    ++errQueueMessageCount;
+    const std::size_t frameLength = static_cast<std::size_t>(length);
+    ReceiverKey key;
+    // Anything but a looped-back UDP frame of our family is skipped silently.
+    if (!isLoopedUdpFrame(receiveBuffer.data(), frameLength, family) ||
+        !getLoopedFrameDestination(key, receiveBuffer.data(), frameLength, family)) {
+        return;
+    }
+    MessageReceiver* receiver = findMessageReceiver(key);
+    if (receiver == nullptr) {
+        TRACE_LAB("Failed to find message receiver");
+        return;
+    }
+    receiver->receiveErrQueueMessage(&messageHeader, length);
+}
+
+void UdpSocket::handleMessage() {
+    const ssize_t length = receiveMessage(0);
+    if (length < 1) {
+        return;
+    }
+    ++messageCount;
+    MessageReceiver* receiver = findMessageReceiver(ReceiverKey(sourceAddress));
+    if (receiver == nullptr) {
+        TRACE_LAB("Failed to find message receiver");
+        return;
+    }
+    receiver->receiveMessage(&messageHeader);
+}
+
+MessageReceiver* UdpSocket::findMessageReceiver(const ReceiverKey& key) const {
+    const auto entry = receivers.find(key);
+    return (entry == receivers.end()) ? nullptr : entry->second;
+}
+
+// ---- Binding ----
+
+bool UdpSocket::init(const char* srcIpAddress, const char* srcUdpPort, bool isIpsecTunnel) {
+    this->srcIpAddress = srcIpAddress;
+    this->srcUdpPort = srcUdpPort;
+    ipsecTunnel = isIpsecTunnel;
+    return getBoundSocket(kStartUpBindAttempts);
+}
+
+bool UdpSocket::retryBind() {
+    return getBoundSocket(1);
+}
+
+void UdpSocket::getHints(struct addrinfo* hints) const {
+    std::memset(hints, 0, sizeof(*hints));
+    hints->ai_flags = AI_PASSIVE;
+    hints->ai_socktype = SOCK_DGRAM;
+}
+
+bool UdpSocket::getBoundSocket(int attempts) {
+    struct addrinfo hints;
+    getHints(&hints);
+    struct addrinfo* addresses = nullptr;
+    const int resolved = systemCalls->getaddrinfo(srcIpAddress, srcUdpPort, &hints, &addresses);
+    if (resolved != 0) {
+        // An address that cannot be resolved will not resolve later either.
+        TRACE_ERROR("Failed getaddrinfo: %s", gai_strerror(resolved));
+        return false;
+    }
+    int failedRounds = 0;
+    int lastErrno = errno;
+    const int boundFd = bindInRounds(addresses, attempts, failedRounds, lastErrno);
+    if (boundFd == -1) {
+        systemCalls->freeaddrinfo(addresses);
+        if (bindTimerFd == -1) {
+            TRACE_INFO("Failed IP %s port %s socket bind: errno %d - %s", srcIpAddress, srcUdpPort,
+                       lastErrno, std::strerror(lastErrno));
+        } else {
+            TRACE_LAB("Failed IP %s port %s socket bind: errno %d - %s", srcIpAddress, srcUdpPort,
+                      lastErrno, std::strerror(lastErrno));
+        }
+        scheduleNextBindAttempt();
+        return false;
+    }
+    TRACE_INFO("Succeeded IP %s port %s socket bind after %d seconds", srcIpAddress, srcUdpPort,
+               failedRounds);
+    socketFd = boundFd;
+    readFds.insert(socketFd);
+    family = addresses->ai_family;
+    systemCalls->freeaddrinfo(addresses);
+    socketConfiguration();
+    return true;
+}
+
+// Up to attempts rounds, each failed one followed by a one-second sleep that
+// blocks the whole process; the bound socket or -1.
+int UdpSocket::bindInRounds(const struct addrinfo* addresses, int attempts, int& failedRounds,
+                            int& lastErrno) {
+    while (failedRounds < attempts) {
+        const int fd = bindFirstAddress(addresses, lastErrno);
+        if (fd != -1) {
+            return fd;
+        }
+        ++failedRounds;
+        systemCalls->sleep(1);
+    }
+    return -1;
+}
+
+// One round: the first resolved address that takes a socket and a bind wins.
+int UdpSocket::bindFirstAddress(const struct addrinfo* addresses, int& lastErrno) {
+    for (const struct addrinfo* entry = addresses; entry != nullptr; entry = entry->ai_next) {
+        const int fd =
+            systemCalls->socket(entry->ai_family, entry->ai_socktype, entry->ai_protocol);
+        if (fd == -1) {
+            lastErrno = errno;
+            continue;
+        }
+        if (systemCalls->bind(fd, entry->ai_addr, entry->ai_addrlen) == 0) {
+            return fd;
+        }
+        lastErrno = errno;
+        systemCalls->close(fd);
+    }
+    return -1;
+}
+
+void UdpSocket::scheduleNextBindAttempt() {
+    if (bindTimerFd == -1) {
+        bindTimerFd = systemCalls->timerfdCreate(CLOCK_MONOTONIC, 0);
+        if (bindTimerFd != -1) {
+            readFds.insert(bindTimerFd);
+        }
+        registerWithMultiplexer();
+    }
+    struct timespec now {};
+    if (systemCalls->clockGettime(CLOCK_MONOTONIC, &now) != 0) {
+        const int error = errno;
+        TRACE_ERROR("Failed clock_gettime: errno %d - %s", error, std::strerror(error));
+        return;
+    }
+    // One shot at an absolute whole second: a late retry does not shift the next.
+    struct itimerspec setting {};
+    setting.it_value.tv_sec = now.tv_sec + kBindRetrySeconds;
+    if (systemCalls->timerfdSettime(bindTimerFd, TFD_TIMER_ABSTIME, &setting, nullptr) != 0) {
+        const int error = errno;
+        TRACE_ERROR("Failed timerfd_settime: errno %d - %s", error, std::strerror(error));
+    }
+}
+
+void UdpSocket::stopBindTimer() {
+    if (bindTimerFd == -1) {
+        const int error = errno;
+        TRACE_ERROR("Bind timer is not running: errno %d - %s", error, std::strerror(error));
+    }
+    const struct itimerspec disarmed {};
+    if (systemCalls->timerfdSettime(bindTimerFd, TFD_TIMER_ABSTIME, &disarmed, nullptr) != 0) {
+        const int error = errno;
+        TRACE_ERROR("Failed timerfd_settime: errno %d - %s", error, std::strerror(error));
+    }
+}
+
+void UdpSocket::closeBindTimer() {
+    readFds.erase(bindTimerFd);
+    systemCalls->close(bindTimerFd);
+    bindTimerFd = -1;
+}
+
+// ---- Configuration ----
+
+bool UdpSocket::socketConfiguration() {
+    // A failed step is traced and never stops the sequence.
+    bool configured = makeNonBlocking();
+    configured = enableTimestamping() && configured;
+    if (family == AF_INET) {
+        configured = setIpv4Options() && configured;
+    } else if (family == AF_INET6) {
+        configured = setIpv6Options() && configured;
+    }
+    registerWithMultiplexer();
+    return configured;
+}
+
+bool UdpSocket::makeNonBlocking() {
+    const int flags = systemCalls->fcntl(socketFd, F_GETFL, 0);
+    const int nonBlocking = (flags == -1) ? O_NONBLOCK : (flags | O_NONBLOCK);
+    if (systemCalls->fcntl(socketFd, F_SETFL, nonBlocking) == -1) {
+        const int error = errno;
+        TRACE_ERROR("Failed fcntl: errno %d - %s", error, std::strerror(error));
+        return false;
+    }
+    return true;
+}
+
+bool UdpSocket::enableTimestamping() {
+    const int value = TimestampSource::configureFromEnvironment().getOptionValue();
+    if (!setIntOption(SOL_SOCKET, SO_TIMESTAMPING, value)) {
+        const int error = errno;
+        TRACE_ERROR("Failed setsockopt SO_TIMESTAMPING: errno %d - %s", error,
+                    std::strerror(error));
+        return false;
+    }
+    return true;
+}
+
+bool UdpSocket::setIpv4Options() {
+    bool configured = true;
+    if (!setIntOption(IPPROTO_IP, IP_TTL, kTtl)) {
+        const int error = errno;
+        TRACE_ERROR("Failed to set socket option IP_TTL: errno %d - %s", error,
+                    std::strerror(error));
+        configured = false;
+    }
+    if (!setIntOption(IPPROTO_IP, IP_RECVTTL, kOptionOn)) {
+        const int error = errno;
+        TRACE_ERROR("Failed to set socket option IP_RECVTTL: errno %d - %s", error,
+                    std::strerror(error));
+        configured = false;
+    }
+    if (!setIntOption(IPPROTO_IP, IP_RECVTOS, kOptionOn)) {
+        const int error = errno;
+        TRACE_ERROR("Failed to set socket option IP_RECVTOS: errno %d - %s", error,
+                    std::strerror(error));
+        configured = false;
+    }
+    return configured;
+}
+
+// No hop limit is set here: IPv6 packets carry theirs as ancillary data.
+bool UdpSocket::setIpv6Options() {
+    bool configured = true;
+    if (!setIntOption(IPPROTO_IPV6, IPV6_RECVHOPLIMIT, kOptionOn)) {
+        const int error = errno;
+        TRACE_ERROR("Failed to set socket option IPV6_RECVHOPLIMIT: errno %d - %s", error,
+                    std::strerror(error));
+        configured = false;
+    }
+    if (!setIntOption(IPPROTO_IPV6, IPV6_RECVTCLASS, kOptionOn)) {
+        const int error = errno;
+        TRACE_ERROR("Failed to set socket option IPV6_RECVTCLASS: errno %d - %s", error,
+                    std::strerror(error));
+        configured = false;
+    }
+    return configured;
+}
+
+bool UdpSocket::setIntOption(int level, int name, int value) {
+    return systemCalls->setsockopt(socketFd, level, name, &value, sizeof(value)) == 0;
+}
+
+void UdpSocket::registerWithMultiplexer() {
+    IoMultiplexer& ioMultiplexer = TwampTestSessionController::getInstance()->getIoMultiplexer();
+    ioMultiplexer.registerReadHandler(this);
+    multiplexer = &ioMultiplexer;
+}
+
+// ---- Receiving ----
+
+void UdpSocket::addMessageReceiver(const ReceiverKey& key, MessageReceiver* receiver) {
+    receivers.emplace(key, receiver);
+}
+
+void UdpSocket::removeMessageReceiver(const ReceiverKey& key) {
+    receivers.erase(key);
+}
+
+void UdpSocket::resetMessageHeader() {
+    std::memset(&sourceAddress, 0, sizeof(sourceAddress));
+    std::memset(controlBuffer, 0, sizeof(controlBuffer));
+    std::memset(&messageHeader, 0, sizeof(messageHeader));
+    ioVector.iov_base = receiveBuffer.data();
+    ioVector.iov_len = receiveBuffer.size();
+    messageHeader.msg_name = &sourceAddress;
+    messageHeader.msg_iov = &ioVector;
+    messageHeader.msg_iovlen = 1;
+    messageHeader.msg_control = controlBuffer;
+}
+
+ssize_t UdpSocket::receiveMessage(int flags) {
+    resetMessageHeader();
+    messageHeader.msg_namelen = sizeof(sourceAddress);
+    ioVector.iov_len = kReceiveBufferSize;
+    messageHeader.msg_controllen = kControlBufferSize;
+    const ssize_t received = systemCalls->recvmsg(socketFd, &messageHeader, flags | MSG_DONTWAIT);
+    if (received < 0 && errno != ENOMSG && errno != EAGAIN) {
+        const int error = errno;
+        TRACE_LAB("Failed recvmsg: errno %d - %s", error, std::strerror(error));
+    }
+    return received;
+}
+
+// ---- Accessors ----
+
+int UdpSocket::getSocketFd() const {
+    return socketFd;
+}
+
+int UdpSocket::getFamily() const {
+    return family;
+}
+
+const char* UdpSocket::getSrcIpAddress() const {
+    return srcIpAddress;
+}
+
+const char* UdpSocket::getSrcUdpPort() const {
+    return srcUdpPort;
+}
+
+bool UdpSocket::isIpsecTunnel() const {
+    return ipsecTunnel;
+}
+
+int UdpSocket::getBindTimerFd() const {
+    return bindTimerFd;
+}
+
+uint64_t UdpSocket::getMessageCount() const {
+    return messageCount;
+}
+
+uint64_t UdpSocket::getErrQueueMessageCount() const {
+    return errQueueMessageCount;
+}

@@ -1,0 +1,168 @@
+// The daemon's one UDP socket, shared by all test sessions.
+//
+// It binds to the source address and port of the command line (30 blocking
+// rounds at start-up, then one round every 10 seconds driven by a timer),
+// configures kernel timestamping and the receive options, and routes what
+// arrives: reflected packets to the receiver registered for their source
+// address, transmit timestamps from the error queue to the receiver
+// registered for the destination of the looped-back frame.
+#ifndef TWAMP_UDP_SOCKET_H
+#define TWAMP_UDP_SOCKET_H
+
+#include <netdb.h>
+#include <sys/socket.h>
+#include <sys/timerfd.h>
+#include <sys/types.h>
+#include <sys/uio.h>
+
+#include <cstddef>
+#include <cstdint>
+#include <ctime>
+#include <map>
+#include <set>
+#include <vector>
+
+#include "IoHandler.h"
+#include "MessageReceiver.h"
+#include "ReceiverKey.h"
+
+class IoMultiplexer;
+
+// The system calls of the socket. The base class calls the real ones; tests
+// override single calls to drive bind failures, clocks and received messages
+// without sleeping or depending on the network.
+class SocketSystemCalls {
+  public:
+    virtual ~SocketSystemCalls();
+
+    // ::getaddrinfo
+    virtual int getaddrinfo(const char* node, const char* service, const struct addrinfo* hints,
+                            struct addrinfo** result);
+    // ::freeaddrinfo
+    virtual void freeaddrinfo(struct addrinfo* result);
+    // ::socket
+    virtual int socket(int domain, int type, int protocol);
+    // ::bind
+    virtual int bind(int fd, const struct sockaddr* address, socklen_t length);
+    // ::close
+    virtual int close(int fd);
+    // ::sleep
+    virtual unsigned int sleep(unsigned int seconds);
+    // ::clock_gettime
+    virtual int clockGettime(clockid_t clock, struct timespec* time);
+    // ::timerfd_create
+    virtual int timerfdCreate(int clock, int flags);
+    // ::timerfd_settime
+    virtual int timerfdSettime(int fd, int flags, const struct itimerspec* newValue,
+                               struct itimerspec* oldValue);
+    // ::read
+    virtual ssize_t read(int fd, void* buffer, std::size_t count);
+    // ::recvmsg
+    virtual ssize_t recvmsg(int fd, struct msghdr* msg, int flags);
+    // ::setsockopt
+    virtual int setsockopt(int fd, int level, int name, const void* value, socklen_t length);
+    // ::fcntl with one int argument (0 for commands without one).
+    virtual int fcntl(int fd, int command, int argument);
+
+    // The process's instance calling the real system calls.
+    static SocketSystemCalls& real();
+};
+
+class UdpSocket : public IoHandler {
+  public:
+    static constexpr std::size_t kReceiveBufferSize = 10000;
+    static constexpr std::size_t kControlBufferSize = 256;
+    static constexpr int kStartUpBindAttempts = 30;
+    static constexpr time_t kBindRetrySeconds = 10;
+
+    // systemCalls: null for the real system calls; otherwise not owned and
+    // must outlive the socket.
+    explicit UdpSocket(SocketSystemCalls* systemCalls = nullptr);
+    UdpSocket(const UdpSocket&) = delete;
+    UdpSocket& operator=(const UdpSocket&) = delete;
+    ~UdpSocket() override;
+
+    // IoHandler
+    // The bound socket and the bind timer, whichever exist.
+    std::set<int> getReadFds() const override;
+    // Bind timer: one bind round. Socket: one error-queue message, then one packet.
+    bool handleInput(int fd) override;
+
+    // The bound socket, -1 when not bound.
+    virtual int getSocketFd() const;
+    // Stores the source address, port and tunnel flag and binds (30 rounds).
+    virtual bool init(const char* srcIpAddress, const char* srcUdpPort, bool isIpsecTunnel);
+    // Non-blocking mode, timestamping, receive options; registers for reading.
+    virtual bool socketConfiguration();
+    // One bind round, on expiry of the bind timer.
+    virtual bool retryBind();
+    // Routes packets of key to receiver unless the key is taken (the first one stays).
+    virtual void addMessageReceiver(const ReceiverKey& key, MessageReceiver* receiver);
+    // Stops routing packets of key.
+    virtual void removeMessageReceiver(const ReceiverKey& key);
+    // One recvmsg (flags | MSG_DONTWAIT) into the message header; its result.
+    virtual ssize_t receiveMessage(int flags);
+    // Clears source address, control buffer and flags and rebuilds the header.
+    virtual void resetMessageHeader();
+    // Resolution hints: passive, datagram, any family.
+    virtual void getHints(struct addrinfo* hints) const;
+    // Family of the bound socket (first resolved address), 0 before.
+    virtual int getFamily() const;
+    // The source address text given to init.
+    virtual const char* getSrcIpAddress() const;
+    // The source port text given to init.
+    virtual const char* getSrcUdpPort() const;
+    // The tunnel flag given to init; it changes no behaviour.
+    virtual bool isIpsecTunnel() const;
+
+    // Up to attempts rounds over the resolved addresses, one second apart;
+    // schedules a retry when all fail.
+    bool getBoundSocket(int attempts);
+    // Creates the bind timer when needed and arms it 10 s ahead.
+    void scheduleNextBindAttempt();
+    // Disarms the bind timer.
+    void stopBindTimer();
+    // Closes the bind timer.
+    void closeBindTimer();
+
+    // The bind timer, -1 when none.
+    int getBindTimerFd() const;
+    // Packets received so far.
+    uint64_t getMessageCount() const;
+    // Error-queue messages received so far.
+    uint64_t getErrQueueMessageCount() const;
+
+  private:
+    int bindInRounds(const struct addrinfo* addresses, int attempts, int& failedRounds,
+                     int& lastErrno);
+    int bindFirstAddress(const struct addrinfo* addresses, int& lastErrno);
+    bool makeNonBlocking();
+    bool enableTimestamping();
+    bool setIpv4Options();
+    bool setIpv6Options();
+    bool setIntOption(int level, int name, int value);
+    void registerWithMultiplexer();
+    void handleErrQueueMessage();
+    void handleMessage();
+    MessageReceiver* findMessageReceiver(const ReceiverKey& key) const;
+
+    SocketSystemCalls* systemCalls;
+    std::vector<uint8_t> receiveBuffer;
+    const char* srcIpAddress = nullptr;  // the caller's string, not copied
+    const char* srcUdpPort = nullptr;    // the caller's string, not copied
+    bool ipsecTunnel = false;
+    int socketFd = -1;
+    int bindTimerFd = -1;
+    std::set<int> readFds;
+    int family = 0;
+    uint64_t messageCount = 0;
+    uint64_t errQueueMessageCount = 0;
+    alignas(struct cmsghdr) uint8_t controlBuffer[kControlBufferSize];
+    struct sockaddr_storage sourceAddress;
+    struct iovec ioVector;
+    struct msghdr messageHeader;
+    std::map<ReceiverKey, MessageReceiver*> receivers;  // receivers not owned
+    IoMultiplexer* multiplexer = nullptr;               // where the socket registered, if anywhere
+};
+
+#endif  // TWAMP_UDP_SOCKET_H

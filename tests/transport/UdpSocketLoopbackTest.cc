@@ -1,0 +1,281 @@
+// The UDP socket with real sockets on the loopback interface.
+#include <arpa/inet.h>
+#include <fcntl.h>
+#include <linux/net_tstamp.h>
+#include <netinet/in.h>
+#include <poll.h>
+#include <sys/socket.h>
+#include <unistd.h>
+
+#include <cstdint>
+#include <cstdlib>
+#include <cstring>
+#include <memory>
+#include <string>
+#include <vector>
+
+#include <gmock/gmock.h>
+#include <gtest/gtest.h>
+
+#include "IoMultiplexer.h"
+#include "MockMessageReceiver.h"
+#include "MockTwampTestSessionController.h"
+#include "SocketHelper.h"
+#include "TimestampSource.h"
+#include "TraceRecorder.h"
+#include "TwampTestSessionController.h"
+#include "UdpSocket.h"
+
+namespace {
+
+using ::testing::_;
+using ::testing::InSequence;
+using ::testing::NiceMock;
+using ::testing::ReturnRef;
+using ::testing::StrictMock;
+using twamp_test::MockMessageReceiver;
+using twamp_test::MockTwampTestSessionController;
+using twamp_test::TraceRecorder;
+
+// Longest wait for the kernel to make a loopback datagram readable.
+constexpr int kPollTimeoutMs = 2000;
+
+struct sockaddr_in localAddress(int fd) {
+    struct sockaddr_in address {};
+    socklen_t length = sizeof(address);
+    getsockname(fd, reinterpret_cast<struct sockaddr*>(&address), &length);
+    return address;
+}
+
+ReceiverKey keyOf(const struct sockaddr_in& address) {
+    return ReceiverKey(reinterpret_cast<const struct sockaddr*>(&address), sizeof(address));
+}
+
+// A UDP socket bound to 127.0.0.1 on a free port; closed with the object.
+class PeerSocket {
+  public:
+    PeerSocket() : fd(socket(AF_INET, SOCK_DGRAM, 0)) {
+        struct sockaddr_in address {};
+        address.sin_family = AF_INET;
+        address.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
+        bound = bind(fd, reinterpret_cast<struct sockaddr*>(&address), sizeof(address)) == 0;
+    }
+    PeerSocket(const PeerSocket&) = delete;
+    PeerSocket& operator=(const PeerSocket&) = delete;
+    ~PeerSocket() { close(fd); }
+
+    bool sendTo(const struct sockaddr_in& to, const std::string& text) const {
+        return sendto(fd, text.data(), text.size(), 0,
+                      reinterpret_cast<const struct sockaddr*>(&to),
+                      sizeof(to)) == static_cast<ssize_t>(text.size());
+    }
+
+    int fd;
+    bool bound = false;
+};
+
+// Waits until fd reports all of events (POLLIN, POLLERR), at most kPollTimeoutMs.
+bool waitFor(int fd, short events) {
+    struct pollfd watched {};
+    watched.fd = fd;
+    watched.events = POLLIN;
+    for (int round = 0; round < kPollTimeoutMs / 10; ++round) {
+        watched.revents = 0;
+        if (poll(&watched, 1, 10) < 0) {
+            return false;
+        }
+        if ((watched.revents & events) == events) {
+            return true;
+        }
+    }
+    return false;
+}
+
+// The first length bytes of the message's single buffer.
+std::string payloadOf(const struct msghdr* msg, std::size_t offset, std::size_t length) {
+    return std::string(static_cast<const char*>(msg->msg_iov[0].iov_base) + offset, length);
+}
+
+// The daemon's socket bound to 127.0.0.1 port 0 (a free port chosen by the
+// kernel) with the real system calls, and a peer socket beside it.
+class UdpSocketLoopbackTest : public ::testing::Test {
+  protected:
+    void SetUp() override {
+        TraceRecorder::reset();
+        unsetenv("TWAMP_TIMESTAMPING");
+        TimestampSource::setCurrent(TimestampSource());
+        TwampTestSessionController::resetInstanceForTest();
+        TwampTestSessionController::getInstance(&controller);
+        ON_CALL(controller, getIoMultiplexer()).WillByDefault(ReturnRef(multiplexer));
+        ASSERT_TRUE(peer.bound);
+    }
+
+    void TearDown() override {
+        udpSocket.reset();
+        TwampTestSessionController::resetInstanceForTest();
+        unsetenv("TWAMP_TIMESTAMPING");
+        TimestampSource::setCurrent(TimestampSource());
+    }
+
+    void bindSocket() {
+        udpSocket = std::make_unique<UdpSocket>();
+        ASSERT_TRUE(udpSocket->init("127.0.0.1", "0", false));
+        socketAddress = localAddress(udpSocket->getSocketFd());
+        TraceRecorder::reset();
+    }
+
+    int intOption(int level, int name) const {
+        int value = -1;
+        socklen_t length = sizeof(value);
+        getsockopt(udpSocket->getSocketFd(), level, name, &value, &length);
+        return value;
+    }
+
+    IoMultiplexer multiplexer;
+    NiceMock<MockTwampTestSessionController> controller;
+    PeerSocket peer;
+    struct sockaddr_in socketAddress {};
+    std::unique_ptr<UdpSocket> udpSocket;
+};
+
+// A bound IPv4 socket is non-blocking, asks for hardware timestamps (69),
+// sends with TTL 255 and receives TTL and TOS.
+TEST_F(UdpSocketLoopbackTest, ConfiguresTheBoundSocket) {
+    bindSocket();
+    EXPECT_EQ(O_RDWR | O_NONBLOCK, fcntl(udpSocket->getSocketFd(), F_GETFL));
+    EXPECT_EQ(69, intOption(SOL_SOCKET, SO_TIMESTAMPING));
+    EXPECT_EQ(255, intOption(IPPROTO_IP, IP_TTL));
+    EXPECT_EQ(1, intOption(IPPROTO_IP, IP_RECVTTL));
+    EXPECT_EQ(1, intOption(IPPROTO_IP, IP_RECVTOS));
+    EXPECT_EQ(AF_INET, udpSocket->getFamily());
+}
+
+// A datagram from the registered peer reaches its receiver with data and source.
+TEST_F(UdpSocketLoopbackTest, DatagramReachesReceiverOfItsSource) {
+    bindSocket();
+    StrictMock<MockMessageReceiver> receiver;
+    const struct sockaddr_in peerAddress = localAddress(peer.fd);
+    udpSocket->addMessageReceiver(keyOf(peerAddress), &receiver);
+    ASSERT_TRUE(peer.sendTo(socketAddress, "reflected"));
+    ASSERT_TRUE(waitFor(udpSocket->getSocketFd(), POLLIN));
+    std::string payload;
+    uint16_t sourcePort = 0;
+    EXPECT_CALL(receiver, receiveMessage(_)).WillOnce([&](struct msghdr* msg) {
+        payload = payloadOf(msg, 0, 9);
+        struct sockaddr_in source {};
+        std::memcpy(&source, msg->msg_name, sizeof(source));
+        sourcePort = source.sin_port;
+    });
+    EXPECT_TRUE(udpSocket->handleInput(udpSocket->getSocketFd()));
+    EXPECT_EQ("reflected", payload);
+    EXPECT_EQ(peerAddress.sin_port, sourcePort);
+    EXPECT_EQ(1U, udpSocket->getMessageCount());
+    EXPECT_TRUE(TraceRecorder::twampMessages("LAB").empty());
+}
+
+// The TTL and TOS of a received datagram come with it as ancillary data.
+TEST_F(UdpSocketLoopbackTest, DatagramCarriesTtlAndDscp) {
+    bindSocket();
+    NiceMock<MockMessageReceiver> receiver;
+    udpSocket->addMessageReceiver(keyOf(localAddress(peer.fd)), &receiver);
+    const int ttl = 77;
+    const int tos = 46 * 4;
+    ASSERT_EQ(0, setsockopt(peer.fd, IPPROTO_IP, IP_TTL, &ttl, sizeof(ttl)));
+    ASSERT_EQ(0, setsockopt(peer.fd, IPPROTO_IP, IP_TOS, &tos, sizeof(tos)));
+    ASSERT_TRUE(peer.sendTo(socketAddress, "reflected"));
+    ASSERT_TRUE(waitFor(udpSocket->getSocketFd(), POLLIN));
+    SocketHelper helper;
+    int receivedTtl = -1;
+    uint32_t receivedDscp = 0;
+    EXPECT_CALL(receiver, receiveMessage(_)).WillOnce([&](struct msghdr* msg) {
+        receivedTtl = helper.getTtl(msg, AF_INET);
+        receivedDscp = helper.getDscp(msg, AF_INET);
+    });
+    udpSocket->handleInput(udpSocket->getSocketFd());
+    EXPECT_EQ(77, receivedTtl);
+    EXPECT_EQ(46U, receivedDscp);
+}
+
+// A datagram from another source port of the same address finds no receiver.
+TEST_F(UdpSocketLoopbackTest, DatagramFromOtherPortFindsNoReceiver) {
+    bindSocket();
+    StrictMock<MockMessageReceiver> receiver;
+    udpSocket->addMessageReceiver(keyOf(localAddress(peer.fd)), &receiver);
+    PeerSocket stranger;
+    ASSERT_TRUE(stranger.bound);
+    ASSERT_TRUE(stranger.sendTo(socketAddress, "reflected"));
+    ASSERT_TRUE(waitFor(udpSocket->getSocketFd(), POLLIN));
+    EXPECT_TRUE(udpSocket->handleInput(udpSocket->getSocketFd()));
+    EXPECT_EQ(std::vector<std::string>{"handleMessage(): Failed to find message receiver"},
+              TraceRecorder::twampMessages("LAB"));
+    EXPECT_EQ(1U, udpSocket->getMessageCount());
+}
+
+// With software timestamps a sent packet comes back on the error queue. A
+// looped-back frame and a reply pending together are both handled in one
+// call, the error-queue message first: it carries the Ethernet-framed copy of
+// the sent packet (payload at 42) and a transmit timestamp.
+TEST_F(UdpSocketLoopbackTest, ErrQueueMessageAndReplyInOneCall) {
+    setenv("TWAMP_TIMESTAMPING", "software", 1);
+    bindSocket();
+    ASSERT_EQ(26, intOption(SOL_SOCKET, SO_TIMESTAMPING));
+    StrictMock<MockMessageReceiver> receiver;
+    const struct sockaddr_in peerAddress = localAddress(peer.fd);
+    udpSocket->addMessageReceiver(keyOf(peerAddress), &receiver);
+    ASSERT_EQ(4,
+              sendto(udpSocket->getSocketFd(), "test", 4, 0,
+                     reinterpret_cast<const struct sockaddr*>(&peerAddress), sizeof(peerAddress)));
+    ASSERT_TRUE(peer.sendTo(socketAddress, "reply"));
+    ASSERT_TRUE(waitFor(udpSocket->getSocketFd(), POLLIN | POLLERR));
+    ssize_t loopedLength = 0;
+    std::size_t headerLength = 0;
+    std::string loopedPayload;
+    uint64_t txTimestamp = 0;
+    std::string reply;
+    {
+        InSequence order;
+        EXPECT_CALL(receiver, receiveErrQueueMessage(_, _))
+            .WillOnce([&](struct msghdr* msg, ssize_t length) {
+                loopedLength = length;
+                headerLength = getLoopedFrameHeaderLength(
+                    msg->msg_iov[0].iov_base, static_cast<std::size_t>(length), AF_INET);
+                loopedPayload = payloadOf(msg, headerLength, 4);
+                txTimestamp = getTxTimestamp(msg);
+            });
+        EXPECT_CALL(receiver, receiveMessage(_)).WillOnce([&](struct msghdr* msg) {
+            reply = payloadOf(msg, 0, 5);
+        });
+    }
+    EXPECT_TRUE(udpSocket->handleInput(udpSocket->getSocketFd()));
+    EXPECT_EQ(46, loopedLength);
+    EXPECT_EQ(42U, headerLength);
+    EXPECT_EQ("test", loopedPayload);
+    EXPECT_NE(0U, txTimestamp);
+    EXPECT_EQ("reply", reply);
+    EXPECT_EQ(1U, udpSocket->getErrQueueMessageCount());
+    EXPECT_EQ(1U, udpSocket->getMessageCount());
+}
+
+// A port already taken by another socket fails every round with errno 98.
+TEST_F(UdpSocketLoopbackTest, TakenPortFailsToBind) {
+    class NoSleep : public SocketSystemCalls {
+      public:
+        unsigned int sleep(unsigned int) override {
+            ++sleeps;
+            return 0;
+        }
+        int sleeps = 0;
+    } systemCalls;
+    const std::string port = std::to_string(ntohs(localAddress(peer.fd).sin_port));
+    {
+        UdpSocket taken(&systemCalls);
+        EXPECT_FALSE(taken.init("127.0.0.1", port.c_str(), false));
+        EXPECT_EQ(-1, taken.getSocketFd());
+    }
+    EXPECT_EQ(30, systemCalls.sleeps);
+    EXPECT_EQ(std::vector<std::string>{"getBoundSocket(): Failed IP 127.0.0.1 port " + port +
+                                       " socket bind: errno 98 - Address already in use"},
+              TraceRecorder::twampMessages("INFO"));
+}
+
+}  // namespace

@@ -1,0 +1,803 @@
+#include "UdpSocket.h"
+
+#include <arpa/inet.h>
+#include <fcntl.h>
+#include <netdb.h>
+#include <netinet/in.h>
+#include <sys/socket.h>
+#include <sys/timerfd.h>
+
+#include <cerrno>
+#include <cstdint>
+#include <cstdlib>
+#include <cstring>
+#include <ctime>
+#include <memory>
+#include <string>
+#include <tuple>
+#include <vector>
+
+#include <gmock/gmock.h>
+#include <gtest/gtest.h>
+
+#include "IoMultiplexer.h"
+#include "MockMessageReceiver.h"
+#include "MockTwampTestSessionController.h"
+#include "TestFrames.h"
+#include "TimestampSource.h"
+#include "TraceRecorder.h"
+#include "TwampTestSessionController.h"
+
+namespace {
+
+using ::testing::_;
+using ::testing::AnyNumber;
+using ::testing::DoAll;
+using ::testing::InSequence;
+using ::testing::Invoke;
+using ::testing::NiceMock;
+using ::testing::Return;
+using ::testing::ReturnRef;
+using ::testing::StrictMock;
+using twamp_test::MockMessageReceiver;
+using twamp_test::MockTwampTestSessionController;
+using twamp_test::TraceRecorder;
+
+// The socket's system calls; every call goes to the real one unless a test
+// scripts it (delegateToReal).
+class MockSocketSystemCalls : public SocketSystemCalls {
+  public:
+    MOCK_METHOD(int, getaddrinfo,
+                (const char* node, const char* service, const struct addrinfo* hints,
+                 struct addrinfo** result),
+                (override));
+    MOCK_METHOD(void, freeaddrinfo, (struct addrinfo * result), (override));
+    MOCK_METHOD(int, socket, (int domain, int type, int protocol), (override));
+    MOCK_METHOD(int, bind, (int fd, const struct sockaddr* address, socklen_t length), (override));
+    MOCK_METHOD(int, close, (int fd), (override));
+    MOCK_METHOD(unsigned int, sleep, (unsigned int seconds), (override));
+    MOCK_METHOD(int, clockGettime, (clockid_t clock, struct timespec* time), (override));
+    MOCK_METHOD(int, timerfdCreate, (int clock, int flags), (override));
+    MOCK_METHOD(int, timerfdSettime,
+                (int fd, int flags, const struct itimerspec* newValue, struct itimerspec* oldValue),
+                (override));
+    MOCK_METHOD(ssize_t, read, (int fd, void* buffer, std::size_t count), (override));
+    MOCK_METHOD(ssize_t, recvmsg, (int fd, struct msghdr* msg, int flags), (override));
+    MOCK_METHOD(int, setsockopt, (int fd, int level, int name, const void* value, socklen_t length),
+                (override));
+    MOCK_METHOD(int, fcntl, (int fd, int command, int argument), (override));
+
+    void delegateToReal() {
+        SocketSystemCalls& real = SocketSystemCalls::real();
+        ON_CALL(*this, getaddrinfo).WillByDefault([&real](auto... args) {
+            return real.getaddrinfo(args...);
+        });
+        ON_CALL(*this, freeaddrinfo).WillByDefault([&real](auto... args) {
+            real.freeaddrinfo(args...);
+        });
+        ON_CALL(*this, socket).WillByDefault([&real](auto... args) {
+            return real.socket(args...);
+        });
+        ON_CALL(*this, bind).WillByDefault([&real](auto... args) { return real.bind(args...); });
+        ON_CALL(*this, close).WillByDefault([&real](auto... args) { return real.close(args...); });
+        ON_CALL(*this, clockGettime).WillByDefault([&real](auto... args) {
+            return real.clockGettime(args...);
+        });
+        ON_CALL(*this, timerfdCreate).WillByDefault([&real](auto... args) {
+            return real.timerfdCreate(args...);
+        });
+        ON_CALL(*this, timerfdSettime).WillByDefault([&real](auto... args) {
+            return real.timerfdSettime(args...);
+        });
+        ON_CALL(*this, read).WillByDefault([&real](auto... args) { return real.read(args...); });
+        ON_CALL(*this, recvmsg).WillByDefault([&real](auto... args) {
+            return real.recvmsg(args...);
+        });
+        ON_CALL(*this, setsockopt).WillByDefault([&real](auto... args) {
+            return real.setsockopt(args...);
+        });
+        ON_CALL(*this, fcntl).WillByDefault([&real](auto... args) { return real.fcntl(args...); });
+    }
+};
+
+// Fails with errno set.
+auto failWith(int error) {
+    return [error](auto...) {
+        errno = error;
+        return -1;
+    };
+}
+
+// One setsockopt call: level, name and int value.
+using OptionCall = std::tuple<int, int, int>;
+
+// One armed or disarmed timer setting.
+struct TimerSetting {
+    int flags;
+    struct itimerspec value;
+};
+
+// A received packet of the scripted recvmsg: its source and its bytes.
+struct ScriptedMessage {
+    ReceiverKey source;
+    std::vector<uint8_t> bytes;
+};
+
+ReceiverKey ipv4Key(const char* address, uint16_t port) {
+    struct sockaddr_in ipv4 {};
+    ipv4.sin_family = AF_INET;
+    ipv4.sin_port = htons(port);
+    inet_pton(AF_INET, address, &ipv4.sin_addr);
+    return ReceiverKey(reinterpret_cast<const struct sockaddr*>(&ipv4), sizeof(ipv4));
+}
+
+// The UDP socket over scripted system calls: nothing sleeps, the monotonic
+// clock reads 1234.567890123 s, and the controller instance is a mock whose
+// multiplexer is a real one of the fixture.
+class UdpSocketTest : public ::testing::Test {
+  protected:
+    void SetUp() override {
+        TraceRecorder::reset();
+        unsetenv("TWAMP_TIMESTAMPING");
+        TimestampSource::setCurrent(TimestampSource());
+        TwampTestSessionController::resetInstanceForTest();
+        TwampTestSessionController::getInstance(&controller);
+        ON_CALL(controller, getIoMultiplexer()).WillByDefault(ReturnRef(multiplexer));
+        systemCalls.delegateToReal();
+        ON_CALL(systemCalls, sleep).WillByDefault(Return(0U));
+        ON_CALL(systemCalls, clockGettime).WillByDefault([this](clockid_t, struct timespec* time) {
+            *time = monotonicNow;
+            return 0;
+        });
+        ON_CALL(systemCalls, timerfdSettime)
+            .WillByDefault(
+                [this](int, int flags, const struct itimerspec* value, struct itimerspec*) {
+                    timerSettings.push_back({flags, *value});
+                    return 0;
+                });
+        ON_CALL(systemCalls, read).WillByDefault([](int, void* buffer, std::size_t) {
+            const uint64_t expirations = 1;
+            std::memcpy(buffer, &expirations, sizeof(expirations));
+            return static_cast<ssize_t>(sizeof(expirations));
+        });
+        udpSocket = std::make_unique<UdpSocket>(&systemCalls);
+    }
+
+    void TearDown() override {
+        udpSocket.reset();
+        TwampTestSessionController::resetInstanceForTest();
+        unsetenv("TWAMP_TIMESTAMPING");
+        TimestampSource::setCurrent(TimestampSource());
+    }
+
+    // Every bind fails with EADDRINUSE.
+    void failEveryBind() { ON_CALL(systemCalls, bind).WillByDefault(failWith(EADDRINUSE)); }
+
+    // Every bind succeeds without binding (the address need not exist here).
+    void succeedEveryBind() { ON_CALL(systemCalls, bind).WillByDefault(Return(0)); }
+
+    // Records the int value of every setsockopt call and lets it succeed.
+    void recordOptions() {
+        ON_CALL(systemCalls, setsockopt)
+            .WillByDefault([this](int, int level, int name, const void* value, socklen_t) {
+                int option = 0;
+                std::memcpy(&option, value, sizeof(option));
+                options.emplace_back(level, name, option);
+                return 0;
+            });
+    }
+
+    // recvmsg hands out the error-queue and normal messages queued here.
+    void scriptReceive() {
+        ON_CALL(systemCalls, recvmsg).WillByDefault([this](int, struct msghdr* msg, int flags) {
+            std::vector<ScriptedMessage>& queue =
+                ((flags & MSG_ERRQUEUE) != 0) ? errQueue : packets;
+            if (queue.empty()) {
+                errno = EAGAIN;
+                return static_cast<ssize_t>(-1);
+            }
+            const ScriptedMessage message = queue.front();
+            queue.erase(queue.begin());
+            std::memcpy(msg->msg_name, &message.source.getAddress(), sizeof(struct sockaddr_in));
+            msg->msg_namelen = sizeof(struct sockaddr_in);
+            if (!message.bytes.empty()) {
+                std::memcpy(msg->msg_iov[0].iov_base, message.bytes.data(), message.bytes.size());
+            }
+            return static_cast<ssize_t>(message.bytes.size());
+        });
+    }
+
+    // A socket bound (without binding) to 127.0.0.1 port 5000.
+    void bindIpv4() {
+        succeedEveryBind();
+        ASSERT_TRUE(udpSocket->init("127.0.0.1", "5000", false));
+        TraceRecorder::reset();
+    }
+
+    // init stores its arguments, but resolution fails once and nothing is bound.
+    void storeArgumentsOnly() {
+        EXPECT_CALL(systemCalls, getaddrinfo(_, _, _, _))
+            .WillOnce(Return(EAI_AGAIN))
+            .WillRepeatedly(::testing::DoDefault());
+        ASSERT_FALSE(udpSocket->init("127.0.0.1", "5000", false));
+        TraceRecorder::reset();
+    }
+
+    // Lets every bind fail through the 30 start-up rounds.
+    void failStartUp() {
+        failEveryBind();
+        ASSERT_FALSE(udpSocket->init("127.0.0.1", "5000", false));
+        ASSERT_NE(-1, udpSocket->getBindTimerFd());
+        TraceRecorder::reset();
+        timerSettings.clear();
+    }
+
+    IoMultiplexer multiplexer;
+    NiceMock<MockTwampTestSessionController> controller;
+    NiceMock<MockSocketSystemCalls> systemCalls;
+    struct timespec monotonicNow = {1234, 567890123};
+    std::vector<TimerSetting> timerSettings;
+    std::vector<OptionCall> options;
+    std::vector<ScriptedMessage> errQueue;
+    std::vector<ScriptedMessage> packets;
+    std::vector<std::string> events;  // outlives the socket, whose destructor closes
+    std::unique_ptr<UdpSocket> udpSocket;
+};
+
+// ---- Binding ----
+
+// A bind in the first round is traced as succeeded after 0 seconds, without sleeping.
+TEST_F(UdpSocketTest, BindInFirstRoundTakesZeroSeconds) {
+    succeedEveryBind();
+    EXPECT_CALL(systemCalls, sleep(_)).Times(0);
+    EXPECT_TRUE(udpSocket->init("127.0.0.1", "5000", false));
+    EXPECT_EQ((std::vector<std::string>{"getBoundSocket(): Succeeded IP 127.0.0.1 port 5000 "
+                                        "socket bind after 0 seconds",
+                                        "configureFromEnvironment(): Timestamping source "
+                                        "hardware: SO_TIMESTAMPING 69, timespec index 2"}),
+              TraceRecorder::twampMessages("INFO"));
+}
+
+// A bind in the seventh round follows six one-second sleeps and is traced with 6 seconds.
+TEST_F(UdpSocketTest, BindInSeventhRoundTakesSixSeconds) {
+    int binds = 0;
+    ON_CALL(systemCalls, bind).WillByDefault([&binds](int, const struct sockaddr*, socklen_t) {
+        ++binds;
+        if (binds < 7) {
+            errno = EADDRINUSE;
+            return -1;
+        }
+        return 0;
+    });
+    EXPECT_CALL(systemCalls, sleep(1U)).Times(6);
+    EXPECT_TRUE(udpSocket->init("127.0.0.1", "5000", false));
+    EXPECT_EQ(7, binds);
+    EXPECT_EQ((std::vector<std::string>{"getBoundSocket(): Succeeded IP 127.0.0.1 port 5000 "
+                                        "socket bind after 6 seconds",
+                                        "configureFromEnvironment(): Timestamping source "
+                                        "hardware: SO_TIMESTAMPING 69, timespec index 2"}),
+              TraceRecorder::twampMessages("INFO"));
+}
+
+// A failed bind closes its socket before the next round.
+TEST_F(UdpSocketTest, FailedBindClosesItsSocket) {
+    int binds = 0;
+    ON_CALL(systemCalls, bind).WillByDefault([&](int fd, const struct sockaddr*, socklen_t) {
+        events.push_back("bind " + std::to_string(fd));
+        if (++binds == 1) {
+            errno = EADDRINUSE;
+            return -1;
+        }
+        return 0;
+    });
+    ON_CALL(systemCalls, close).WillByDefault([this](int fd) {
+        events.push_back("close " + std::to_string(fd));
+        return SocketSystemCalls::real().close(fd);
+    });
+    EXPECT_TRUE(udpSocket->init("127.0.0.1", "5000", false));
+    ASSERT_EQ(3U, events.size());
+    EXPECT_EQ("close " + events[0].substr(5), events[1]);
+    EXPECT_EQ("bind " + std::to_string(udpSocket->getSocketFd()), events[2]);
+}
+
+// Thirty failed rounds sleep 1 s each, trace at INFO and arm the bind timer
+// once, absolute on CLOCK_MONOTONIC, at 1234 + 10 s.
+TEST_F(UdpSocketTest, ThirtyFailedRoundsArmTheBindTimer) {
+    failEveryBind();
+    EXPECT_CALL(systemCalls, sleep(1U)).Times(30);
+    EXPECT_CALL(systemCalls, timerfdCreate(CLOCK_MONOTONIC, 0)).Times(1);
+    EXPECT_FALSE(udpSocket->init("127.0.0.1", "5000", false));
+    EXPECT_EQ(std::vector<std::string>{"getBoundSocket(): Failed IP 127.0.0.1 port 5000 socket "
+                                       "bind: errno 98 - Address already in use"},
+              TraceRecorder::twampMessages("INFO"));
+    ASSERT_EQ(1U, timerSettings.size());
+    EXPECT_EQ(TFD_TIMER_ABSTIME, timerSettings[0].flags);
+    EXPECT_EQ(1244, timerSettings[0].value.it_value.tv_sec);
+    EXPECT_EQ(0, timerSettings[0].value.it_value.tv_nsec);
+    EXPECT_EQ(0, timerSettings[0].value.it_interval.tv_sec);
+    EXPECT_EQ(0, timerSettings[0].value.it_interval.tv_nsec);
+}
+
+// After the failed start-up only the bind timer is watched, and it is registered.
+TEST_F(UdpSocketTest, FailedStartUpWatchesOnlyTheBindTimer) {
+    failStartUp();
+    const int timerFd = udpSocket->getBindTimerFd();
+    EXPECT_EQ(std::set<int>{timerFd}, udpSocket->getReadFds());
+    EXPECT_EQ(timerFd, multiplexer.getMaxFd());
+    EXPECT_EQ(-1, udpSocket->getSocketFd());
+}
+
+// A bind timer expiry reads the expiry count and runs one round; its failure
+// sleeps once, is traced at LAB and re-arms the timer at 1254.
+TEST_F(UdpSocketTest, FailedRetryTracesAtLabAndReArms) {
+    failStartUp();
+    const int timerFd = udpSocket->getBindTimerFd();
+    monotonicNow = {1244, 1000};
+    EXPECT_CALL(systemCalls, read(timerFd, _, 8U));
+    EXPECT_CALL(systemCalls, sleep(1U)).Times(1);
+    EXPECT_CALL(systemCalls, timerfdCreate(_, _)).Times(0);
+    EXPECT_TRUE(udpSocket->handleInput(timerFd));
+    EXPECT_EQ(std::vector<std::string>{"getBoundSocket(): Failed IP 127.0.0.1 port 5000 socket "
+                                       "bind: errno 98 - Address already in use"},
+              TraceRecorder::twampMessages("LAB"));
+    EXPECT_TRUE(TraceRecorder::twampMessages("INFO").empty());
+    ASSERT_EQ(1U, timerSettings.size());
+    EXPECT_EQ(TFD_TIMER_ABSTIME, timerSettings[0].flags);
+    EXPECT_EQ(1254, timerSettings[0].value.it_value.tv_sec);
+    EXPECT_EQ(0, timerSettings[0].value.it_value.tv_nsec);
+}
+
+// A successful retry binds after 0 seconds, configures the socket and
+// watches it beside the expired timer, which stays open.
+TEST_F(UdpSocketTest, SuccessfulRetryBindsTheSocket) {
+    failStartUp();
+    const int timerFd = udpSocket->getBindTimerFd();
+    succeedEveryBind();
+    EXPECT_TRUE(udpSocket->handleInput(timerFd));
+    EXPECT_EQ((std::vector<std::string>{"getBoundSocket(): Succeeded IP 127.0.0.1 port 5000 "
+                                        "socket bind after 0 seconds",
+                                        "configureFromEnvironment(): Timestamping source "
+                                        "hardware: SO_TIMESTAMPING 69, timespec index 2"}),
+              TraceRecorder::twampMessages("INFO"));
+    const int socketFd = udpSocket->getSocketFd();
+    ASSERT_NE(-1, socketFd);
+    EXPECT_EQ((std::set<int>{timerFd, socketFd}), udpSocket->getReadFds());
+    EXPECT_EQ(timerFd, udpSocket->getBindTimerFd());
+    EXPECT_TRUE(timerSettings.empty());
+}
+
+// An address that cannot be resolved is traced at ERROR and never retried.
+TEST_F(UdpSocketTest, UnresolvableAddressIsNotRetried) {
+    ON_CALL(systemCalls, getaddrinfo).WillByDefault(Return(EAI_NONAME));
+    EXPECT_CALL(systemCalls, socket(_, _, _)).Times(0);
+    EXPECT_CALL(systemCalls, timerfdCreate(_, _)).Times(0);
+    EXPECT_FALSE(udpSocket->init("no.such.host", "5000", false));
+    EXPECT_EQ(std::vector<std::string>{"getBoundSocket(): Failed getaddrinfo: Name or service not "
+                                       "known"},
+              TraceRecorder::twampMessages("ERROR"));
+    EXPECT_EQ(-1, udpSocket->getBindTimerFd());
+}
+
+// Resolution asks for passive datagram sockets of any family.
+TEST_F(UdpSocketTest, HintsArePassiveDatagram) {
+    struct addrinfo hints;
+    std::memset(&hints, 0xFF, sizeof(hints));
+    udpSocket->getHints(&hints);
+    EXPECT_EQ(AI_PASSIVE, hints.ai_flags);
+    EXPECT_EQ(AF_UNSPEC, hints.ai_family);
+    EXPECT_EQ(SOCK_DGRAM, hints.ai_socktype);
+    EXPECT_EQ(0, hints.ai_protocol);
+    EXPECT_EQ(nullptr, hints.ai_addr);
+    EXPECT_EQ(nullptr, hints.ai_next);
+}
+
+// No attempts means no round: no socket, but the failure trace and the timer.
+TEST_F(UdpSocketTest, ZeroAttemptsMakeNoRound) {
+    ON_CALL(systemCalls, getaddrinfo).WillByDefault([](auto... args) {
+        const int result = SocketSystemCalls::real().getaddrinfo(args...);
+        errno = EADDRINUSE;
+        return result;
+    });
+    storeArgumentsOnly();
+    EXPECT_CALL(systemCalls, socket(_, _, _)).Times(0);
+    EXPECT_CALL(systemCalls, sleep(_)).Times(0);
+    EXPECT_FALSE(udpSocket->getBoundSocket(0));
+    EXPECT_EQ(std::vector<std::string>{"getBoundSocket(): Failed IP 127.0.0.1 port 5000 socket "
+                                       "bind: errno 98 - Address already in use"},
+              TraceRecorder::twampMessages("INFO"));
+    EXPECT_NE(-1, udpSocket->getBindTimerFd());
+}
+
+// The resolved list is walked in order: the second entry binds when the first
+// fails, and the family is taken from the first entry of the list.
+TEST_F(UdpSocketTest, WalksResolvedListAndTakesFirstFamily) {
+    struct sockaddr_in6 ipv6 {};
+    ipv6.sin6_family = AF_INET6;
+    struct sockaddr_in ipv4 {};
+    ipv4.sin_family = AF_INET;
+    struct addrinfo second {};
+    second.ai_family = AF_INET;
+    second.ai_socktype = SOCK_DGRAM;
+    second.ai_addr = reinterpret_cast<struct sockaddr*>(&ipv4);
+    second.ai_addrlen = sizeof(ipv4);
+    struct addrinfo first {};
+    first.ai_family = AF_INET6;
+    first.ai_socktype = SOCK_DGRAM;
+    first.ai_addr = reinterpret_cast<struct sockaddr*>(&ipv6);
+    first.ai_addrlen = sizeof(ipv6);
+    first.ai_next = &second;
+    ON_CALL(systemCalls, getaddrinfo)
+        .WillByDefault(DoAll(::testing::SetArgPointee<3>(&first), Return(0)));
+    EXPECT_CALL(systemCalls, freeaddrinfo(&first)).WillOnce(Return());
+    ON_CALL(systemCalls, bind).WillByDefault([](int, const struct sockaddr* address, socklen_t) {
+        if (address->sa_family == AF_INET6) {
+            errno = EADDRNOTAVAIL;
+            return -1;
+        }
+        return 0;
+    });
+    EXPECT_CALL(systemCalls, sleep(_)).Times(0);
+    EXPECT_TRUE(udpSocket->init("any", "5000", false));
+    EXPECT_EQ(AF_INET6, udpSocket->getFamily());
+}
+
+// A socket that cannot be created counts as a failed entry; its errno is traced.
+TEST_F(UdpSocketTest, SocketCreationFailureFailsTheRound) {
+    ON_CALL(systemCalls, socket).WillByDefault(failWith(EMFILE));
+    EXPECT_CALL(systemCalls, bind(_, _, _)).Times(0);
+    EXPECT_FALSE(udpSocket->init("127.0.0.1", "5000", false));
+    EXPECT_EQ(std::vector<std::string>{"getBoundSocket(): Failed IP 127.0.0.1 port 5000 socket "
+                                       "bind: errno 24 - Too many open files"},
+              TraceRecorder::twampMessages("INFO"));
+}
+
+// A failing clock_gettime is traced at ERROR and leaves the timer unarmed.
+TEST_F(UdpSocketTest, ClockFailureLeavesTimerUnarmed) {
+    ON_CALL(systemCalls, clockGettime).WillByDefault(failWith(EINVAL));
+    udpSocket->scheduleNextBindAttempt();
+    EXPECT_EQ(std::vector<std::string>{"scheduleNextBindAttempt(): Failed clock_gettime: errno 22 "
+                                       "- Invalid argument"},
+              TraceRecorder::twampMessages("ERROR"));
+    EXPECT_TRUE(timerSettings.empty());
+}
+
+// A failing timerfd_settime is traced at ERROR.
+TEST_F(UdpSocketTest, TimerArmFailureTraced) {
+    ON_CALL(systemCalls, timerfdSettime).WillByDefault(failWith(EINVAL));
+    udpSocket->scheduleNextBindAttempt();
+    EXPECT_EQ(std::vector<std::string>{"scheduleNextBindAttempt(): Failed timerfd_settime: errno "
+                                       "22 - Invalid argument"},
+              TraceRecorder::twampMessages("ERROR"));
+}
+
+// Stopping a timer that does not exist is traced and still disarms (and fails on -1).
+TEST_F(UdpSocketTest, StopWithoutTimerIsTraced) {
+    ON_CALL(systemCalls, timerfdSettime).WillByDefault(failWith(EBADF));
+    EXPECT_CALL(systemCalls, timerfdSettime(-1, TFD_TIMER_ABSTIME, _, nullptr));
+    errno = ENOENT;
+    udpSocket->stopBindTimer();
+    EXPECT_EQ((std::vector<std::string>{"stopBindTimer(): Bind timer is not running: errno 2 - No "
+                                        "such file or directory",
+                                        "stopBindTimer(): Failed timerfd_settime: errno 9 - Bad "
+                                        "file descriptor"}),
+              TraceRecorder::twampMessages("ERROR"));
+}
+
+// Destruction disarms (all zero, absolute) and closes the bind timer and leaves the multiplexer.
+TEST_F(UdpSocketTest, DestructionStopsAndClosesTheBindTimer) {
+    failStartUp();
+    const int timerFd = udpSocket->getBindTimerFd();
+    EXPECT_CALL(systemCalls, close(timerFd));
+    udpSocket.reset();
+    ASSERT_EQ(1U, timerSettings.size());
+    EXPECT_EQ(TFD_TIMER_ABSTIME, timerSettings[0].flags);
+    EXPECT_EQ(0, timerSettings[0].value.it_value.tv_sec);
+    EXPECT_EQ(0, timerSettings[0].value.it_value.tv_nsec);
+    EXPECT_EQ(0, multiplexer.getMaxFd());
+}
+
+// Destruction closes the bound socket.
+TEST_F(UdpSocketTest, DestructionClosesTheSocket) {
+    bindIpv4();
+    const int socketFd = udpSocket->getSocketFd();
+    EXPECT_CALL(systemCalls, close(socketFd));
+    udpSocket.reset();
+    EXPECT_EQ(0, multiplexer.getMaxFd());
+}
+
+// init stores the caller's strings (not copies) and the tunnel flag.
+TEST_F(UdpSocketTest, InitStoresItsArguments) {
+    succeedEveryBind();
+    const char* address = "127.0.0.1";
+    const char* port = "5000";
+    udpSocket->init(address, port, true);
+    EXPECT_EQ(address, udpSocket->getSrcIpAddress());
+    EXPECT_EQ(port, udpSocket->getSrcUdpPort());
+    EXPECT_TRUE(udpSocket->isIpsecTunnel());
+    EXPECT_EQ(AF_INET, udpSocket->getFamily());
+}
+
+// ---- Configuration ----
+
+// An IPv4 socket gets SO_TIMESTAMPING 69, IP_TTL 255, IP_RECVTTL 1 and IP_RECVTOS 1, in order.
+TEST_F(UdpSocketTest, Ipv4OptionValues) {
+    recordOptions();
+    bindIpv4();
+    EXPECT_EQ((std::vector<OptionCall>{
+                  OptionCall{SOL_SOCKET, SO_TIMESTAMPING, 69}, OptionCall{IPPROTO_IP, IP_TTL, 255},
+                  OptionCall{IPPROTO_IP, IP_RECVTTL, 1}, OptionCall{IPPROTO_IP, IP_RECVTOS, 1}}),
+              options);
+}
+
+// An IPv6 socket gets SO_TIMESTAMPING 69, IPV6_RECVHOPLIMIT 1 and IPV6_RECVTCLASS 1, in order.
+TEST_F(UdpSocketTest, Ipv6OptionValues) {
+    recordOptions();
+    succeedEveryBind();
+    ASSERT_TRUE(udpSocket->init("::1", "5000", false));
+    EXPECT_EQ(AF_INET6, udpSocket->getFamily());
+    EXPECT_EQ((std::vector<OptionCall>{OptionCall{SOL_SOCKET, SO_TIMESTAMPING, 69},
+                                       OptionCall{IPPROTO_IPV6, IPV6_RECVHOPLIMIT, 1},
+                                       OptionCall{IPPROTO_IPV6, IPV6_RECVTCLASS, 1}}),
+              options);
+}
+
+// With TWAMP_TIMESTAMPING=software the socket asks for SO_TIMESTAMPING 26 and
+// later timestamp reads use timespec 0.
+TEST_F(UdpSocketTest, SoftwareTimestampingOptionValue) {
+    setenv("TWAMP_TIMESTAMPING", "software", 1);
+    recordOptions();
+    bindIpv4();
+    ASSERT_FALSE(options.empty());
+    EXPECT_EQ((OptionCall{SOL_SOCKET, SO_TIMESTAMPING, 26}), options[0]);
+    EXPECT_EQ(0U, TimestampSource::getCurrent().getTimespecIndex());
+}
+
+// An unknown TWAMP_TIMESTAMPING falls back to 69 with an ERROR trace.
+TEST_F(UdpSocketTest, UnknownTimestampingFallsBackToHardware) {
+    setenv("TWAMP_TIMESTAMPING", "fast", 1);
+    recordOptions();
+    succeedEveryBind();
+    ASSERT_TRUE(udpSocket->init("127.0.0.1", "5000", false));
+    ASSERT_FALSE(options.empty());
+    EXPECT_EQ((OptionCall{SOL_SOCKET, SO_TIMESTAMPING, 69}), options[0]);
+    EXPECT_EQ(std::vector<std::string>{"fromSetting(): Unknown TWAMP_TIMESTAMPING value 'fast', "
+                                       "using hardware"},
+              TraceRecorder::twampMessages("ERROR"));
+}
+
+// Every failing IPv4 option is traced at ERROR and none stops the sequence.
+TEST_F(UdpSocketTest, Ipv4OptionFailuresTraced) {
+    ON_CALL(systemCalls, setsockopt).WillByDefault(failWith(EPERM));
+    succeedEveryBind();
+    ASSERT_TRUE(udpSocket->init("127.0.0.1", "5000", false));
+    EXPECT_EQ((std::vector<std::string>{
+                  "enableTimestamping(): Failed setsockopt SO_TIMESTAMPING: errno 1 - Operation "
+                  "not permitted",
+                  "setIpv4Options(): Failed to set socket option IP_TTL: errno 1 - Operation not "
+                  "permitted",
+                  "setIpv4Options(): Failed to set socket option IP_RECVTTL: errno 1 - Operation "
+                  "not permitted",
+                  "setIpv4Options(): Failed to set socket option IP_RECVTOS: errno 1 - Operation "
+                  "not permitted"}),
+              TraceRecorder::twampMessages("ERROR"));
+    EXPECT_EQ(udpSocket->getSocketFd(), multiplexer.getMaxFd());
+}
+
+// Every failing IPv6 option is traced at ERROR.
+TEST_F(UdpSocketTest, Ipv6OptionFailuresTraced) {
+    ON_CALL(systemCalls, setsockopt).WillByDefault(failWith(ENOPROTOOPT));
+    succeedEveryBind();
+    ASSERT_TRUE(udpSocket->init("::1", "5000", false));
+    EXPECT_EQ((std::vector<std::string>{
+                  "enableTimestamping(): Failed setsockopt SO_TIMESTAMPING: errno 92 - Protocol "
+                  "not available",
+                  "setIpv6Options(): Failed to set socket option IPV6_RECVHOPLIMIT: errno 92 - "
+                  "Protocol not available",
+                  "setIpv6Options(): Failed to set socket option IPV6_RECVTCLASS: errno 92 - "
+                  "Protocol not available"}),
+              TraceRecorder::twampMessages("ERROR"));
+}
+
+// The socket is made non-blocking by adding O_NONBLOCK to its flags.
+TEST_F(UdpSocketTest, SocketBecomesNonBlocking) {
+    bindIpv4();
+    const int flags = fcntl(udpSocket->getSocketFd(), F_GETFL);
+    EXPECT_EQ(O_NONBLOCK | O_RDWR, flags);
+}
+
+// When F_GETFL fails, F_SETFL gets O_NONBLOCK alone.
+TEST_F(UdpSocketTest, FlagsReadFailureSetsNonBlockingAlone) {
+    ON_CALL(systemCalls, fcntl(_, F_GETFL, _)).WillByDefault(failWith(EBADF));
+    EXPECT_CALL(systemCalls, fcntl(_, F_GETFL, 0));
+    EXPECT_CALL(systemCalls, fcntl(_, F_SETFL, O_NONBLOCK));
+    bindIpv4();
+}
+
+// A failing F_SETFL is traced at ERROR.
+TEST_F(UdpSocketTest, NonBlockingFailureTraced) {
+    ON_CALL(systemCalls, fcntl(_, F_SETFL, _)).WillByDefault(failWith(EBADF));
+    succeedEveryBind();
+    ASSERT_TRUE(udpSocket->init("127.0.0.1", "5000", false));
+    EXPECT_EQ(std::vector<std::string>{"makeNonBlocking(): Failed fcntl: errno 9 - Bad file "
+                                       "descriptor"},
+              TraceRecorder::twampMessages("ERROR"));
+}
+
+// A configured socket is registered for reading with the controller's multiplexer.
+TEST_F(UdpSocketTest, ConfiguredSocketIsRegistered) {
+    EXPECT_CALL(controller, getIoMultiplexer()).Times(1);
+    bindIpv4();
+    EXPECT_EQ(std::set<int>{udpSocket->getSocketFd()}, udpSocket->getReadFds());
+    EXPECT_EQ(udpSocket->getSocketFd(), multiplexer.getMaxFd());
+}
+
+// ---- Receiving ----
+
+// Each receive resets the header: name 128, one buffer of 10000, control 256,
+// with MSG_DONTWAIT added; error queue first, then the normal queue.
+TEST_F(UdpSocketTest, ReceiveUsesFullBuffersWithoutWaiting) {
+    bindIpv4();
+    std::vector<int> flagsSeen;
+    ON_CALL(systemCalls, recvmsg).WillByDefault([&flagsSeen](int, struct msghdr* msg, int flags) {
+        EXPECT_EQ(128U, msg->msg_namelen);
+        EXPECT_EQ(1U, msg->msg_iovlen);
+        EXPECT_EQ(10000U, msg->msg_iov[0].iov_len);
+        EXPECT_EQ(256U, msg->msg_controllen);
+        EXPECT_EQ(0, msg->msg_flags);
+        flagsSeen.push_back(flags);
+        errno = EAGAIN;
+        return static_cast<ssize_t>(-1);
+    });
+    udpSocket->handleInput(udpSocket->getSocketFd());
+    EXPECT_EQ((std::vector<int>{MSG_ERRQUEUE | MSG_DONTWAIT, MSG_DONTWAIT}), flagsSeen);
+    EXPECT_TRUE(TraceRecorder::records().empty());
+}
+
+// A failing recvmsg is traced at LAB with its errno.
+TEST_F(UdpSocketTest, ReceiveFailureTraced) {
+    bindIpv4();
+    ON_CALL(systemCalls, recvmsg).WillByDefault(failWith(EBADF));
+    EXPECT_EQ(-1, udpSocket->receiveMessage(0));
+    EXPECT_EQ(std::vector<std::string>{"receiveMessage(): Failed recvmsg: errno 9 - Bad file "
+                                       "descriptor"},
+              TraceRecorder::twampMessages("LAB"));
+}
+
+// ENOMSG and EAGAIN mean "nothing there" and are not traced.
+TEST_F(UdpSocketTest, ReceiveNothingThereNotTraced) {
+    bindIpv4();
+    ON_CALL(systemCalls, recvmsg).WillByDefault(failWith(ENOMSG));
+    EXPECT_EQ(-1, udpSocket->receiveMessage(MSG_ERRQUEUE));
+    ON_CALL(systemCalls, recvmsg).WillByDefault(failWith(EAGAIN));
+    EXPECT_EQ(-1, udpSocket->receiveMessage(0));
+    EXPECT_TRUE(TraceRecorder::records().empty());
+}
+
+// A packet goes to the receiver registered for its source address, with the socket's header.
+TEST_F(UdpSocketTest, PacketRoutedBySourceAddress) {
+    bindIpv4();
+    scriptReceive();
+    StrictMock<MockMessageReceiver> receiver;
+    udpSocket->addMessageReceiver(ipv4Key("198.18.0.2", 862), &receiver);
+    packets.push_back({ipv4Key("198.18.0.2", 862), {1, 2, 3}});
+    std::vector<uint8_t> received;
+    EXPECT_CALL(receiver, receiveMessage(_)).WillOnce([&received](struct msghdr* msg) {
+        const uint8_t* data = static_cast<const uint8_t*>(msg->msg_iov[0].iov_base);
+        received.assign(data, data + 3);
+    });
+    EXPECT_TRUE(udpSocket->handleInput(udpSocket->getSocketFd()));
+    EXPECT_EQ((std::vector<uint8_t>{1, 2, 3}), received);
+    EXPECT_EQ(1U, udpSocket->getMessageCount());
+    EXPECT_EQ(0U, udpSocket->getErrQueueMessageCount());
+}
+
+// A packet whose source port differs from the registered one finds no receiver.
+TEST_F(UdpSocketTest, PacketFromOtherPortFindsNoReceiver) {
+    bindIpv4();
+    scriptReceive();
+    StrictMock<MockMessageReceiver> receiver;
+    udpSocket->addMessageReceiver(ipv4Key("198.18.0.2", 862), &receiver);
+    packets.push_back({ipv4Key("198.18.0.2", 863), {1, 2, 3}});
+    udpSocket->handleInput(udpSocket->getSocketFd());
+    EXPECT_EQ(std::vector<std::string>{"handleMessage(): Failed to find message receiver"},
+              TraceRecorder::twampMessages("LAB"));
+    EXPECT_EQ(1U, udpSocket->getMessageCount());
+}
+
+// A second receiver under a key in use is ignored: the first one keeps the key.
+TEST_F(UdpSocketTest, AddMessageReceiverKeepsTheFirst) {
+    bindIpv4();
+    scriptReceive();
+    StrictMock<MockMessageReceiver> first;
+    StrictMock<MockMessageReceiver> second;
+    udpSocket->addMessageReceiver(ipv4Key("198.18.0.2", 862), &first);
+    udpSocket->addMessageReceiver(ipv4Key("198.18.0.2", 862), &second);
+    packets.push_back({ipv4Key("198.18.0.2", 862), {1}});
+    EXPECT_CALL(first, receiveMessage(_));
+    udpSocket->handleInput(udpSocket->getSocketFd());
+}
+
+// A removed receiver gets nothing more; its packets are traced at LAB.
+TEST_F(UdpSocketTest, RemoveMessageReceiverErases) {
+    bindIpv4();
+    scriptReceive();
+    StrictMock<MockMessageReceiver> receiver;
+    udpSocket->addMessageReceiver(ipv4Key("198.18.0.2", 862), &receiver);
+    udpSocket->removeMessageReceiver(ipv4Key("198.18.0.2", 862));
+    packets.push_back({ipv4Key("198.18.0.2", 862), {1}});
+    udpSocket->handleInput(udpSocket->getSocketFd());
+    EXPECT_EQ(std::vector<std::string>{"handleMessage(): Failed to find message receiver"},
+              TraceRecorder::twampMessages("LAB"));
+}
+
+// An empty datagram is neither counted nor routed.
+TEST_F(UdpSocketTest, EmptyDatagramIgnored) {
+    bindIpv4();
+    scriptReceive();
+    packets.push_back({ipv4Key("198.18.0.2", 862), {}});
+    udpSocket->handleInput(udpSocket->getSocketFd());
+    EXPECT_EQ(0U, udpSocket->getMessageCount());
+    EXPECT_TRUE(TraceRecorder::records().empty());
+}
+
+// A looped-back frame goes to the receiver of its destination, with the byte count.
+TEST_F(UdpSocketTest, ErrQueueMessageRoutedByLoopedDestination) {
+    bindIpv4();
+    scriptReceive();
+    StrictMock<MockMessageReceiver> receiver;
+    udpSocket->addMessageReceiver(ipv4Key("198.18.0.2", 862), &receiver);
+    errQueue.push_back(
+        {ReceiverKey(), twamp_test::withEthernet(twamp_test::ipv4Packet(17, 18), 0x08, 0x00)});
+    EXPECT_CALL(receiver, receiveErrQueueMessage(_, 60));
+    udpSocket->handleInput(udpSocket->getSocketFd());
+    EXPECT_EQ(1U, udpSocket->getErrQueueMessageCount());
+    EXPECT_EQ(0U, udpSocket->getMessageCount());
+}
+
+// A looped-back frame without a receiver for its destination is traced at LAB.
+TEST_F(UdpSocketTest, ErrQueueMessageWithoutReceiverTraced) {
+    bindIpv4();
+    scriptReceive();
+    errQueue.push_back(
+        {ReceiverKey(), twamp_test::withEthernet(twamp_test::ipv4Packet(17, 18), 0x08, 0x00)});
+    udpSocket->handleInput(udpSocket->getSocketFd());
+    EXPECT_EQ(std::vector<std::string>{"handleErrQueueMessage(): Failed to find message receiver"},
+              TraceRecorder::twampMessages("LAB"));
+}
+
+// An error-queue message that is not a looped UDP frame is counted and skipped silently.
+TEST_F(UdpSocketTest, ErrQueueMessageOfOtherProtocolSkipped) {
+    bindIpv4();
+    scriptReceive();
+    StrictMock<MockMessageReceiver> receiver;
+    udpSocket->addMessageReceiver(ipv4Key("198.18.0.2", 862), &receiver);
+    errQueue.push_back(
+        {ReceiverKey(), twamp_test::withEthernet(twamp_test::ipv4Packet(6, 18), 0x08, 0x00)});
+    udpSocket->handleInput(udpSocket->getSocketFd());
+    EXPECT_EQ(1U, udpSocket->getErrQueueMessageCount());
+    EXPECT_TRUE(TraceRecorder::records().empty());
+}
+
+// One readiness event handles one error-queue message and then one packet.
+TEST_F(UdpSocketTest, ErrQueueMessageThenPacketInOneCall) {
+    bindIpv4();
+    scriptReceive();
+    StrictMock<MockMessageReceiver> receiver;
+    udpSocket->addMessageReceiver(ipv4Key("198.18.0.2", 862), &receiver);
+    const std::vector<uint8_t> frame =
+        twamp_test::withEthernet(twamp_test::ipv4Packet(17, 18), 0x08, 0x00);
+    errQueue.push_back({ReceiverKey(), frame});
+    errQueue.push_back({ReceiverKey(), frame});
+    packets.push_back({ipv4Key("198.18.0.2", 862), {1}});
+    packets.push_back({ipv4Key("198.18.0.2", 862), {2}});
+    {
+        InSequence order;
+        EXPECT_CALL(receiver, receiveErrQueueMessage(_, 60));
+        EXPECT_CALL(receiver, receiveMessage(_));
+    }
+    udpSocket->handleInput(udpSocket->getSocketFd());
+    EXPECT_EQ(1U, errQueue.size());
+    EXPECT_EQ(1U, packets.size());
+}
+
+}  // namespace
