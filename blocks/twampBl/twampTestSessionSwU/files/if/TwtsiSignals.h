@@ -1,0 +1,149 @@
+/*
+ * The control signals of the TWAMP test session service, shared by the daemon
+ * and the services that manage it.
+ *
+ * Every signal is an ITC message: a plain native-endian structure whose first
+ * 32-bit word is the signal number. The manager sends create, delete and
+ * counters request to the daemon's mailbox; only the counters request is
+ * answered. The layouts are fixed byte for byte (checked below), so that both
+ * sides can be built by different compilers.
+ *
+ * This header also defines union itc_msg, which the ITC library only declares:
+ * a program that includes it must not define the union elsewhere.
+ */
+#ifndef TWTSI_SIGNALS_H
+#define TWTSI_SIGNALS_H
+
+#include <stddef.h>
+#include <stdint.h>
+
+#ifdef __cplusplus
+#define TWTSI_STATIC_ASSERT(condition, message) static_assert(condition, message)
+#else
+#define TWTSI_STATIC_ASSERT(condition, message) _Static_assert(condition, message)
+#endif
+
+/* Signal numbers, the first word of every signal. */
+#define TWTSI_CREATE_TWAMP_TEST_SESSION 0x01A11401u
+#define TWTSI_DELETE_TWAMP_TEST_SESSION 0x01A11403u
+#define TWTSI_GET_TWAMP_TEST_SESSION_PM_COUNTERS_REQ 0x01A11404u
+#define TWTSI_GET_TWAMP_TEST_SESSION_PM_COUNTERS_RSP 0x01A11405u
+
+/* The opaque session key; compared bytewise over all 16 bytes. */
+#define TWTSI_SESSION_ID_SIZE 16
+/* Room for the longest IPv6 text form; the terminator is not guaranteed. */
+#define TWTSI_DST_IP_ADDRESS_SIZE 46
+
+/* The counters grid of one 15-minute interval: 38 counters of 15 one-minute bins. */
+#define TWTSI_PM_COUNTER_ROWS 38
+#define TWTSI_PM_COUNTER_BINS 15
+#define TWTSI_PM_COUNTER_VALUES (TWTSI_PM_COUNTER_ROWS * TWTSI_PM_COUNTER_BINS)
+/* A counter value for which no valid value exists. */
+#define TWTSI_PM_NOT_AVAILABLE (-2)
+
+/* Sizes of the signals as allocated by the sender. */
+#define TWTSI_CREATE_TWAMP_TEST_SESSION_SIZE 96
+#define TWTSI_DELETE_TWAMP_TEST_SESSION_SIZE 20
+#define TWTSI_GET_TWAMP_TEST_SESSION_PM_COUNTERS_REQ_SIZE 24
+#define TWTSI_GET_TWAMP_TEST_SESSION_PM_COUNTERS_RSP_SIZE 4584
+
+/* Starts a test session towards one reflector. Never answered. */
+struct twtsiCreateTwampTestSession {
+    uint32_t sigNo;                               /* TWTSI_CREATE_TWAMP_TEST_SESSION */
+    char dstIpAddress[TWTSI_DST_IP_ADDRESS_SIZE]; /* reflector address as text */
+    uint16_t dstUdpPort;                          /* reflector port, host order */
+    uint8_t sessionId[TWTSI_SESSION_ID_SIZE];     /* key of the new session */
+    uint32_t packetsPerSecond;                    /* send rate; 1 or less: one a second */
+    uint32_t dscp;                                /* DSCP of the test packets */
+    uint32_t spare1;                              /* stored, no effect */
+    uint32_t spare2;                              /* stored, no effect */
+    int32_t packetSize;                           /* UDP payload bytes, 41 to 65507 */
+    uint32_t startOffset;                         /* slot in the start spreading */
+    uint32_t spreadingBase;                       /* 5000: 180 us slots, else 400 us */
+};
+
+/* Stops and removes a test session. Never answered. */
+struct twtsiDeleteTwampTestSession {
+    uint32_t sigNo;                           /* TWTSI_DELETE_TWAMP_TEST_SESSION */
+    uint8_t sessionId[TWTSI_SESSION_ID_SIZE]; /* key of the session */
+};
+
+/* Asks for the counters of one session's 15-minute interval. */
+struct twtsiGetTwampTestSessionPmCountersReq {
+    uint32_t sigNo;                           /* TWTSI_GET_TWAMP_TEST_SESSION_PM_COUNTERS_REQ */
+    uint8_t sessionId[TWTSI_SESSION_ID_SIZE]; /* key of the session */
+    uint8_t completedIntervalOnly;            /* 0: interval in progress, else last completed */
+};
+
+/* The counters of one interval: row r is counter r, column b its minute b. */
+struct twtsiGetTwampTestSessionPmCountersRsp {
+    uint32_t sigNo;                           /* TWTSI_GET_TWAMP_TEST_SESSION_PM_COUNTERS_RSP */
+    uint8_t sessionId[TWTSI_SESSION_ID_SIZE]; /* copied from the request */
+    uint8_t padding[4];                       /* never written */
+    int64_t counters[TWTSI_PM_COUNTER_ROWS][TWTSI_PM_COUNTER_BINS];
+};
+
+typedef struct twtsiCreateTwampTestSession twtsiCreateTwampTestSession;
+typedef struct twtsiDeleteTwampTestSession twtsiDeleteTwampTestSession;
+typedef struct twtsiGetTwampTestSessionPmCountersReq twtsiGetTwampTestSessionPmCountersReq;
+typedef struct twtsiGetTwampTestSessionPmCountersRsp twtsiGetTwampTestSessionPmCountersRsp;
+
+/* The application's signal union of the ITC library. */
+union itc_msg {
+    uint32_t sigNo;
+    struct twtsiCreateTwampTestSession twtsiCreateTwampTestSession;
+    struct twtsiDeleteTwampTestSession twtsiDeleteTwampTestSession;
+    struct twtsiGetTwampTestSessionPmCountersReq twtsiGetTwampTestSessionPmCountersReq;
+    struct twtsiGetTwampTestSessionPmCountersRsp twtsiGetTwampTestSessionPmCountersRsp;
+};
+
+TWTSI_STATIC_ASSERT(offsetof(struct twtsiCreateTwampTestSession, sigNo) == 0x00, "sigNo");
+TWTSI_STATIC_ASSERT(offsetof(struct twtsiCreateTwampTestSession, dstIpAddress) == 0x04,
+                    "dstIpAddress");
+TWTSI_STATIC_ASSERT(offsetof(struct twtsiCreateTwampTestSession, dstUdpPort) == 0x32, "dstUdpPort");
+TWTSI_STATIC_ASSERT(offsetof(struct twtsiCreateTwampTestSession, sessionId) == 0x34, "sessionId");
+TWTSI_STATIC_ASSERT(offsetof(struct twtsiCreateTwampTestSession, packetsPerSecond) == 0x44,
+                    "packetsPerSecond");
+TWTSI_STATIC_ASSERT(offsetof(struct twtsiCreateTwampTestSession, dscp) == 0x48, "dscp");
+TWTSI_STATIC_ASSERT(offsetof(struct twtsiCreateTwampTestSession, spare1) == 0x4C, "spare1");
+TWTSI_STATIC_ASSERT(offsetof(struct twtsiCreateTwampTestSession, spare2) == 0x50, "spare2");
+TWTSI_STATIC_ASSERT(offsetof(struct twtsiCreateTwampTestSession, packetSize) == 0x54, "packetSize");
+TWTSI_STATIC_ASSERT(offsetof(struct twtsiCreateTwampTestSession, startOffset) == 0x58,
+                    "startOffset");
+TWTSI_STATIC_ASSERT(offsetof(struct twtsiCreateTwampTestSession, spreadingBase) == 0x5C,
+                    "spreadingBase");
+TWTSI_STATIC_ASSERT(sizeof(struct twtsiCreateTwampTestSession) ==
+                        TWTSI_CREATE_TWAMP_TEST_SESSION_SIZE,
+                    "create size");
+
+TWTSI_STATIC_ASSERT(offsetof(struct twtsiDeleteTwampTestSession, sigNo) == 0x00, "sigNo");
+TWTSI_STATIC_ASSERT(offsetof(struct twtsiDeleteTwampTestSession, sessionId) == 0x04, "sessionId");
+TWTSI_STATIC_ASSERT(sizeof(struct twtsiDeleteTwampTestSession) ==
+                        TWTSI_DELETE_TWAMP_TEST_SESSION_SIZE,
+                    "delete size");
+
+TWTSI_STATIC_ASSERT(offsetof(struct twtsiGetTwampTestSessionPmCountersReq, sigNo) == 0x00, "sigNo");
+TWTSI_STATIC_ASSERT(offsetof(struct twtsiGetTwampTestSessionPmCountersReq, sessionId) == 0x04,
+                    "sessionId");
+TWTSI_STATIC_ASSERT(offsetof(struct twtsiGetTwampTestSessionPmCountersReq, completedIntervalOnly) ==
+                        0x14,
+                    "completedIntervalOnly");
+TWTSI_STATIC_ASSERT(sizeof(struct twtsiGetTwampTestSessionPmCountersReq) >= 21, "request size");
+TWTSI_STATIC_ASSERT(sizeof(struct twtsiGetTwampTestSessionPmCountersReq) ==
+                        TWTSI_GET_TWAMP_TEST_SESSION_PM_COUNTERS_REQ_SIZE,
+                    "request size");
+
+TWTSI_STATIC_ASSERT(offsetof(struct twtsiGetTwampTestSessionPmCountersRsp, sigNo) == 0x00, "sigNo");
+TWTSI_STATIC_ASSERT(offsetof(struct twtsiGetTwampTestSessionPmCountersRsp, sessionId) == 0x04,
+                    "sessionId");
+TWTSI_STATIC_ASSERT(offsetof(struct twtsiGetTwampTestSessionPmCountersRsp, padding) == 0x14,
+                    "padding");
+TWTSI_STATIC_ASSERT(offsetof(struct twtsiGetTwampTestSessionPmCountersRsp, counters) == 0x18,
+                    "counters");
+TWTSI_STATIC_ASSERT(sizeof(((struct twtsiGetTwampTestSessionPmCountersRsp*)0)->counters) == 4560,
+                    "counters size");
+TWTSI_STATIC_ASSERT(sizeof(struct twtsiGetTwampTestSessionPmCountersRsp) ==
+                        TWTSI_GET_TWAMP_TEST_SESSION_PM_COUNTERS_RSP_SIZE,
+                    "reply size");
+
+#endif /* TWTSI_SIGNALS_H */

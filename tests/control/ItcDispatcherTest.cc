@@ -1,0 +1,644 @@
+#include "ItcDispatcher.h"
+
+#include <cerrno>
+#include <cstdint>
+#include <cstring>
+#include <memory>
+#include <ostream>
+#include <string>
+#include <vector>
+
+#include <gmock/gmock.h>
+#include <gtest/gtest.h>
+
+#include "ControlTestDoubles.h"
+#include "FakeItc.h"
+#include "MockTwampTestSession.h"
+#include "MockTwampTestSessionFactory.h"
+#include "PmPeriodRecord.h"
+#include "SessionKey.h"
+#include "TraceRecorder.h"
+#include "TwtsiSignals.h"
+
+namespace {
+
+using control_test::AdoptedMockController;
+using control_test::FakeClock;
+using ::testing::_;
+using ::testing::DoAll;
+using ::testing::Invoke;
+using ::testing::NiceMock;
+using ::testing::Return;
+using ::testing::SaveArg;
+using ::testing::StrEq;
+using twamp_test::FakeItc;
+using twamp_test::FakeItcSent;
+using twamp_test::MockTwampTestSession;
+using twamp_test::MockTwampTestSessionFactory;
+using twamp_test::TraceRecorder;
+
+constexpr itc_mbox_id_t kOwnMailbox = 0x00010001;
+constexpr itc_mbox_id_t kManager = 0x00020002;
+constexpr itc_mbox_id_t kOtherManager = 0x00030003;
+constexpr std::size_t kRequestBytesRead = 21;
+// 2023-11-14 22:00:00 UTC, a whole hour.
+constexpr time_t kHourStart = 1699999200;
+
+SessionKey makeKey(uint8_t first) {
+    SessionKey key;
+    for (uint8_t index = 0; index < SessionKey::kSize; ++index) {
+        key.bytes[index] = static_cast<uint8_t>(first + index);
+    }
+    return key;
+}
+
+bool sameKey(const SessionKey& left, const SessionKey& right) {
+    return std::memcmp(left.bytes, right.bytes, SessionKey::kSize) == 0;
+}
+
+MATCHER_P(KeyIs, expected, "") {
+    return sameKey(arg, expected);
+}
+
+twtsiCreateTwampTestSession createSignal(const SessionKey& key) {
+    twtsiCreateTwampTestSession create;
+    std::memset(&create, 0, sizeof(create));
+    create.sigNo = TWTSI_CREATE_TWAMP_TEST_SESSION;
+    std::strcpy(create.dstIpAddress, "192.0.2.7");
+    create.dstUdpPort = 862;
+    std::memcpy(create.sessionId, key.bytes, sizeof(create.sessionId));
+    create.packetsPerSecond = 10;
+    create.dscp = 46;
+    create.spare1 = 11;
+    create.spare2 = 12;
+    create.packetSize = 200;
+    create.startOffset = 7;
+    create.spreadingBase = 5000;
+    return create;
+}
+
+// The first 21 bytes of a counters request, all that is read of it.
+std::vector<uint8_t> requestBytes(const SessionKey& key, uint8_t completedIntervalOnly) {
+    twtsiGetTwampTestSessionPmCountersReq request;
+    std::memset(&request, 0, sizeof(request));
+    request.sigNo = TWTSI_GET_TWAMP_TEST_SESSION_PM_COUNTERS_REQ;
+    std::memcpy(request.sessionId, key.bytes, sizeof(request.sessionId));
+    request.completedIntervalOnly = completedIntervalOnly;
+    const auto* bytes = reinterpret_cast<const uint8_t*>(&request);
+    return std::vector<uint8_t>(bytes, bytes + kRequestBytesRead);
+}
+
+void queueRequest(const SessionKey& key, uint8_t completedIntervalOnly, itc_mbox_id_t sender) {
+    const std::vector<uint8_t> bytes = requestBytes(key, completedIntervalOnly);
+    FakeItc::queueSignal(bytes.data(), bytes.size(), sender);
+}
+
+// A record whose value of counter k in bin m is 1000 * k + m.
+PmPeriodRecord numberedRecord() {
+    PmPeriodRecord record;
+    for (int counter = 0; counter < PmPeriodRecord::kCounterCount; ++counter) {
+        for (int bin = 0; bin < PmPeriodRecord::kBinCount; ++bin) {
+            record.at(counter, bin) = 1000 * counter + bin;
+        }
+    }
+    return record;
+}
+
+// A sent reply read back.
+struct Reply {
+    uint32_t sigNo;
+    SessionKey sessionId;
+    uint8_t padding[4];
+    int64_t counters[38][15];
+};
+
+Reply readReply(const FakeItcSent& sent) {
+    Reply reply;
+    EXPECT_EQ(4584u, sent.bytes.size());
+    std::memcpy(&reply.sigNo, sent.bytes.data(), 4);
+    std::memcpy(reply.sessionId.bytes, sent.bytes.data() + 0x04, 16);
+    std::memcpy(reply.padding, sent.bytes.data() + 0x14, 4);
+    std::memcpy(reply.counters, sent.bytes.data() + 0x18, sizeof(reply.counters));
+    return reply;
+}
+
+// Bins of the reply that differ from numberedRecord(), each checked to be -2
+// in every row; -1 in the result marks a value that is neither.
+std::vector<int> maskedBins(const Reply& reply) {
+    std::vector<int> bins;
+    for (int bin = 0; bin < 15; ++bin) {
+        int masked = 0;
+        for (int counter = 0; counter < 38; ++counter) {
+            const int64_t value = reply.counters[counter][bin];
+            if (value == -2) {
+                ++masked;
+            } else if (value != 1000 * counter + bin) {
+                return {-1};
+            }
+        }
+        if (masked == 38) {
+            bins.push_back(bin);
+        } else if (masked != 0) {
+            return {-1};
+        }
+    }
+    return bins;
+}
+
+// The dispatcher under a mock controller, with a mock factory and the fake ITC.
+class ItcDispatcherTest : public ::testing::Test {
+  protected:
+    void SetUp() override {
+        TraceRecorder::reset();
+        FakeItc::reset();
+    }
+    void TearDown() override { EXPECT_EQ(0u, FakeItc::unknownSignalCalls()); }
+
+    // A session registered under key with the mock controller; owned by the test.
+    MockTwampTestSession& registerSession(const SessionKey& key) {
+        sessions.push_back(std::make_unique<NiceMock<MockTwampTestSession>>(clock));
+        MockTwampTestSession* session = sessions.back().get();
+        ON_CALL(env.controller, getTwampTestSession(KeyIs(key))).WillByDefault(Return(session));
+        return *session;
+    }
+
+    // The factory hands out a test-owned session and remembers the texts it got.
+    MockTwampTestSession& expectCreate() {
+        sessions.push_back(std::make_unique<NiceMock<MockTwampTestSession>>(clock));
+        MockTwampTestSession* session = sessions.back().get();
+        EXPECT_CALL(factory, createTwampTestSession(_, _, _, _, _, _, _, _, _))
+            .WillOnce(
+                Invoke([this, session](const char* address, const char* port, uint32_t, uint32_t,
+                                       uint32_t, int32_t, uint32_t, uint32_t, uint32_t) {
+                    createdAddress = address;
+                    createdPort = port;
+                    return session;
+                }));
+        return *session;
+    }
+
+    AdoptedMockController env;
+    FakeClock clock;
+    std::vector<std::unique_ptr<MockTwampTestSession>> sessions;
+    NiceMock<MockTwampTestSessionFactory> factory;
+    std::string createdAddress;
+    std::string createdPort;
+    ItcDispatcher dispatcher{&factory};
+};
+
+// ---- init ----
+
+// init initialises ITC with one mailbox, scheme 0, no parameters, no name space, flags 0.
+TEST_F(ItcDispatcherTest, InitArguments) {
+    ASSERT_TRUE(dispatcher.init("twamp_1"));
+    ASSERT_EQ(1u, FakeItc::initCalls().size());
+    EXPECT_EQ(1, FakeItc::initCalls()[0].mailboxCount);
+    EXPECT_EQ(0, FakeItc::initCalls()[0].allocScheme);
+    EXPECT_EQ(nullptr, FakeItc::initCalls()[0].schemeParams);
+    EXPECT_EQ(nullptr, FakeItc::initCalls()[0].nameSpace);
+    EXPECT_EQ(0u, FakeItc::initCalls()[0].flags);
+}
+
+// init opens the mailbox under the service name.
+TEST_F(ItcDispatcherTest, InitCreatesMailbox) {
+    ASSERT_TRUE(dispatcher.init("twamp_1"));
+    EXPECT_EQ(std::vector<std::string>{"twamp_1"}, FakeItc::createdMailboxes());
+}
+
+// init watches the mailbox descriptor through the multiplexer.
+TEST_F(ItcDispatcherTest, InitRegistersMailboxDescriptor) {
+    FakeItc::setFd(17);
+    EXPECT_CALL(env.multiplexer, registerReadHandler(&dispatcher));
+    ASSERT_TRUE(dispatcher.init("twamp_1"));
+    EXPECT_EQ(std::set<int>{17}, dispatcher.getReadFds());
+}
+
+// Before init no descriptor is watched.
+TEST_F(ItcDispatcherTest, NoDescriptorBeforeInit) {
+    EXPECT_EQ(std::set<int>{}, dispatcher.getReadFds());
+}
+
+// A failing itc_init is traced and nothing else is done.
+TEST_F(ItcDispatcherTest, InitFailure) {
+    FakeItc::setInitResult(-1);
+    EXPECT_CALL(env.multiplexer, registerReadHandler(_)).Times(0);
+    EXPECT_FALSE(dispatcher.init("twamp_1"));
+    EXPECT_EQ(std::vector<std::string>{"init(): Failed to initialize ITC"},
+              TraceRecorder::twampMessages("ERROR"));
+    EXPECT_TRUE(FakeItc::createdMailboxes().empty());
+    EXPECT_EQ(std::set<int>{}, dispatcher.getReadFds());
+}
+
+// A dispatcher that opened its mailbox leaves the multiplexer and deletes the mailbox.
+TEST_F(ItcDispatcherTest, DestructorAfterInit) {
+    auto local = std::make_unique<ItcDispatcher>(&factory);
+    ASSERT_TRUE(local->init("twamp_1"));
+    EXPECT_CALL(env.multiplexer, removeReadHandler(local.get()));
+    local.reset();
+    EXPECT_EQ(std::vector<itc_mbox_id_t>{kOwnMailbox}, FakeItc::deletedMailboxes());
+}
+
+// A dispatcher whose ITC initialisation failed deletes no mailbox.
+TEST_F(ItcDispatcherTest, DestructorAfterFailedInit) {
+    FakeItc::setInitResult(-1);
+    auto local = std::make_unique<ItcDispatcher>(&factory);
+    local->init("twamp_1");
+    EXPECT_CALL(env.multiplexer, removeReadHandler(_)).Times(0);
+    local.reset();
+    EXPECT_TRUE(FakeItc::deletedMailboxes().empty());
+}
+
+// ---- handleInput ----
+
+// A receive takes any signal number from any sender without waiting.
+TEST_F(ItcDispatcherTest, ReceiveArguments) {
+    FakeItc::queueEmptyReceive(ETIMEDOUT);
+    dispatcher.handleInput(42);
+    ASSERT_EQ(1u, FakeItc::receiveCalls().size());
+    EXPECT_EQ(nullptr, FakeItc::receiveCalls()[0].filter);
+    EXPECT_EQ(0, FakeItc::receiveCalls()[0].tmo);
+    EXPECT_EQ(0xFFF11111u, FakeItc::receiveCalls()[0].from);
+}
+
+// An empty receive with ETIMEDOUT is reported as time travel at INFO.
+TEST_F(ItcDispatcherTest, EmptyReceiveTimedOut) {
+    FakeItc::queueEmptyReceive(ETIMEDOUT);
+    EXPECT_TRUE(dispatcher.handleInput(42));
+    EXPECT_EQ(std::vector<std::string>{"handleInput(): ITC time travel detected"},
+              TraceRecorder::twampMessages("INFO"));
+    EXPECT_TRUE(TraceRecorder::twampMessages("EXCEPTION").empty());
+}
+
+// An empty receive with any other errno is traced at EXCEPTION with the errno text.
+TEST_F(ItcDispatcherTest, EmptyReceiveOtherErrno) {
+    FakeItc::queueEmptyReceive(EBADF);
+    EXPECT_TRUE(dispatcher.handleInput(42));
+    EXPECT_EQ(std::vector<std::string>{"handleInput(): Got NULL ITC message, errno: 9(Bad file "
+                                       "descriptor)"},
+              TraceRecorder::twampMessages("EXCEPTION"));
+    EXPECT_TRUE(TraceRecorder::twampMessages("INFO").empty());
+}
+
+// A signal of another number is freed with no reply and no trace.
+TEST_F(ItcDispatcherTest, UnknownSignalFreedSilently) {
+    const uint32_t signal[2] = {0x01A11402u, 0};
+    FakeItc::queueSignal(signal, sizeof(signal), kManager);
+    EXPECT_TRUE(dispatcher.handleInput(42));
+    EXPECT_EQ(std::vector<uint32_t>{0x01A11402u}, FakeItc::freedSignalNumbers());
+    EXPECT_TRUE(FakeItc::sent().empty());
+    EXPECT_TRUE(TraceRecorder::records().empty());
+    EXPECT_EQ(0u, FakeItc::liveSignals());
+}
+
+// ---- create ----
+
+// A create signal is traced at LAB with the trailing blank.
+TEST_F(ItcDispatcherTest, CreateTraced) {
+    expectCreate();
+    FakeItc::queueSignal(createSignal(makeKey(1)), kManager);
+    dispatcher.handleInput(42);
+    EXPECT_EQ(std::vector<std::string>{"handleTwtsiCreateTwampTestSession(): Received "
+                                       "twtsiCreateTwampTestSession "},
+              TraceRecorder::twampMessages("LAB"));
+}
+
+// The factory gets the fields in constructor order, the port as decimal text.
+TEST_F(ItcDispatcherTest, CreatePassesFieldsInOrder) {
+    sessions.push_back(std::make_unique<NiceMock<MockTwampTestSession>>(clock));
+    EXPECT_CALL(factory, createTwampTestSession(StrEq("192.0.2.7"), StrEq("862"), 10u, 11u, 12u,
+                                                200, 46u, 7u, 5000u))
+        .WillOnce(Return(sessions.back().get()));
+    FakeItc::queueSignal(createSignal(makeKey(1)), kManager);
+    dispatcher.handleInput(42);
+}
+
+// The new session is started and registered under the signal's key; no reply.
+TEST_F(ItcDispatcherTest, CreateStartsAndRegistersSession) {
+    MockTwampTestSession& session = expectCreate();
+    EXPECT_CALL(session, init()).WillOnce(Return(true));
+    EXPECT_CALL(env.controller, addTwampTestSession(KeyIs(makeKey(1)), &session));
+    FakeItc::queueSignal(createSignal(makeKey(1)), kManager);
+    EXPECT_TRUE(dispatcher.handleInput(42));
+    EXPECT_TRUE(FakeItc::sent().empty());
+    EXPECT_EQ(std::vector<uint32_t>{0x01A11401u}, FakeItc::freedSignalNumbers());
+}
+
+// A session whose init failed is registered all the same.
+TEST_F(ItcDispatcherTest, CreateRegistersSessionWhoseInitFailed) {
+    MockTwampTestSession& session = expectCreate();
+    EXPECT_CALL(session, init()).WillOnce(Return(false));
+    EXPECT_CALL(env.controller, addTwampTestSession(KeyIs(makeKey(1)), &session));
+    FakeItc::queueSignal(createSignal(makeKey(1)), kManager);
+    dispatcher.handleInput(42);
+}
+
+// dstUdpPort 0 is passed on as the one-character text "0".
+TEST_F(ItcDispatcherTest, CreatePortZero) {
+    expectCreate();
+    twtsiCreateTwampTestSession create = createSignal(makeKey(1));
+    create.dstUdpPort = 0;
+    FakeItc::queueSignal(create, kManager);
+    dispatcher.handleInput(42);
+    EXPECT_EQ("0", createdPort);
+}
+
+// dstUdpPort 65535 is passed on unsigned, without sign or padding.
+TEST_F(ItcDispatcherTest, CreatePortHighest) {
+    expectCreate();
+    twtsiCreateTwampTestSession create = createSignal(makeKey(1));
+    create.dstUdpPort = 65535;
+    FakeItc::queueSignal(create, kManager);
+    dispatcher.handleInput(42);
+    EXPECT_EQ("65535", createdPort);
+}
+
+// A dstIpAddress of 46 bytes without terminator is read as those 46 characters.
+TEST_F(ItcDispatcherTest, CreateAddressWithoutTerminator) {
+    expectCreate();
+    twtsiCreateTwampTestSession create = createSignal(makeKey(1));
+    std::memset(create.dstIpAddress, '1', sizeof(create.dstIpAddress));
+    create.dstUdpPort = 0x3131;  // "11" in memory, right behind the address
+    FakeItc::queueSignal(create, kManager);
+    dispatcher.handleInput(42);
+    EXPECT_EQ(std::string(46, '1'), createdAddress);
+}
+
+// A dstIpAddress shorter than the field ends at its terminator.
+TEST_F(ItcDispatcherTest, CreateAddressWithTerminator) {
+    expectCreate();
+    twtsiCreateTwampTestSession create = createSignal(makeKey(1));
+    std::memset(create.dstIpAddress, 'x', sizeof(create.dstIpAddress));
+    std::memcpy(create.dstIpAddress, "2001:db8::7", 12);
+    FakeItc::queueSignal(create, kManager);
+    dispatcher.handleInput(42);
+    EXPECT_EQ("2001:db8::7", createdAddress);
+}
+
+class ItcDispatcherRejectedPacketSizeTest : public ItcDispatcherTest,
+                                            public ::testing::WithParamInterface<int32_t> {};
+
+// A packet size outside 41 to 65507 creates no session and is traced with the value.
+TEST_P(ItcDispatcherRejectedPacketSizeTest, CreatesNoSession) {
+    EXPECT_CALL(factory, createTwampTestSession(_, _, _, _, _, _, _, _, _)).Times(0);
+    EXPECT_CALL(env.controller, addTwampTestSession(_, _)).Times(0);
+    twtsiCreateTwampTestSession create = createSignal(makeKey(1));
+    create.packetSize = GetParam();
+    FakeItc::queueSignal(create, kManager);
+    EXPECT_TRUE(dispatcher.handleInput(42));
+    EXPECT_EQ(std::vector<std::string>{"handleTwtsiCreateTwampTestSession(): Invalid packetSize " +
+                                       std::to_string(GetParam()) + ", allowed 41 to 65507"},
+              TraceRecorder::twampMessages("ERROR"));
+    EXPECT_EQ(std::vector<uint32_t>{0x01A11401u}, FakeItc::freedSignalNumbers());
+}
+
+INSTANTIATE_TEST_SUITE_P(OutOfRange, ItcDispatcherRejectedPacketSizeTest,
+                         ::testing::Values(13, 40, 65508, -1));
+
+class ItcDispatcherAcceptedPacketSizeTest : public ItcDispatcherTest,
+                                            public ::testing::WithParamInterface<int32_t> {};
+
+// The bounds 41 and 65507 themselves are accepted.
+TEST_P(ItcDispatcherAcceptedPacketSizeTest, CreatesSession) {
+    sessions.push_back(std::make_unique<NiceMock<MockTwampTestSession>>(clock));
+    EXPECT_CALL(factory, createTwampTestSession(_, _, _, _, _, GetParam(), _, _, _))
+        .WillOnce(Return(sessions.back().get()));
+    EXPECT_CALL(env.controller, addTwampTestSession(KeyIs(makeKey(1)), sessions.back().get()));
+    twtsiCreateTwampTestSession create = createSignal(makeKey(1));
+    create.packetSize = GetParam();
+    FakeItc::queueSignal(create, kManager);
+    dispatcher.handleInput(42);
+    EXPECT_TRUE(TraceRecorder::twampMessages("ERROR").empty());
+}
+
+INSTANTIATE_TEST_SUITE_P(Bounds, ItcDispatcherAcceptedPacketSizeTest, ::testing::Values(41, 65507));
+
+// ---- delete ----
+
+// A delete signal is traced and passed to the controller; no reply.
+TEST_F(ItcDispatcherTest, DeletePassedToController) {
+    twtsiDeleteTwampTestSession signal;
+    signal.sigNo = TWTSI_DELETE_TWAMP_TEST_SESSION;
+    std::memcpy(signal.sessionId, makeKey(5).bytes, 16);
+    EXPECT_CALL(env.controller, deleteTwampTestSession(KeyIs(makeKey(5))));
+    FakeItc::queueSignal(signal, kManager);
+    EXPECT_TRUE(dispatcher.handleInput(42));
+    EXPECT_EQ(std::vector<std::string>{"handleTwtsiDeleteTwampTestSession(): Received "
+                                       "twtsiDeleteTwampTestSession "},
+              TraceRecorder::twampMessages("LAB"));
+    EXPECT_TRUE(FakeItc::sent().empty());
+    EXPECT_EQ(std::vector<uint32_t>{0x01A11403u}, FakeItc::freedSignalNumbers());
+}
+
+// ---- counters request ----
+
+// A counters request is traced at LAB with the trailing blank.
+TEST_F(ItcDispatcherTest, RequestTraced) {
+    queueRequest(makeKey(1), 0, kManager);
+    dispatcher.handleInput(42);
+    EXPECT_EQ(std::vector<std::string>{"handleTwtsiGetPmCountersReq(): Received "
+                                       "twtsiGetTwampTestSessionPmCountersReq "},
+              TraceRecorder::twampMessages("LAB"));
+}
+
+// A request for a key never created is answered at once: 4584 bytes, the
+// request's key, all 570 values -2, to the requester from the own mailbox.
+TEST_F(ItcDispatcherTest, RequestForUnknownKey) {
+    queueRequest(makeKey(0xF0), 0, kManager);
+    EXPECT_TRUE(dispatcher.handleInput(42));
+    ASSERT_EQ(1u, FakeItc::sent().size());
+    const FakeItcSent& sent = FakeItc::sent()[0];
+    EXPECT_EQ(kManager, sent.to);
+    EXPECT_EQ(kOwnMailbox, sent.from);
+    ASSERT_EQ(4584u, sent.bytes.size());
+    const Reply reply = readReply(sent);
+    EXPECT_EQ(0x01A11405u, reply.sigNo);
+    EXPECT_TRUE(sameKey(makeKey(0xF0), reply.sessionId));
+    for (int counter = 0; counter < 38; ++counter) {
+        for (int bin = 0; bin < 15; ++bin) {
+            ASSERT_EQ(-2, reply.counters[counter][bin]) << counter << "/" << bin;
+        }
+    }
+    EXPECT_EQ(std::vector<uint32_t>{0x01A11404u}, FakeItc::freedSignalNumbers());
+    EXPECT_EQ(0u, FakeItc::liveSignals());
+}
+
+// A reply that cannot be allocated is traced; the request is freed and nothing is sent.
+TEST_F(ItcDispatcherTest, ReplyAllocationFailure) {
+    FakeItc::failNextAlloc(ENOMEM);
+    queueRequest(makeKey(1), 0, kManager);
+    EXPECT_TRUE(dispatcher.handleInput(42));
+    EXPECT_EQ(
+        std::vector<std::string>{"handleTwtsiGetPmCountersReq(): Failed itc_alloc: errno 12 - "
+                                 "Cannot allocate memory"},
+        TraceRecorder::twampMessages("ERROR"));
+    EXPECT_TRUE(FakeItc::sent().empty());
+    EXPECT_EQ(std::vector<uint32_t>{0x01A11404u}, FakeItc::freedSignalNumbers());
+}
+
+// Bytes 0x14 to 0x17 of the reply are left as itc_alloc returned them.
+TEST_F(ItcDispatcherTest, ReplyPaddingNotWritten) {
+    queueRequest(makeKey(1), 0, kManager);
+    dispatcher.handleInput(42);
+    ASSERT_EQ(1u, FakeItc::sent().size());
+    const Reply reply = readReply(FakeItc::sent()[0]);
+    EXPECT_EQ(std::vector<uint8_t>({0xA5, 0xA5, 0xA5, 0xA5}),
+              std::vector<uint8_t>(reply.padding, reply.padding + 4));
+}
+
+// The interval in progress at minute 7: bin 7 of every row is -2, the rest as computed.
+TEST_F(ItcDispatcherTest, RequestInProgressMasksActiveBin) {
+    MockTwampTestSession& session = registerSession(makeKey(1));
+    const PmPeriodRecord record = numberedRecord();
+    EXPECT_CALL(session, getPmCounters(false)).WillOnce(Return(&record));
+    EXPECT_CALL(session, getActivePeriod()).WillOnce(Return(7));
+    queueRequest(makeKey(1), 0, kManager);
+    dispatcher.handleInput(42);
+    ASSERT_EQ(1u, FakeItc::sent().size());
+    const Reply reply = readReply(FakeItc::sent()[0]);
+    EXPECT_EQ(std::vector<int>{7}, maskedBins(reply));
+    EXPECT_EQ(6006, reply.counters[6][6]);
+    EXPECT_EQ(6008, reply.counters[6][8]);
+    EXPECT_EQ(-2, reply.counters[37][7]);
+    EXPECT_TRUE(sameKey(makeKey(1), reply.sessionId));
+    EXPECT_EQ(kManager, FakeItc::sent()[0].to);
+    EXPECT_EQ(kOwnMailbox, FakeItc::sent()[0].from);
+}
+
+// Minute of the hour read from the session's clock, and the bins then masked.
+struct MaskCase {
+    int minuteOfHour;
+    std::vector<int> maskedBins;
+};
+
+void PrintTo(const MaskCase& maskCase, std::ostream* out) {
+    *out << "minute " << maskCase.minuteOfHour;
+}
+
+class ItcDispatcherMaskTest : public ItcDispatcherTest,
+                              public ::testing::WithParamInterface<MaskCase> {};
+
+// The active bin comes from the session's clock; at minutes 0, 15, 30 and 45 nothing is masked.
+TEST_P(ItcDispatcherMaskTest, MasksBinOfRunningMinute) {
+    MockTwampTestSession& session = registerSession(makeKey(1));
+    session.useRealActivePeriod();
+    clock.set(kHourStart + GetParam().minuteOfHour * 60 + 30);
+    const PmPeriodRecord record = numberedRecord();
+    EXPECT_CALL(session, getPmCounters(false)).WillOnce(Return(&record));
+    queueRequest(makeKey(1), 0, kManager);
+    dispatcher.handleInput(42);
+    ASSERT_EQ(1u, FakeItc::sent().size());
+    EXPECT_EQ(GetParam().maskedBins, maskedBins(readReply(FakeItc::sent()[0])));
+}
+
+INSTANTIATE_TEST_SUITE_P(Minutes, ItcDispatcherMaskTest,
+                         ::testing::Values(MaskCase{0, {}}, MaskCase{15, {}}, MaskCase{30, {}},
+                                           MaskCase{45, {}}, MaskCase{7, {7}}, MaskCase{22, {7}},
+                                           MaskCase{1, {1}}, MaskCase{59, {14}}));
+
+// A ready completed interval is sent at once and unmasked.
+TEST_F(ItcDispatcherTest, RequestCompletedReadyIsUnmasked) {
+    MockTwampTestSession& session = registerSession(makeKey(1));
+    const PmPeriodRecord record = numberedRecord();
+    EXPECT_CALL(session, getPmCounters(true)).WillOnce(Return(&record));
+    EXPECT_CALL(session, getActivePeriod()).Times(0);
+    queueRequest(makeKey(1), 1, kManager);
+    dispatcher.handleInput(42);
+    ASSERT_EQ(1u, FakeItc::sent().size());
+    EXPECT_EQ(std::vector<int>{}, maskedBins(readReply(FakeItc::sent()[0])));
+    EXPECT_EQ(kManager, FakeItc::sent()[0].to);
+}
+
+// Any nonzero completedIntervalOnly byte asks for the completed interval.
+TEST_F(ItcDispatcherTest, RequestAnyNonzeroFlagMeansCompleted) {
+    MockTwampTestSession& session = registerSession(makeKey(1));
+    const PmPeriodRecord record = numberedRecord();
+    EXPECT_CALL(session, getPmCounters(true)).WillOnce(Return(&record));
+    queueRequest(makeKey(1), 0x80, kManager);
+    dispatcher.handleInput(42);
+    EXPECT_EQ(1u, FakeItc::sent().size());
+}
+
+// A completed interval not yet finalised: no reply now, the prepared reply is
+// held by the session.
+TEST_F(ItcDispatcherTest, RequestCompletedNotReadyIsHeld) {
+    MockTwampTestSession& session = registerSession(makeKey(1));
+    union itc_msg* held = nullptr;
+    EXPECT_CALL(session, getPmCounters(true)).WillOnce(Return(nullptr));
+    EXPECT_CALL(session, setPendingPmReply(_))
+        .WillOnce(DoAll(SaveArg<0>(&held), Invoke([&session](union itc_msg* reply) {
+                            session.TwampTestSession::setPendingPmReply(reply);
+                        })));
+    queueRequest(makeKey(1), 1, kManager);
+    EXPECT_TRUE(dispatcher.handleInput(42));
+    EXPECT_TRUE(FakeItc::sent().empty());
+    ASSERT_NE(nullptr, held);
+    EXPECT_EQ(0x01A11405u, held->sigNo);
+    EXPECT_TRUE(sameKey(makeKey(1), *reinterpret_cast<const SessionKey*>(
+                                        held->twtsiGetTwampTestSessionPmCountersRsp.sessionId)));
+    EXPECT_EQ(std::vector<uint32_t>{0x01A11404u}, FakeItc::freedSignalNumbers());
+    EXPECT_EQ(1u, FakeItc::liveSignals());
+}
+
+// A held reply belongs to the session, which frees it when it is destroyed.
+TEST_F(ItcDispatcherTest, HeldReplyFreedWithSession) {
+    MockTwampTestSession& session = registerSession(makeKey(1));
+    session.holdPendingRepliesForReal();
+    EXPECT_CALL(session, getPmCounters(true)).WillOnce(Return(nullptr));
+    queueRequest(makeKey(1), 1, kManager);
+    dispatcher.handleInput(42);
+    sessions.clear();
+    EXPECT_TRUE(FakeItc::sent().empty());
+    EXPECT_EQ(std::vector<uint32_t>({0x01A11404u, 0x01A11405u}), FakeItc::freedSignalNumbers());
+    EXPECT_EQ(0u, FakeItc::liveSignals());
+}
+
+// A held reply is sent unmasked to the requester stored last, from the own mailbox.
+TEST_F(ItcDispatcherTest, HeldReplyGoesToLastRequester) {
+    MockTwampTestSession& first = registerSession(makeKey(1));
+    MockTwampTestSession& second = registerSession(makeKey(2));
+    union itc_msg* heldByFirst = nullptr;
+    union itc_msg* heldBySecond = nullptr;
+    const PmPeriodRecord record = numberedRecord();
+    EXPECT_CALL(first, getPmCounters(true)).WillOnce(Return(nullptr)).WillOnce(Return(&record));
+    EXPECT_CALL(second, getPmCounters(true)).WillOnce(Return(nullptr));
+    EXPECT_CALL(first, setPendingPmReply(_)).WillOnce(SaveArg<0>(&heldByFirst));
+    EXPECT_CALL(second, setPendingPmReply(_)).WillOnce(SaveArg<0>(&heldBySecond));
+    EXPECT_CALL(first, getActivePeriod()).Times(0);
+    queueRequest(makeKey(1), 1, kManager);
+    queueRequest(makeKey(2), 1, kOtherManager);
+    dispatcher.handleInput(42);
+    dispatcher.handleInput(42);
+    ASSERT_NE(nullptr, heldByFirst);
+    ASSERT_NE(nullptr, heldBySecond);
+
+    dispatcher.sendPmCountersReply(&first, heldByFirst);
+
+    ASSERT_EQ(1u, FakeItc::sent().size());
+    EXPECT_EQ(kOtherManager, FakeItc::sent()[0].to);
+    EXPECT_EQ(kOwnMailbox, FakeItc::sent()[0].from);
+    const Reply reply = readReply(FakeItc::sent()[0]);
+    EXPECT_EQ(0x01A11405u, reply.sigNo);
+    EXPECT_TRUE(sameKey(makeKey(1), reply.sessionId));
+    EXPECT_EQ(std::vector<int>{}, maskedBins(reply));
+    itc_free(&heldBySecond);
+}
+
+// A held reply whose interval is still not finalised is neither sent nor freed.
+TEST_F(ItcDispatcherTest, HeldReplyStillNotReady) {
+    MockTwampTestSession& session = registerSession(makeKey(1));
+    union itc_msg* held = nullptr;
+    EXPECT_CALL(session, getPmCounters(true)).WillOnce(Return(nullptr)).WillOnce(Return(nullptr));
+    EXPECT_CALL(session, setPendingPmReply(_)).WillOnce(SaveArg<0>(&held));
+    queueRequest(makeKey(1), 1, kManager);
+    dispatcher.handleInput(42);
+    ASSERT_NE(nullptr, held);
+
+    dispatcher.sendPmCountersReply(&session, held);
+
+    EXPECT_TRUE(FakeItc::sent().empty());
+    EXPECT_EQ(std::vector<uint32_t>{0x01A11404u}, FakeItc::freedSignalNumbers());
+    EXPECT_EQ(1u, FakeItc::liveSignals());
+    itc_free(&held);
+}
+
+}  // namespace
