@@ -54,15 +54,20 @@ char* trace_log_format_buffer();
 #define TWAMP_TRACE_STRINGIFY(x) TWAMP_TRACE_STRINGIFY_(x)
 #define TWAMP_TRACE_POSITION __FILE_NAME__ ":" TWAMP_TRACE_STRINGIFY(__LINE__)
 
-// Check, format, emit: the shape of every trace statement.
-#define TWAMP_TRACE_STATEMENT(provider, event, component, ...)                              \
+// Check, format, emit: the shape of every trace statement, on behalf of the
+// named function.
+#define TWAMP_TRACE_STATEMENT_AS(provider, event, component, function, ...)                 \
     do {                                                                                    \
         if (TWAMP_TRACEPOINT_ENABLED(provider, event)) {                                    \
-            const char* twampTraceMessage_ = trace_format("%s(): ", __func__, __VA_ARGS__); \
+            const char* twampTraceMessage_ = trace_format("%s(): ", function, __VA_ARGS__); \
             TWAMP_TRACEPOINT_EMIT(provider, event, TWAMP_TRACE_POSITION, component,         \
                                   twampTraceMessage_);                                      \
         }                                                                                   \
     } while (0)
+
+// A trace statement of the calling function.
+#define TWAMP_TRACE_STATEMENT(provider, event, component, ...) \
+    TWAMP_TRACE_STATEMENT_AS(provider, event, component, __func__, __VA_ARGS__)
 
 // Events of com_quorin_tn_twamp, component "TWAMP".
 #define TRACE_ERROR(...) TWAMP_TRACE_STATEMENT(com_quorin_tn_twamp, ERROR, "TWAMP", __VA_ARGS__)
@@ -71,6 +76,15 @@ char* trace_log_format_buffer();
 #define TRACE_PACKET(...) TWAMP_TRACE_STATEMENT(com_quorin_tn_twamp, PACKET, "TWAMP", __VA_ARGS__)
 #define TRACE_EXCEPTION(...) \
     TWAMP_TRACE_STATEMENT(com_quorin_tn_twamp, EXCEPTION, "TWAMP", __VA_ARGS__)
+
+// Events traced on behalf of another function: the daemon's entry runs in a
+// function of its own but traces as main.
+#define TRACE_ERROR_AS(function, ...) \
+    TWAMP_TRACE_STATEMENT_AS(com_quorin_tn_twamp, ERROR, "TWAMP", function, __VA_ARGS__)
+#define TRACE_INFO_AS(function, ...) \
+    TWAMP_TRACE_STATEMENT_AS(com_quorin_tn_twamp, INFO, "TWAMP", function, __VA_ARGS__)
+#define TRACE_LAB_AS(function, ...) \
+    TWAMP_TRACE_STATEMENT_AS(com_quorin_tn_twamp, LAB, "TWAMP", function, __VA_ARGS__)
 
 // The troubleshooting event, component "GENERAL" (operator-log module).
 #define TRACE_TROUBLESHOOTING_ERROR(...) \

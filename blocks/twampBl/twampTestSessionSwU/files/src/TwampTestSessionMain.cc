@@ -1,10 +1,35 @@
 #include "TwampTestSessionMain.h"
 
-#include <cstdlib>
+#include <fcntl.h>
+#include <sched.h>
+#include <unistd.h>
 
+#include <cerrno>
+#include <cstdio>
+#include <cstdlib>
+#include <cstring>
+#include <string>
+#include <vector>
+
+#include "IoMultiplexer.h"
+#include "ItcDispatcher.h"
+#include "PercentileVector.h"
 #include "TraceFacade.h"
+#include "TwampTestSessionController.h"
+#include "TwampTestSessionFactory.h"
+#include "UdpSocket.h"
+#include "tn_log_internal.h"
 
 namespace {
+
+constexpr int kExpectedArgc = 6;
+// The entry's traces name the function main.
+constexpr const char* kMain = "main";
+constexpr const char* kNetnsDirectory = "/var/run/netns";
+// The platform's handle of the initial network namespace.
+constexpr const char* kDefaultNamespaceFile = "/tmp/proc_1_ns_net";
+// Room for the 14 characters of the directory, the slash and the terminator.
+constexpr std::size_t kNetnsPathExtra = 16;
 
 enum class GlibTraceEvent { Error, Info, Lab };
 
@@ -70,3 +95,95 @@ void twampTestSessionLoghandler(const gchar* logDomain, GLogLevelFlags logLevel,
         std::abort();
     }
 }
+
+int getNsFd(const char* nsName) {
+    if (std::strstr(nsName, "fib") != nullptr) {
+        TRACE_LAB("Namespace: ns_name=[%s]", nsName);
+        std::vector<char> path(std::strlen(nsName) + kNetnsPathExtra);
+        std::snprintf(path.data(), path.size(), "%s/%s", kNetnsDirectory, nsName);
+        const int fd = open(path.data(), O_RDONLY);
+        if (fd < 0) {
+            const char* reason = std::strerror(errno);
+            TRACE_ERROR("Unable to open '%s': %s.", path.data(), reason);
+            FATAL_RESTART("Unable to open '%s': %s.", path.data(), reason);
+        }
+        return fd;
+    }
+    TRACE_LAB("Namespace: ns_name=[default]");
+    const int fd = open(kDefaultNamespaceFile, O_RDONLY);
+    if (fd < 0) {
+        const char* reason = std::strerror(errno);
+        TRACE_ERROR("Unable to open '%s': %s.", kDefaultNamespaceFile, reason);
+        FATAL_RESTART("Unable to open '%s': %s.", kDefaultNamespaceFile, reason);
+    }
+    return fd;
+}
+
+void closeNs(int fd) {
+    if (close(fd) != 0) {
+        TRACE_ERROR("Can't close namespace: errno=\"%s(%u)\"", std::strerror(errno),
+                    static_cast<unsigned>(errno));
+    }
+}
+
+bool parseIsIpsecTunnel(const char* text) {
+    return std::strtoul(text, nullptr, 0) == 1;
+}
+
+void runTwampTestSession(int argc, char* argv[]) {
+    std::fprintf(stderr, "argc= %u\n", static_cast<unsigned>(argc));
+    for (int i = 0; i < argc; ++i) {
+        TRACE_LAB_AS(kMain, "argv[%u] = %s", static_cast<unsigned>(i), argv[i]);
+    }
+    if (argc != kExpectedArgc) {
+        TRACE_INFO_AS(
+            kMain,
+            "Usage: %s <service-name> <src-ip-addr> <src-udp-port> <name_space> <isIpsecTunnel>",
+            argv[0]);
+        std::exit(1);
+    }
+    if (!tn_log_init()) {
+        TRACE_ERROR_AS(kMain, "tn_log_init failed ");
+        FATAL_RESTART("tn_log_init failed ");
+    }
+
+    // The namespace is joined before the socket and the mailbox exist, so
+    // that both live in it.
+    const char* nsName = argv[4];
+    const int nsFd = getNsFd(nsName);
+    if (setns(nsFd, CLONE_NEWNET) != 0) {
+        TRACE_ERROR_AS(kMain, "Can't join namespace: ns_name=%s, errno=\"%s(%u)\"", nsName,
+                       std::strerror(errno), static_cast<unsigned>(errno));
+    }
+    closeNs(nsFd);
+    const bool isIpsecTunnel = parseIsIpsecTunnel(argv[5]);
+
+    // Lives in this frame for the whole life of the process.
+    TwampTestSessionFactory factory;
+    TwampTestSessionController::getInstance(nullptr, &factory);
+    TwampTestSessionController::getInstance()->getUdpSocket().init(argv[2], argv[3], isIpsecTunnel);
+    TwampTestSessionController::getInstance()->getItcDispatcher()->init(std::string(argv[1]));
+    g_log_set_default_handler(twampTestSessionLoghandler, nullptr);
+    if (!percentile_init()) {
+        TRACE_ERROR_AS(kMain, "Can't initialize percentile");
+    }
+
+    while (TwampTestSessionController::getInstance()->getIoMultiplexer().handleEvents()) {
+    }
+
+    if (!percentile_uninit()) {
+        TRACE_ERROR_AS(kMain, "Can't un-initialize percentile");
+    }
+    if (!tn_log_uninit()) {
+        TRACE_ERROR_AS(kMain, "tn_log_uninit failed");
+    }
+    std::exit(0);
+}
+
+// Programs that reuse this file's functions (unit tests, tools) define
+// TWAMP_NO_MAIN and bring their own main.
+#ifndef TWAMP_NO_MAIN
+int main(int argc, char* argv[]) {
+    runTwampTestSession(argc, argv);
+}
+#endif

@@ -1,4 +1,5 @@
-// Process entry of the daemon and the GLib default log handler.
+// Process entry of the daemon: command line, operator log, namespace join,
+// the shared objects, the event loop; and the GLib default log handler.
 #ifndef TWAMP_TEST_SESSION_MAIN_H
 #define TWAMP_TEST_SESSION_MAIN_H
 
@@ -9,5 +10,21 @@
 // a fatal one, whether or not its event is enabled. userData is unused.
 void twampTestSessionLoghandler(const gchar* logDomain, GLogLevelFlags logLevel,
                                 const gchar* message, gpointer userData);
+
+// Opens the network namespace selected by nsName: /var/run/netns/<nsName> when
+// the name contains "fib", else /tmp/proc_1_ns_net (the initial namespace). A
+// file that cannot be opened is a fatal start-up failure: restart request.
+int getNsFd(const char* nsName);
+
+// Closes the namespace descriptor; a failure is traced only.
+void closeNs(int fd);
+
+// The isIpsecTunnel argument: true exactly when strtoul in base 0 gives 1.
+bool parseIsIpsecTunnel(const char* text);
+
+// The whole life of the daemon process; ends with exit(1) on a wrong argument
+// count, exit(0) when the event loop ends, or waits for a restart after a
+// fatal start-up failure. Never returns.
+[[noreturn]] void runTwampTestSession(int argc, char* argv[]);
 
 #endif  // TWAMP_TEST_SESSION_MAIN_H
