@@ -1,0 +1,211 @@
+// twamp-ctl: creates and deletes test sessions of the TWAMP test session
+// daemon and reads their counters, through the daemon's ITC mailbox.
+#include <unistd.h>
+
+#include <cerrno>
+#include <cmath>
+#include <cstdio>
+#include <cstdlib>
+#include <cstring>
+#include <ctime>
+#include <string>
+#include <vector>
+
+#include "CountersFormatter.h"
+#include "CtlOptions.h"
+#include "TwtsiSignals.h"
+#include "itc.h"
+
+namespace {
+
+enum ExitStatus {
+    kExitOk = 0,
+    kExitFailure = 1,
+    kExitBadArgument = 2,
+    kExitNoMailbox = 3,
+    kExitTimeout = 4,
+};
+
+const char* runDirectory() {
+    const char* directory = std::getenv("ITC_RUNDIR");
+    return directory != nullptr && directory[0] != '\0' ? directory : "/run/itc";
+}
+
+int fail(int status, const std::string& message) {
+    std::fprintf(stderr, "twamp-ctl: %s\n", message.c_str());
+    return status;
+}
+
+// The tool's own mailbox, deleted again on every way out.
+class OwnMailbox {
+  public:
+    OwnMailbox() {
+        if (itc_init(1, 0, nullptr, nullptr, 0) != 0) {
+            error = std::string("itc_init failed: ") + std::strerror(errno);
+            return;
+        }
+        const std::string name = "twamp-ctl-" + std::to_string(getpid());
+        id = itc_create_mailbox(name.c_str(), 0);
+        if (id == ITC_NO_ID) {
+            error = "cannot create mailbox '" + name + "' in " + runDirectory() + ": " +
+                    std::strerror(errno);
+        }
+    }
+    ~OwnMailbox() {
+        if (id != ITC_NO_ID) {
+            itc_delete_mailbox(id);
+        }
+    }
+    OwnMailbox(const OwnMailbox&) = delete;
+    OwnMailbox& operator=(const OwnMailbox&) = delete;
+
+    itc_mbox_id_t id = ITC_NO_ID;
+    std::string error;
+};
+
+union itc_msg* buildCreate(const CtlOptions& options) {
+    union itc_msg* msg =
+        itc_alloc(sizeof(twtsiCreateTwampTestSession), TWTSI_CREATE_TWAMP_TEST_SESSION);
+    if (msg == nullptr) {
+        return nullptr;
+    }
+    twtsiCreateTwampTestSession& create = msg->twtsiCreateTwampTestSession;
+    std::snprintf(create.dstIpAddress, sizeof(create.dstIpAddress), "%s",
+                  options.dstIpAddress.c_str());
+    create.dstUdpPort = options.dstUdpPort;
+    std::memcpy(create.sessionId, options.sessionId, sizeof(create.sessionId));
+    create.packetsPerSecond = options.packetsPerSecond;
+    create.dscp = options.dscp;
+    create.spare1 = options.spare1;
+    create.spare2 = options.spare2;
+    create.packetSize = options.packetSize;
+    create.startOffset = options.startOffset;
+    create.spreadingBase = options.spreadingBase;
+    return msg;
+}
+
+union itc_msg* buildDelete(const CtlOptions& options) {
+    union itc_msg* msg =
+        itc_alloc(sizeof(twtsiDeleteTwampTestSession), TWTSI_DELETE_TWAMP_TEST_SESSION);
+    if (msg != nullptr) {
+        std::memcpy(msg->twtsiDeleteTwampTestSession.sessionId, options.sessionId,
+                    sizeof(options.sessionId));
+    }
+    return msg;
+}
+
+union itc_msg* buildCountersRequest(const CtlOptions& options) {
+    union itc_msg* msg = itc_alloc(sizeof(twtsiGetTwampTestSessionPmCountersReq),
+                                   TWTSI_GET_TWAMP_TEST_SESSION_PM_COUNTERS_REQ);
+    if (msg != nullptr) {
+        twtsiGetTwampTestSessionPmCountersReq& request = msg->twtsiGetTwampTestSessionPmCountersReq;
+        std::memcpy(request.sessionId, options.sessionId, sizeof(request.sessionId));
+        request.completedIntervalOnly = options.completedIntervalOnly ? 1 : 0;
+    }
+    return msg;
+}
+
+int printCounters(const CtlOptions& options, const twtsiGetTwampTestSessionPmCountersRsp& reply) {
+    const time_t start = reportedIntervalStart(std::time(nullptr), options.completedIntervalOnly);
+    std::string text;
+    switch (options.output) {
+        case CtlOutput::Json:
+            text = formatCountersJson(reply.counters, sessionIdHex(options.sessionId),
+                                      options.completedIntervalOnly);
+            break;
+        case CtlOutput::Csv:
+            text = formatCountersCsv(reply.counters, start);
+            break;
+        case CtlOutput::Table:
+            text = "session " + sessionIdHex(options.sessionId) +
+                   (options.completedIntervalOnly ? ", last completed interval\n"
+                                                  : ", interval in progress\n") +
+                   formatCountersTable(reply.counters, start);
+            break;
+    }
+    std::fputs(text.c_str(), stdout);
+    return kExitOk;
+}
+
+int awaitCounters(const CtlOptions& options, itc_mbox_id_t daemon) {
+    static const uint32_t kReplyFilter[] = {1, TWTSI_GET_TWAMP_TEST_SESSION_PM_COUNTERS_RSP};
+    const auto timeoutMs = static_cast<int32_t>(std::ceil(options.timeoutSeconds * 1000.0));
+    union itc_msg* reply = itc_receive(kReplyFilter, timeoutMs, daemon);
+    if (reply == nullptr) {
+        return fail(kExitTimeout, "no counters reply from '" + options.service + "' within " +
+                                      std::to_string(options.timeoutSeconds) + " s" +
+                                      (options.completedIntervalOnly && !options.wait
+                                           ? " (the completed interval may be held; try --wait)"
+                                           : ""));
+    }
+    int status = kExitOk;
+    const twtsiGetTwampTestSessionPmCountersRsp& counters =
+        reply->twtsiGetTwampTestSessionPmCountersRsp;
+    if (itc_size(reply) != TWTSI_GET_TWAMP_TEST_SESSION_PM_COUNTERS_RSP_SIZE) {
+        status = fail(kExitFailure,
+                      "malformed counters reply of " + std::to_string(itc_size(reply)) + " bytes");
+    } else if (std::memcmp(counters.sessionId, options.sessionId, sizeof(options.sessionId)) != 0) {
+        status = fail(kExitFailure, "counters reply for another session");
+    } else {
+        status = printCounters(options, counters);
+    }
+    itc_free(&reply);
+    return status;
+}
+
+int run(const CtlOptions& options) {
+    OwnMailbox own;
+    if (!own.error.empty()) {
+        return fail(kExitFailure, own.error);
+    }
+    const itc_mbox_id_t daemon = itc_locate(options.service.c_str());
+    if (daemon == ITC_NO_ID) {
+        return fail(kExitNoMailbox, "no mailbox named '" + options.service + "' in " +
+                                        runDirectory() + " (is the daemon running?)");
+    }
+    union itc_msg* msg = nullptr;
+    switch (options.command) {
+        case CtlCommand::Create:
+            msg = buildCreate(options);
+            break;
+        case CtlCommand::Delete:
+            msg = buildDelete(options);
+            break;
+        case CtlCommand::Counters:
+            msg = buildCountersRequest(options);
+            break;
+        case CtlCommand::Help:
+            return kExitOk;
+    }
+    if (msg == nullptr) {
+        return fail(kExitFailure, std::string("itc_alloc failed: ") + std::strerror(errno));
+    }
+    if (itc_send(&msg, daemon, own.id) != 0) {
+        return fail(kExitFailure,
+                    "cannot send to '" + options.service + "': " + std::strerror(errno));
+    }
+    if (options.command == CtlCommand::Counters) {
+        return awaitCounters(options, daemon);
+    }
+    return kExitOk;
+}
+
+}  // namespace
+
+int main(int argc, char* argv[]) {
+    const std::vector<std::string> arguments(argv + 1, argv + argc);
+    const char* fromEnvironment = std::getenv("TWAMP_SERVICE");
+    const std::string defaultService =
+        fromEnvironment != nullptr && fromEnvironment[0] != '\0' ? fromEnvironment : "twamp";
+    CtlOptions options;
+    std::string error;
+    if (!parseCtlOptions(arguments, defaultService, options, error)) {
+        std::fprintf(stderr, "twamp-ctl: %s\n%s", error.c_str(), ctlUsage().c_str());
+        return kExitBadArgument;
+    }
+    if (options.command == CtlCommand::Help) {
+        std::fputs(ctlUsage().c_str(), stdout);
+        return kExitOk;
+    }
+    return run(options);
+}
