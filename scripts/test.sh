@@ -14,7 +14,9 @@ run_suite() {
     shift
     cmake -S "$ROOT" -B "$dir" -DCMAKE_BUILD_TYPE=RelWithDebInfo "$@"
     cmake --build "$dir" -j "$JOBS"
-    ctest --test-dir "$dir" --output-on-failure -j "$JOBS"
+    # A test without a time limit of its own gets two minutes: a hang fails, it
+    # does not stall the run.
+    ctest --test-dir "$dir" --output-on-failure --timeout 120 -j "$JOBS"
 }
 
 echo "=== tests ==="
