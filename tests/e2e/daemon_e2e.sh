@@ -97,6 +97,21 @@ kill -TERM "$DAEMON_PID"
 wait "$DAEMON_PID" 2>/dev/null || true
 DAEMON_PID=""
 
+# A namespace file that is no namespace: setns fails, the daemon carries on in
+# the namespace it was started in.
+NOTNS="fib_notns_$$"
+: >"/var/run/netns/$NOTNS"
+"$DAEMON" "notns_$$" 127.0.0.1 18622 "$NOTNS" 0 2>/dev/null &
+DAEMON_PID=$!
+check "unjoinable namespace: the daemon still opens its mailbox" \
+    wait_for 20 "$CTL" --service "notns_$$" counters --id ready
+check "unjoinable namespace: the socket is bound in the initial namespace" \
+    bash -c "ss -Huanp 'sport = :18622' | grep -q 'pid=$DAEMON_PID,'"
+kill -TERM "$DAEMON_PID"
+wait "$DAEMON_PID" 2>/dev/null || true
+DAEMON_PID=""
+rm -f "/var/run/netns/$NOTNS"
+
 # A namespace file that does not exist: restart request, then the process waits.
 rm -f /var/run/netns/fib_missing
 "$DAEMON" "missing_$$" 127.0.0.1 "$PORT" fib_missing 0 2>/dev/null &
@@ -127,5 +142,10 @@ missing_namespace_traced() {
         grep -qE "getNsFd\(\): Unable to open [\\]?'/var/run/netns/fib_missing[\\]?': No such file or directory\."
 }
 check "trace: the missing namespace at ERROR" missing_namespace_traced
+join_failure_traced() {
+    grep -F 'com_quorin_tn_twamp:ERROR:' "$WORK/events.txt" |
+        grep -qE "main\(\): Can[\\]?'t join namespace: ns_name=$NOTNS, errno=[\\]?\"Invalid argument\(22\)[\\]?\""
+}
+check "trace: the failed namespace join at ERROR, from main" join_failure_traced
 
 e2e_finish

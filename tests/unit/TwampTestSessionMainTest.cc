@@ -8,6 +8,7 @@
 #include <string>
 #include <vector>
 
+#include "DefaultNamespaceHandle.h"
 #include "TraceRecorder.h"
 #include "TwampTestSessionMain.h"
 
@@ -79,26 +80,14 @@ bool sameFile(int fd, const std::string& path) {
            byFd.st_dev == byPath.st_dev && byFd.st_ino == byPath.st_ino;
 }
 
-constexpr const char* kDefaultHandle = "/tmp/proc_1_ns_net";
-
 class NamespaceFileTest : public TwampTestSessionMainTest {
   protected:
     void SetUp() override {
         TwampTestSessionMainTest::SetUp();
-        // The platform's handle of the initial namespace, as the lab creates it:
-        // a link to pid 1's namespace, or to our own where pid 1's is not
-        // readable (in a container). An existing handle is left as it is.
-        struct stat existing {};
-        if (lstat(kDefaultHandle, &existing) != 0) {
-            const char* target =
-                access("/proc/1/ns/net", R_OK) == 0 ? "/proc/1/ns/net" : "/proc/self/ns/net";
-            ASSERT_EQ(0, symlink(target, kDefaultHandle));
-        }
         // getNsFd asks for a restart and waits forever when it cannot open
         // the handle: check first, so that a broken host fails the test.
-        const int probe = open(kDefaultHandle, O_RDONLY);
-        ASSERT_GE(probe, 0) << kDefaultHandle << " cannot be opened on this host";
-        close(probe);
+        ASSERT_TRUE(twamp_test::ensureDefaultNamespaceHandle())
+            << twamp_test::kDefaultNamespaceHandle << " cannot be opened on this host";
         mkdir("/var/run/netns", 0755);
     }
 
