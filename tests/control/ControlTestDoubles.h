@@ -11,6 +11,7 @@
 #include "Clock.h"
 #include "IoMultiplexer.h"
 #include "MockTwampTestSessionController.h"
+#include "RandomFd.h"
 #include "ReceiverKey.h"
 #include "TwampTestSessionController.h"
 #include "UdpSocket.h"
@@ -58,6 +59,7 @@ class MockUdpSocket : public UdpSocket {
   public:
     // UdpSocket
     MOCK_METHOD(int, getSocketFd, (), (const, override));
+    MOCK_METHOD(int, getFamily, (), (const, override));
     MOCK_METHOD(void, addMessageReceiver, (const ReceiverKey& key, MessageReceiver* receiver),
                 (override));
     MOCK_METHOD(void, removeMessageReceiver, (const ReceiverKey& key), (override));
@@ -69,13 +71,14 @@ MATCHER_P(SameReceiverKey, expected, "") {
 }
 
 // A mock controller adopted as the process-wide instance for the lifetime of
-// this object, handing out the mock multiplexer and socket. Sessions and
-// dispatchers must be gone before it is.
+// this object, handing out the mock multiplexer and socket and a real random
+// source. Sessions and dispatchers must be gone before it is.
 class AdoptedMockController {
   public:
     AdoptedMockController() {
         ON_CALL(controller, getIoMultiplexer()).WillByDefault(::testing::ReturnRef(multiplexer));
         ON_CALL(controller, getUdpSocket()).WillByDefault(::testing::ReturnRef(udpSocket));
+        ON_CALL(controller, getRandomFd()).WillByDefault(::testing::ReturnRef(randomFd));
         TwampTestSessionController::resetInstanceForTest();
         TwampTestSessionController::getInstance(&controller);
     }
@@ -83,6 +86,7 @@ class AdoptedMockController {
 
     ::testing::NiceMock<MockIoMultiplexer> multiplexer;
     ::testing::NiceMock<MockUdpSocket> udpSocket;
+    RandomFd randomFd;
     ::testing::NiceMock<twamp_test::MockTwampTestSessionController> controller;
 };
 

@@ -10,32 +10,70 @@
 #define TWAMP_TEST_SESSION_H
 
 #include <sys/socket.h>
+#include <sys/timerfd.h>
 #include <sys/types.h>
+#include <sys/uio.h>
 
+#include <cstddef>
 #include <cstdint>
+#include <ctime>
+#include <map>
 #include <memory>
 #include <set>
 #include <string>
+#include <utility>
+#include <vector>
 
 #include "Clock.h"
 #include "IoHandler.h"
 #include "MessageReceiver.h"
+#include "OutstandingPacket.h"
 #include "PmPeriodRecord.h"
+#include "PmState.h"
 #include "RealtimeClock.h"
 
 union itc_msg;
 
+// The system calls of a session's timer and send path. The base class calls
+// the real ones; tests override single calls to fire timers, fail sends and
+// feed random bytes without waiting or touching the network.
+class SessionSystemCalls {
+  public:
+    virtual ~SessionSystemCalls();
+
+    // ::timerfd_create
+    virtual int timerfdCreate(int clock, int flags);
+    // ::timerfd_settime
+    virtual int timerfdSettime(int fd, int flags, const struct itimerspec* newValue,
+                               struct itimerspec* oldValue);
+    // ::read (timer expiries and random bytes)
+    virtual ssize_t read(int fd, void* buffer, std::size_t count);
+    // ::sendmsg
+    virtual ssize_t sendmsg(int fd, const struct msghdr* msg, int flags);
+    // ::setsockopt
+    virtual int setsockopt(int fd, int level, int name, const void* value, socklen_t length);
+    // ::close
+    virtual int close(int fd);
+
+    // The process's instance calling the real system calls.
+    static SessionSystemCalls& real();
+};
+
 class TwampTestSession : public IoHandler, public MessageReceiver {
   public:
     // Stores the create signal's fields; throws std::logic_error when either
-    // text is null. clock is the wall clock the session reads.
+    // text is null. clock is the wall clock the session reads; systemCalls
+    // null for the real system calls, otherwise not owned and must outlive
+    // the session.
     TwampTestSession(const char* dstIpAddress, const char* dstUdpPort, uint32_t packetsPerSecond,
                      uint32_t spare1, uint32_t spare2, int32_t packetSize, uint32_t dscp,
                      uint32_t startOffset, uint32_t spreadingBase,
-                     Clock& clock = RealtimeClock::instance());
+                     Clock& clock = RealtimeClock::instance(),
+                     SessionSystemCalls* systemCalls = nullptr);
     TwampTestSession(const TwampTestSession&) = delete;
     TwampTestSession& operator=(const TwampTestSession&) = delete;
-    // Leaves the multiplexer and the socket and frees a held counters reply.
+    // Deletes the outstanding packets, closes the timer, leaves the
+    // multiplexer and the socket and frees a held counters reply.
     ~TwampTestSession() override;
 
     // IoHandler
@@ -64,17 +102,92 @@ class TwampTestSession : public IoHandler, public MessageReceiver {
     virtual void setPendingPmReply(union itc_msg* reply);
     // The bin of the running minute (minute of the hour mod 15); 0 when the clock fails.
     virtual int getActivePeriod();
+    // Sets the IPv4 TOS byte of the shared socket to the session's DSCP; true on success.
+    virtual bool setDscp(int socket);
     // The resolved destination socket address.
     virtual struct sockaddr_storage getDstAddress() const;
 
+    // Arms the packet timer for the next whole minute plus the spreading; true on success.
+    bool setAndStartTimer();
+    // Fills length bytes with random bytes; true on success.
+    bool generateRandomPayload(uint8_t* buffer, std::size_t length);
+
+#ifdef TWAMP_UNIT_TEST
+    uint64_t getSentOkCountForTest() const {
+        return sentOkCount;
+    }
+    uint64_t getSendFailedCountForTest() const {
+        return sendFailedCount;
+    }
+    uint64_t getTimerOverrunsForTest() const {
+        return timerOverruns;
+    }
+    int64_t getLastSendErrnoForTest() const {
+        return lastSendErrno;
+    }
+    uint32_t getSequenceNumberForTest() const {
+        return sequenceNumber;
+    }
+    int getTimerFdForTest() const {
+        return timerFd;
+    }
+    // The outstanding packets of a minute parity, by sequence number.
+    std::vector<uint32_t> getOutstandingSeqNosForTest(int parity) const;
+    const PmPeriodRecord& getRecordForTest(int index) const {
+        return records[index];
+    }
+    bool isRecordCompleteForTest(int index) const {
+        return recordComplete[index] != 0;
+    }
+    bool isMinutePendingForTest(int parity) const {
+        return minutePending[parity] != 0;
+    }
+    uint32_t getLastSenderSeqNoForTest(int parity) const {
+        return lastSenderSeqNo[parity];
+    }
+#endif
+
   private:
     static constexpr int kRecordCount = 2;
+    static constexpr int kParityCount = 2;
+    static constexpr std::size_t kControlBufferSize = 256;
+
+    // Smallest and largest value of a one-byte header field over a minute.
+    struct MinMaxTracker {
+        uint64_t min = 0;
+        uint64_t max = 0;
+        uint64_t count = 0;
+        void clear() { *this = MinMaxTracker(); }
+    };
+
+    using OutstandingMap = std::map<uint32_t, std::unique_ptr<OutstandingPacket>>;
+    // Forward and reverse delay of a packet, microseconds.
+    using DelayPair = std::pair<uint64_t, uint64_t>;
 
     // Resolves the destination into dstAddress; 0 or the getaddrinfo error.
     int resolveDestination();
     void registerWithSocket();
     void removeFromSocket();
+    bool createTimer();
+    void initPmStates();
+    void resetPmStates(int parity);
+    bool writeInitialPadding();
+    struct timespec packetInterval() const;
     bool handlePacketTimer();
+    void handleTimerReadFailure();
+    void runExpiry(const struct timespec& now);
+    void startMinute(uint32_t minute);
+    void minuteTick(uint32_t minute);
+    void finalizePmMember(PmPeriodRecord& record, int bin, int parity);
+    void sendPendingPmReply();
+    void sendMessage(const struct timespec& now);
+    bool readRandomByte(uint8_t& randomByte);
+    void varyPadding(uint8_t randomByte);
+    void prepareMessageHeader();
+    void applySendOptions(int socket, int family);
+    void bookSendResult(ssize_t sent, const struct timespec& now, uint64_t t1);
+    void bookSentPacket(ssize_t sent, const struct timespec& now, uint64_t t1);
+    void bookSendFailure();
 
     std::unique_ptr<uint8_t[]> packetBuffer;  // the test packet, re-sent for every sequence number
     std::string dstIpAddress;
@@ -91,12 +204,29 @@ class TwampTestSession : public IoHandler, public MessageReceiver {
     uint64_t timerOverruns = 0;
     int timerFd = -1;
     std::set<int> readFds;
+    alignas(struct cmsghdr) uint8_t controlBuffer[kControlBufferSize];
     struct sockaddr_storage dstAddress;
     uint32_t dstAddressLength = 0;
+    struct iovec ioVector;
+    struct msghdr messageHeader;
     uint32_t sequenceNumber = 0;
     int64_t lastSendResult = 0;
     int64_t lastSendErrno = 0;
     bool registeredWithSocket = false;
+    // Per-minute measurement state, one set per minute parity.
+    OutstandingMap outstandingPackets[kParityCount];
+    // Created by init: a session that never started holds no percentile vectors.
+    std::unique_ptr<PmState> delayRt[kParityCount];
+    std::unique_ptr<PmState> ipdvFwd[kParityCount];
+    std::unique_ptr<PmState> ipdvRev[kParityCount];
+    MinMaxTracker dscpRev[kParityCount];
+    MinMaxTracker ttlFwd[kParityCount];
+    MinMaxTracker ttlRev[kParityCount];
+    std::vector<uint32_t> missingSenderSeqNos[kParityCount];
+    std::vector<uint32_t> missingResponderSeqNos[kParityCount];
+    std::map<uint32_t, DelayPair> ipdvHistory[kParityCount];
+    uint32_t expectedResponderSeqNo[kParityCount] = {0, 0};
+    uint32_t lastSenderSeqNo[kParityCount] = {0, 0};
     uint8_t minutePending[2] = {0, 0};
     // Rates above 63 packets per second wrap: the limit is kept in 8 bits.
     uint8_t sequenceJumpLimit;
@@ -107,6 +237,7 @@ class TwampTestSession : public IoHandler, public MessageReceiver {
     uint8_t recordComplete[kRecordCount] = {1, 1};
     PmPeriodRecord records[kRecordCount];
     Clock& clock;
+    SessionSystemCalls& systemCalls;
 };
 
 #endif  // TWAMP_TEST_SESSION_H
