@@ -7,6 +7,7 @@
 
 #include <cerrno>
 #include <cstring>
+#include <iterator>
 #include <stdexcept>
 
 #include "IoMultiplexer.h"
@@ -17,9 +18,11 @@
 #include "ReceiverKey.h"
 #include "SocketHelper.h"
 #include "TraceFacade.h"
+#include "TwampTestMessage.h"
 #include "TwampTestSessionController.h"
 #include "UdpSocket.h"
 #include "itc.h"
+#include "tn_log_internal.h"
 
 namespace {
 
@@ -41,6 +44,19 @@ constexpr std::size_t kIpv6ControlLength = 48;
 constexpr int kIpv6HopLimit = 255;
 // The DSCP sits in the upper six bits of the TOS / traffic class byte.
 constexpr uint32_t kDscpShift = 2;
+
+// NTP difference to microseconds: 10^6 / 2^32 = 15625 / 2^26, unsigned, so a
+// negative difference wraps to a large value on purpose.
+constexpr uint64_t kMicrosecondsPerNtpNumerator = 15625;
+constexpr unsigned kMicrosecondsPerNtpShift = 26;
+// A reply must come back within 4 s of the transmit timestamp; the same
+// bound, applied unchanged to the microsecond maxima, invalidates a minute.
+constexpr uint64_t kRoundTripLimit = kNtpFourSeconds;
+// Operator-log records of an invalidated minute: severity informational,
+// network log stream only.
+constexpr SaLogSeverityT kInvalidationLogSeverity = static_cast<SaLogSeverityT>(6);
+constexpr const char* kOperatorLogUser = "TWAMP";
+constexpr uint32_t kMillisecondsPerSecond = 1000;
 
 // The counters of a minute slot that the minute start sets to 0; the others
 // stay -2 until the minute is finalised.
@@ -65,6 +81,18 @@ uint8_t jumpLimitFor(uint32_t packetsPerSecond) {
     return static_cast<uint8_t>(packetsPerSecond * 4);
 }
 
+// Sets every counter of one minute bin.
+void fillBin(PmPeriodRecord& record, int bin, int64_t value) {
+    for (int counter = 0; counter < PmPeriodRecord::kCounterCount; ++counter) {
+        record.at(counter, bin) = value;
+    }
+}
+
+// Empty text in place of a missing one, for traces and log records.
+const char* textOrEmpty(const char* text) {
+    return text != nullptr ? text : "";
+}
+
 // The minute number of a wall-clock time, kept in 32 bits.
 uint32_t minuteOf(const struct timespec& now) {
     return static_cast<uint32_t>(now.tv_sec / kSecondsPerMinute);
@@ -73,6 +101,60 @@ uint32_t minuteOf(const struct timespec& now) {
 // Index of the period record of a minute: parity of its 15-minute interval.
 int recordIndexOf(uint32_t minute) {
     return static_cast<int>((minute / kMinutesPerInterval) & 1);
+}
+
+// The minute number of a 64-bit NTP timestamp (32 bits of seconds). The NTP
+// epoch lies a whole even number of 15-minute intervals before the POSIX
+// epoch, so parity, record and bin agree with those of the wall clock.
+uint32_t minuteOfNtp(uint64_t ntpTimestamp) {
+    return static_cast<uint32_t>(ntpTimestamp >> 32) / kSecondsPerMinute;
+}
+
+// An NTP time difference in microseconds.
+uint64_t ntpToMicroseconds(uint64_t ntpDifference) {
+    return (ntpDifference * kMicrosecondsPerNtpNumerator) >> kMicrosecondsPerNtpShift;
+}
+
+// The sequence tracker of one direction of one minute.
+struct SequenceCounters {
+    int64_t& lost;
+    int64_t& late;
+    int64_t& duplicate;
+};
+
+// Books received sequence number seq against the expected one: a gap beyond
+// the allowance is counted lost and its numbers listed missing; an earlier
+// number is late when it was listed missing, otherwise a duplicate. counted
+// is shared by both directions of one packet, so a packet adds at most one
+// late or duplicate count. Returns the number of packets newly counted lost.
+uint32_t trackSequence(uint32_t seq, uint32_t& expected, MissingSequenceList& missing,
+                       const SequenceCounters& counters, uint32_t allowance, bool& counted) {
+    if (expected < seq) {
+        const uint32_t gap = seq - expected;
+        uint32_t newlyLost = 0;
+        if (static_cast<int32_t>(gap) > static_cast<int32_t>(allowance)) {
+            newlyLost = gap - allowance;
+            counters.lost += newlyLost;
+            missing.append(expected, newlyLost);
+        }
+        expected = seq + 1;
+        return newlyLost;
+    }
+    if (expected == seq) {
+        expected = seq + 1;
+        return 0;
+    }
+    if (counted) {
+        return 0;
+    }
+    if (missing.remove(seq)) {
+        counters.lost -= 1;
+        counters.late += 1;
+    } else {
+        counters.duplicate += 1;
+    }
+    counted = true;
+    return 0;
 }
 
 // Traces of the steps below name the operation they belong to.
@@ -200,13 +282,195 @@ bool TwampTestSession::init() {
     return writeInitialPadding();
 }
 
-void TwampTestSession::receiveMessage(struct msghdr* /*msg*/) {
-    // Replies are not matched: a sent packet stays outstanding until its
-    // minute is finalised.
+void TwampTestSession::receiveMessage(struct msghdr* msg) {
+    if (msg == nullptr || msg->msg_iov == nullptr || msg->msg_iovlen < 1) {
+        return;
+    }
+    const struct iovec& payload = msg->msg_iov[0];
+    // The socket hands over exactly the received datagram: the fields of a
+    // shorter reply would be read from the previous datagram's bytes.
+    if (payload.iov_len < TwampTestMessage::kPaddingOffset) {
+        TRACE_LAB("Response packet of %zu bytes is too short and thus discarded", payload.iov_len);
+        return;
+    }
+    TwampTestMessage message(static_cast<uint8_t*>(payload.iov_base), payload.iov_len);
+    // The echoed T1 names the minute the packet was sent in.
+    const uint32_t minute = minuteOfNtp(message.getSenderTimestamp());
+    const uint32_t seqNo = message.getSenderSequenceNumber();
+    OutstandingPacket* packet = findOutstandingPacket(parityOf(minute), seqNo);
+    if (packet == nullptr) {
+        TRACE_LAB("No outstanding packet found for seqNum: %u ", seqNo);
+        return;
+    }
+    packet->setResponse(msg, TwampTestSessionController::getInstance()->getSocketHelper());
+    if (packet->getT1Prime() == 0) {
+        TRACE_LAB("Received response packet, but TX timestamp unknown, seqNum: %u ", seqNo);
+        return;
+    }
+    analyzePM(*packet, recordIndexOf(minute), static_cast<int>(minute % kMinutesPerInterval),
+              parityOf(minute));
 }
 
-void TwampTestSession::receiveErrQueueMessage(struct msghdr* /*msg*/, ssize_t /*length*/) {
-    // Transmit timestamps are not matched: T1Prime of a sent packet stays 0.
+void TwampTestSession::receiveErrQueueMessage(struct msghdr* msg, ssize_t length) {
+    if (msg == nullptr || msg->msg_iov == nullptr || msg->msg_iovlen < 1 || length < 0) {
+        return;
+    }
+    const auto frameLength = static_cast<std::size_t>(length);
+    const auto* frame = static_cast<uint8_t*>(msg->msg_iov[0].iov_base);
+    const int family = TwampTestSessionController::getInstance()->getUdpSocket().getFamily();
+    const std::size_t headerLength = getLoopedFrameHeaderLength(frame, frameLength, family);
+    // Sequence Number and Timestamp must lie inside the looped-back frame.
+    if (frameLength < headerLength + OwampTestMessage::kErrorEstimateOffset) {
+        TRACE_LAB("Looped-back frame of %zu bytes is too short and thus discarded", frameLength);
+        return;
+    }
+    OwampTestMessage message(const_cast<uint8_t*>(frame) + headerLength,
+                             frameLength - headerLength);
+    const uint32_t minute = minuteOfNtp(message.getTimestamp());
+    const uint32_t seqNo = message.getSequenceNumber();
+    OutstandingPacket* packet = findOutstandingPacket(parityOf(minute), seqNo);
+    if (packet == nullptr) {
+        TRACE_LAB("No outstanding packet found for seqNum: %u ", seqNo);
+        return;
+    }
+    packet->setTxTimestamp(msg);
+    if (packet->getT4() == 0) {
+        // The usual order: the timestamp came before the reply.
+        return;
+    }
+    TRACE_LAB("Got late TX Timestamp, seqNum: %u ", seqNo);
+    analyzePM(*packet, recordIndexOf(minute), static_cast<int>(minute % kMinutesPerInterval),
+              parityOf(minute));
+}
+
+OutstandingPacket* TwampTestSession::findOutstandingPacket(int parity, uint32_t seqNo) const {
+    const auto entry = outstandingPackets[parity].find(seqNo);
+    return entry == outstandingPackets[parity].end() ? nullptr : entry->second.get();
+}
+
+// ---- PM analysis of a packet ----
+
+void TwampTestSession::analyzePM(const OutstandingPacket& packet, int recordIndex, int bin,
+                                 int parity) {
+    const uint64_t roundTrip = packet.getT4() - packet.getT1Prime();
+    if (roundTrip <= kRoundTripLimit) {
+        updatePmMember(records[recordIndex], bin, packet, parity);
+        return;
+    }
+    TRACE_LAB(
+        "Packet not received within the time limit (4s) and thus discarded. Round-trip sec "
+        "part = %u. StartOffset: %d. Packet data: SenderSequenceNo: %u, ResponderSequenceNo: "
+        "%u, T1: %lx, T1Prime: %lx, T2: %lx, T3: %lx, T4: %lx",
+        static_cast<uint32_t>(roundTrip >> 32), startOffset, packet.getSenderSeqNo(),
+        packet.getResponderSeqNo(), static_cast<unsigned long>(packet.getT1()),
+        static_cast<unsigned long>(packet.getT1Prime()), static_cast<unsigned long>(packet.getT2()),
+        static_cast<unsigned long>(packet.getT3()), static_cast<unsigned long>(packet.getT4()));
+}
+
+void TwampTestSession::updatePmMember(PmPeriodRecord& record, int bin,
+                                      const OutstandingPacket& packet, int parity) {
+    record.at(PmCounter::receivedPkts, bin) += 1;
+    if (sequenceErrorFlag != 0) {
+        resynchroniseSequences(packet, parity);
+        return;
+    }
+    if (isSequenceBroken(packet, parity)) {
+        // The reflector restarted: sequence and delay accounting pause until
+        // the next minute start, and a minute still being finalised is void.
+        sequenceErrorFlag = 1;
+        resynchroniseSequences(packet, parity);
+        return;
+    }
+    bool counted = false;
+    const uint32_t reverseGap = trackReverseSequence(record, bin, packet, parity, counted);
+    // A packet lost on the way back advanced the reflector's number: it is
+    // counted once, as reverse loss, not again as forward loss.
+    trackSequence(packet.getSenderSeqNo(), lastSenderSeqNo[parity], missingSenderSeqNos[parity],
+                  {record.at(PmCounter::lostPktsFwd, bin), record.at(PmCounter::latePktsFwd, bin),
+                   record.at(PmCounter::duplicatePktsFwd, bin)},
+                  reverseGap, counted);
+    // Only the first reply of a packet feeds delays and header fields.
+    if (packet.getReplyCount() != 1) {
+        return;
+    }
+    addHeaderFields(packet, parity);
+    if (packet.getT1Prime() == 0) {
+        return;
+    }
+    addDelaySamples(packet, parity);
+}
+
+bool TwampTestSession::isSequenceBroken(const OutstandingPacket& packet, int parity) const {
+    // The reflector's number went back while ours jumped ahead by more than
+    // 4 s worth of packets.
+    const auto senderJump = static_cast<int32_t>(packet.getSenderSeqNo() - lastSenderSeqNo[parity]);
+    return expectedResponderSeqNo[parity] > packet.getResponderSeqNo() &&
+           senderJump > sequenceJumpLimit;
+}
+
+void TwampTestSession::resynchroniseSequences(const OutstandingPacket& packet, int parity) {
+    lastSenderSeqNo[parity] = packet.getSenderSeqNo() + 1;
+    expectedResponderSeqNo[parity] = packet.getResponderSeqNo() + 1;
+}
+
+uint32_t TwampTestSession::trackReverseSequence(PmPeriodRecord& record, int bin,
+                                                const OutstandingPacket& packet, int parity,
+                                                bool& counted) {
+    // 0 means no reply yet this minute: the first one only sets the pace.
+    if (expectedResponderSeqNo[parity] == 0) {
+        expectedResponderSeqNo[parity] = packet.getResponderSeqNo() + 1;
+        return 0;
+    }
+    return trackSequence(
+        packet.getResponderSeqNo(), expectedResponderSeqNo[parity], missingResponderSeqNos[parity],
+        {record.at(PmCounter::lostPktsRev, bin), record.at(PmCounter::latePktsRev, bin),
+         record.at(PmCounter::duplicatePktsRev, bin)},
+        0, counted);
+}
+
+void TwampTestSession::addHeaderFields(const OutstandingPacket& packet, int parity) {
+    dscpRev[parity].add(packet.getReplyDscp() & 0xffU);
+    ttlFwd[parity].add(packet.getSenderTtl());
+    ttlRev[parity].add(packet.getReplyTtl());
+}
+
+void TwampTestSession::addDelaySamples(const OutstandingPacket& packet, int parity) {
+    const uint64_t t1Prime = packet.getT1Prime();
+    const uint64_t t2 = packet.getT2();
+    const uint64_t t3 = packet.getT3();
+    const uint64_t t4 = packet.getT4();
+    TRACE_PACKET(
+        "SenderSequenceNo: %u, ResponderSequenceNo: %u, StartOffset: %d, T1: %lx, T1Prime: %lx, "
+        "T2: %lx, T3: %lx, T4: %lx",
+        packet.getSenderSeqNo(), packet.getResponderSeqNo(), startOffset,
+        static_cast<unsigned long>(packet.getT1()), static_cast<unsigned long>(t1Prime),
+        static_cast<unsigned long>(t2), static_cast<unsigned long>(t3),
+        static_cast<unsigned long>(t4));
+    // The reflector's residence time T3 - T2 is taken out of the round trip.
+    delayRt[parity]->addSample(ntpToMicroseconds(t4 + t2 - t1Prime - t3));
+    // The two clocks need not agree: only the variation of one-way delays is used.
+    addIpdvSamples(packet.getSenderSeqNo(), ntpToMicroseconds(t2 - t1Prime),
+                   ntpToMicroseconds(t4 - t3), parity);
+}
+
+void TwampTestSession::addIpdvSamples(uint32_t senderSeqNo, uint64_t forwardDelay,
+                                      uint64_t reverseDelay, int parity) {
+    std::map<uint32_t, DelayPair>& history = ipdvHistory[parity];
+    history.emplace(senderSeqNo, DelayPair(forwardDelay, reverseDelay));
+    const auto previous = history.find(senderSeqNo - 1);
+    if (previous == history.end()) {
+        return;
+    }
+    const auto forwardVariation = static_cast<int64_t>(forwardDelay - previous->second.first);
+    const auto reverseVariation = static_cast<int64_t>(reverseDelay - previous->second.second);
+    // Only increases of delay are recorded.
+    if (forwardVariation >= 0) {
+        ipdvFwd[parity]->addSample(static_cast<uint64_t>(forwardVariation));
+    }
+    if (reverseVariation >= 0) {
+        ipdvRev[parity]->addSample(static_cast<uint64_t>(reverseVariation));
+    }
+    history.erase(previous);
 }
 
 const PmPeriodRecord* TwampTestSession::getPmCounters(bool completedIntervalOnly) {
@@ -294,6 +558,10 @@ void TwampTestSession::removeFromSocket() {
 }
 
 #ifdef TWAMP_UNIT_TEST
+OutstandingPacket* TwampTestSession::getOutstandingPacketForTest(int parity, uint32_t seqNo) const {
+    return findOutstandingPacket(parity, seqNo);
+}
+
 std::vector<uint32_t> TwampTestSession::getOutstandingSeqNosForTest(int parity) const {
     std::vector<uint32_t> seqNos;
     for (const auto& entry : outstandingPackets[parity]) {
@@ -509,11 +777,171 @@ void TwampTestSession::minuteTick(uint32_t minute) {
     sendPendingPmReply();
 }
 
-void TwampTestSession::finalizePmMember(PmPeriodRecord& /*record*/, int /*bin*/, int parity) {
-    // The minute's counters are not computed from its PM state here: its
-    // bin keeps what was counted during the minute. What is finished is the
-    // release of the minute's outstanding packets, so that a late reply
-    // finds nothing to match.
+void TwampTestSession::finalizePmMember(PmPeriodRecord& record, int bin, int parity) {
+    if (sequenceErrorFlag != 0) {
+        // A reflector restart seen before this minute was finalised voids it.
+        fillBin(record, bin, PmPeriodRecord::kNotAvailable);
+        if (delayRt[parity] != nullptr && delayRt[parity]->getCount() > 0) {
+            drainPercentiles(parity);
+        }
+        deleteOutstandingPackets(parity);
+        return;
+    }
+    if (delayRt[parity] != nullptr && delayRt[parity]->getCount() > 0) {
+        if (exceedsRoundTripBound(parity)) {
+            invalidateMinute(record, bin, parity);
+            return;
+        }
+        writeDelayCounters(record, bin, parity);
+    }
+    reconcileDuplicates(record, bin, parity);
+    countUnansweredPackets(record, bin, parity);
+    writeLossPeriods(record, bin, parity);
+    deleteOutstandingPackets(parity);
+}
+
+bool TwampTestSession::exceedsRoundTripBound(int parity) const {
+    return delayRt[parity]->getMax() > kRoundTripLimit ||
+           ipdvFwd[parity]->getMax() > kRoundTripLimit ||
+           ipdvRev[parity]->getMax() > kRoundTripLimit;
+}
+
+void TwampTestSession::writeDelayCounters(PmPeriodRecord& record, int bin, int parity) {
+    struct StateCounters {
+        PmState& state;
+        PmCounter::Index avg, max, min, p95, p98, p99;
+    };
+    const StateCounters states[] = {
+        {*delayRt[parity], PmCounter::delayRtAvg, PmCounter::delayRtMax, PmCounter::delayRtMin,
+         PmCounter::delayRtP95, PmCounter::delayRtP98, PmCounter::delayRtP99},
+        {*ipdvFwd[parity], PmCounter::ipdvFwdAvg, PmCounter::ipdvFwdMax, PmCounter::ipdvFwdMin,
+         PmCounter::ipdvFwdP95, PmCounter::ipdvFwdP98, PmCounter::ipdvFwdP99},
+        {*ipdvRev[parity], PmCounter::ipdvRevAvg, PmCounter::ipdvRevMax, PmCounter::ipdvRevMin,
+         PmCounter::ipdvRevP95, PmCounter::ipdvRevP98, PmCounter::ipdvRevP99},
+    };
+    for (const StateCounters& entry : states) {
+        record.at(entry.avg, bin) = static_cast<int64_t>(entry.state.getAvg());
+        record.at(entry.max, bin) = static_cast<int64_t>(entry.state.getMax());
+        record.at(entry.min, bin) = static_cast<int64_t>(entry.state.getMin());
+        // Without samples the percentiles stay -2.
+        entry.state.updatePercentilePmCounters(
+            &record.at(entry.p95, bin), &record.at(entry.p98, bin), &record.at(entry.p99, bin));
+    }
+    record.at(PmCounter::dscpRevMax, bin) = static_cast<int64_t>(dscpRev[parity].max);
+    record.at(PmCounter::dscpRevMin, bin) = static_cast<int64_t>(dscpRev[parity].min);
+    record.at(PmCounter::ttlFwdMax, bin) = static_cast<int64_t>(ttlFwd[parity].max);
+    record.at(PmCounter::ttlRevMax, bin) = static_cast<int64_t>(ttlRev[parity].max);
+    record.at(PmCounter::ttlFwdMin, bin) = static_cast<int64_t>(ttlFwd[parity].min);
+    record.at(PmCounter::ttlRevMin, bin) = static_cast<int64_t>(ttlRev[parity].min);
+}
+
+void TwampTestSession::reconcileDuplicates(PmPeriodRecord& record, int bin, int parity) const {
+    // Every reply beyond a packet's first is a duplicate in one direction or
+    // the other; what the sequence trackers missed is put on the forward side.
+    int64_t duplicates = 0;
+    for (const auto& entry : outstandingPackets[parity]) {
+        const uint32_t replies = entry.second->getReplyCount();
+        if (replies > 1) {
+            duplicates += replies - 1;
+        }
+    }
+    int64_t& forward = record.at(PmCounter::duplicatePktsFwd, bin);
+    const int64_t reverse = record.at(PmCounter::duplicatePktsRev, bin);
+    if (duplicates != forward + reverse) {
+        forward = duplicates - reverse;
+    }
+}
+
+void TwampTestSession::countUnansweredPackets(PmPeriodRecord& record, int bin, int parity) {
+    // Packets that never came back and that no sequence gap revealed,
+    // typically the last ones of the minute.
+    const int64_t unanswered =
+        record.at(PmCounter::sentPkts, bin) - record.at(PmCounter::receivedPkts, bin) +
+        record.at(PmCounter::duplicatePktsFwd, bin) + record.at(PmCounter::duplicatePktsRev, bin) -
+        record.at(PmCounter::lostPktsFwd, bin) - record.at(PmCounter::lostPktsRev, bin);
+    if (unanswered < 0) {
+        TRACE_LAB("lostPktsFwd statistic has negative number");
+        record.at(PmCounter::lostPktsFwd, bin) = PmPeriodRecord::kNotAvailable;
+        return;
+    }
+    record.at(PmCounter::lostPktsFwd, bin) += unanswered;
+    const OutstandingMap& outstanding = outstandingPackets[parity];
+    if (unanswered == 0 || static_cast<uint64_t>(unanswered) > outstanding.size()) {
+        return;
+    }
+    // The highest sequence numbers, appended in ascending order.
+    auto first = outstanding.end();
+    std::advance(first, -unanswered);
+    for (auto entry = first; entry != outstanding.end(); ++entry) {
+        missingSenderSeqNos[parity].append(entry->first, 1);
+    }
+}
+
+void TwampTestSession::writeLossPeriods(PmPeriodRecord& record, int bin, int parity) const {
+    // Run lengths are turned from packets into milliseconds by the whole
+    // packet interval (0 above 1000 packets per second); run counts stay counts.
+    const int64_t millisecondsPerPacket =
+        packetsPerSecond != 0
+            ? static_cast<int64_t>(kMillisecondsPerSecond / static_cast<uint32_t>(packetsPerSecond))
+            : 1;
+    const LossRuns forward = missingSenderSeqNos[parity].runs();
+    const LossRuns reverse = missingResponderSeqNos[parity].runs();
+    record.at(PmCounter::lossPeriodsFwd, bin) = static_cast<int64_t>(forward.count);
+    record.at(PmCounter::lossPeriodFwdMax, bin) =
+        static_cast<int64_t>(forward.longest) * millisecondsPerPacket;
+    record.at(PmCounter::lossPeriodFwdMin, bin) =
+        static_cast<int64_t>(forward.shortest) * millisecondsPerPacket;
+    record.at(PmCounter::lossPeriodsRev, bin) = static_cast<int64_t>(reverse.count);
+    record.at(PmCounter::lossPeriodRevMax, bin) =
+        static_cast<int64_t>(reverse.longest) * millisecondsPerPacket;
+    record.at(PmCounter::lossPeriodRevMin, bin) =
+        static_cast<int64_t>(reverse.shortest) * millisecondsPerPacket;
+}
+
+void TwampTestSession::invalidateMinute(PmPeriodRecord& record, int bin, int parity) {
+    const uint64_t delayRtMax = delayRt[parity]->getMax();
+    const uint64_t ipdvFwdMax = ipdvFwd[parity]->getMax();
+    const uint64_t ipdvRevMax = ipdvRev[parity]->getMax();
+    UdpSocket& udpSocket = TwampTestSessionController::getInstance()->getUdpSocket();
+    const char* srcIpAddress = textOrEmpty(udpSocket.getSrcIpAddress());
+    const char* srcUdpPort = textOrEmpty(udpSocket.getSrcUdpPort());
+    TRACE_LAB(
+        "delayRtMax %lu or ipdvFwdMax %lu or ipdvRevMax %lu are larger than 4s for period %d for "
+        "dstIpAddress %s, dstUdpPort %s, srcIpAddress %s and srcUdpPort %s so all counters are "
+        "reset to -2",
+        static_cast<unsigned long>(delayRtMax), static_cast<unsigned long>(ipdvFwdMax),
+        static_cast<unsigned long>(ipdvRevMax), bin, dstIpAddress.c_str(), dstUdpPort.c_str(),
+        srcIpAddress, srcUdpPort);
+    tn_log_internal_log(kInvalidationLogSeverity, kTnNetworkLogMask, kOperatorLogUser,
+                        tn_log_format("TwampTestSession: delayRtMax %llu or ipdvFwdMax %llu or "
+                                      "ipdvRevMax %llu are larger than 4s for period %d so all "
+                                      "counters are reset to -2",
+                                      static_cast<unsigned long long>(delayRtMax),
+                                      static_cast<unsigned long long>(ipdvFwdMax),
+                                      static_cast<unsigned long long>(ipdvRevMax), bin));
+    tn_log_internal_log(
+        kInvalidationLogSeverity, kTnNetworkLogMask, kOperatorLogUser,
+        tn_log_format("for dstIpAddress %s, dstUdpPort %s, srcIpAddress %s and "
+                      "srcUdpPort %s.",
+                      dstIpAddress.c_str(), dstUdpPort.c_str(), srcIpAddress, srcUdpPort));
+    drainPercentiles(parity);
+    fillBin(record, bin, PmPeriodRecord::kNotAvailable);
+    // The minute's outstanding packets are left in place: they go with the
+    // finalisation of the same parity two minutes later.
+}
+
+void TwampTestSession::drainPercentiles(int parity) {
+    // Read only to empty the vectors for the next minute of this parity.
+    for (std::unique_ptr<PmState>* states : {delayRt, ipdvFwd, ipdvRev}) {
+        int64_t p95 = 0;
+        int64_t p98 = 0;
+        int64_t p99 = 0;
+        states[parity]->updatePercentilePmCounters(&p95, &p98, &p99);
+    }
+}
+
+void TwampTestSession::deleteOutstandingPackets(int parity) {
+    // A reply arriving later finds nothing to match.
     outstandingPackets[parity].clear();
 }
 

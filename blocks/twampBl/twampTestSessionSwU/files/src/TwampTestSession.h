@@ -27,6 +27,7 @@
 #include "Clock.h"
 #include "IoHandler.h"
 #include "MessageReceiver.h"
+#include "MissingSequenceList.h"
 #include "OutstandingPacket.h"
 #include "PmPeriodRecord.h"
 #include "PmState.h"
@@ -95,6 +96,13 @@ class TwampTestSession : public IoHandler, public MessageReceiver {
     // A looped-back frame with its transmit timestamp.
     void receiveErrQueueMessage(struct msghdr* msg, ssize_t length) override;
 
+    // Books a matched packet in the minute it was sent: analysed when its
+    // round trip (T4 - T1Prime) is at most 4 s, otherwise discarded.
+    virtual void analyzePM(const OutstandingPacket& packet, int recordIndex, int bin, int parity);
+    // Turns an analysed packet into the samples and counters of its minute.
+    virtual void updatePmMember(PmPeriodRecord& record, int bin, const OutstandingPacket& packet,
+                                int parity);
+
     // The record to report: the last completed interval (null while it is
     // not finalised) or the interval in progress; null when the clock fails.
     virtual const PmPeriodRecord* getPmCounters(bool completedIntervalOnly);
@@ -145,6 +153,42 @@ class TwampTestSession : public IoHandler, public MessageReceiver {
     uint32_t getLastSenderSeqNoForTest(int parity) const {
         return lastSenderSeqNo[parity];
     }
+    uint32_t getExpectedResponderSeqNoForTest(int parity) const {
+        return expectedResponderSeqNo[parity];
+    }
+    std::vector<uint32_t> getMissingSenderSeqNosForTest(int parity) const {
+        return missingSenderSeqNos[parity].entries(UINT64_MAX);
+    }
+    std::vector<uint32_t> getMissingResponderSeqNosForTest(int parity) const {
+        return missingResponderSeqNos[parity].entries(UINT64_MAX);
+    }
+    bool getSequenceErrorFlagForTest() const {
+        return sequenceErrorFlag != 0;
+    }
+    uint8_t getSequenceJumpLimitForTest() const {
+        return sequenceJumpLimit;
+    }
+    const PmState* getDelayRtForTest(int parity) const {
+        return delayRt[parity].get();
+    }
+    const PmState* getIpdvFwdForTest(int parity) const {
+        return ipdvFwd[parity].get();
+    }
+    const PmState* getIpdvRevForTest(int parity) const {
+        return ipdvRev[parity].get();
+    }
+    std::size_t getIpdvHistorySizeForTest(int parity) const {
+        return ipdvHistory[parity].size();
+    }
+    // The outstanding packet of a minute parity, null when there is none.
+    OutstandingPacket* getOutstandingPacketForTest(int parity, uint32_t seqNo) const;
+    // Runs the minute start and the minute end of a minute number directly.
+    void startMinuteForTest(uint32_t minute) {
+        startMinute(minute);
+    }
+    void minuteTickForTest(uint32_t minute) {
+        minuteTick(minute);
+    }
 #endif
 
   private:
@@ -158,6 +202,17 @@ class TwampTestSession : public IoHandler, public MessageReceiver {
         uint64_t max = 0;
         uint64_t count = 0;
         void clear() { *this = MinMaxTracker(); }
+        void add(uint64_t value) {
+            if (count == 0) {
+                min = value;
+                max = value;
+            } else if (value < min) {
+                min = value;
+            } else if (value > max) {
+                max = value;
+            }
+            ++count;
+        }
     };
 
     using OutstandingMap = std::map<uint32_t, std::unique_ptr<OutstandingPacket>>;
@@ -178,7 +233,24 @@ class TwampTestSession : public IoHandler, public MessageReceiver {
     void runExpiry(const struct timespec& now);
     void startMinute(uint32_t minute);
     void minuteTick(uint32_t minute);
+    OutstandingPacket* findOutstandingPacket(int parity, uint32_t seqNo) const;
+    bool isSequenceBroken(const OutstandingPacket& packet, int parity) const;
+    void resynchroniseSequences(const OutstandingPacket& packet, int parity);
+    uint32_t trackReverseSequence(PmPeriodRecord& record, int bin, const OutstandingPacket& packet,
+                                  int parity, bool& counted);
+    void addHeaderFields(const OutstandingPacket& packet, int parity);
+    void addDelaySamples(const OutstandingPacket& packet, int parity);
+    void addIpdvSamples(uint32_t senderSeqNo, uint64_t forwardDelay, uint64_t reverseDelay,
+                        int parity);
     void finalizePmMember(PmPeriodRecord& record, int bin, int parity);
+    bool exceedsRoundTripBound(int parity) const;
+    void writeDelayCounters(PmPeriodRecord& record, int bin, int parity);
+    void reconcileDuplicates(PmPeriodRecord& record, int bin, int parity) const;
+    void countUnansweredPackets(PmPeriodRecord& record, int bin, int parity);
+    void writeLossPeriods(PmPeriodRecord& record, int bin, int parity) const;
+    void invalidateMinute(PmPeriodRecord& record, int bin, int parity);
+    void drainPercentiles(int parity);
+    void deleteOutstandingPackets(int parity);
     void sendPendingPmReply();
     void sendMessage(const struct timespec& now);
     bool readRandomByte(uint8_t& randomByte);
@@ -222,8 +294,8 @@ class TwampTestSession : public IoHandler, public MessageReceiver {
     MinMaxTracker dscpRev[kParityCount];
     MinMaxTracker ttlFwd[kParityCount];
     MinMaxTracker ttlRev[kParityCount];
-    std::vector<uint32_t> missingSenderSeqNos[kParityCount];
-    std::vector<uint32_t> missingResponderSeqNos[kParityCount];
+    MissingSequenceList missingSenderSeqNos[kParityCount];
+    MissingSequenceList missingResponderSeqNos[kParityCount];
     std::map<uint32_t, DelayPair> ipdvHistory[kParityCount];
     uint32_t expectedResponderSeqNo[kParityCount] = {0, 0};
     uint32_t lastSenderSeqNo[kParityCount] = {0, 0};

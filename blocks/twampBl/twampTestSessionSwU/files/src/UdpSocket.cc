@@ -414,6 +414,10 @@ ssize_t UdpSocket::receiveMessage(int flags) {
     ioVector.iov_len = kReceiveBufferSize;
     messageHeader.msg_controllen = kControlBufferSize;
     const ssize_t received = systemCalls->recvmsg(socketFd, &messageHeader, flags | MSG_DONTWAIT);
+    if (received >= 0) {
+        // The receiver sees exactly the datagram, never bytes of an earlier one.
+        ioVector.iov_len = static_cast<std::size_t>(received);
+    }
     if (received < 0 && errno != ENOMSG && errno != EAGAIN) {
         const int error = errno;
         TRACE_LAB("Failed recvmsg: errno %d - %s", error, std::strerror(error));
