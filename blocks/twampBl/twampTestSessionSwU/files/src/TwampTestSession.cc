@@ -161,6 +161,8 @@ uint32_t trackSequence(uint32_t seq, uint32_t& expected, MissingSequenceList& mi
 constexpr const char* kInit = "init";
 constexpr const char* kHandlePacketTimer = "handlePacketTimer";
 constexpr const char* kSendMessage = "sendMessage";
+constexpr const char* kUpdatePmMember = "updatePmMember";
+constexpr const char* kFinalizePmMember = "finalizePmMember";
 
 // Parity of a minute number: selects the per-minute state and outstanding map.
 int parityOf(uint32_t minute) {
@@ -439,7 +441,8 @@ void TwampTestSession::addDelaySamples(const OutstandingPacket& packet, int pari
     const uint64_t t2 = packet.getT2();
     const uint64_t t3 = packet.getT3();
     const uint64_t t4 = packet.getT4();
-    TRACE_PACKET(
+    TRACE_PACKET_AS(
+        kUpdatePmMember,
         "SenderSequenceNo: %u, ResponderSequenceNo: %u, StartOffset: %d, T1: %lx, T1Prime: %lx, "
         "T2: %lx, T3: %lx, T4: %lx",
         packet.getSenderSeqNo(), packet.getResponderSeqNo(), startOffset,
@@ -860,7 +863,7 @@ void TwampTestSession::countUnansweredPackets(PmPeriodRecord& record, int bin, i
         record.at(PmCounter::duplicatePktsFwd, bin) + record.at(PmCounter::duplicatePktsRev, bin) -
         record.at(PmCounter::lostPktsFwd, bin) - record.at(PmCounter::lostPktsRev, bin);
     if (unanswered < 0) {
-        TRACE_LAB("lostPktsFwd statistic has negative number");
+        TRACE_LAB_AS(kFinalizePmMember, "lostPktsFwd statistic has negative number");
         record.at(PmCounter::lostPktsFwd, bin) = PmPeriodRecord::kNotAvailable;
         return;
     }
@@ -905,7 +908,8 @@ void TwampTestSession::invalidateMinute(PmPeriodRecord& record, int bin, int par
     UdpSocket& udpSocket = TwampTestSessionController::getInstance()->getUdpSocket();
     const char* srcIpAddress = textOrEmpty(udpSocket.getSrcIpAddress());
     const char* srcUdpPort = textOrEmpty(udpSocket.getSrcUdpPort());
-    TRACE_LAB(
+    TRACE_LAB_AS(
+        kFinalizePmMember,
         "delayRtMax %lu or ipdvFwdMax %lu or ipdvRevMax %lu are larger than 4s for period %d for "
         "dstIpAddress %s, dstUdpPort %s, srcIpAddress %s and srcUdpPort %s so all counters are "
         "reset to -2",

@@ -177,6 +177,13 @@ class TwampTestSession : public IoHandler, public MessageReceiver {
     const PmState* getIpdvRevForTest(int parity) const {
         return ipdvRev[parity].get();
     }
+    // Minimum, maximum and count of the reply DSCP, forward TTL and reverse
+    // TTL trackers, in this order.
+    std::vector<uint64_t> getHeaderTrackersForTest(int parity) const {
+        return {dscpRev[parity].min, dscpRev[parity].max, dscpRev[parity].count,
+                ttlFwd[parity].min,  ttlFwd[parity].max,  ttlFwd[parity].count,
+                ttlRev[parity].min,  ttlRev[parity].max,  ttlRev[parity].count};
+    }
     std::size_t getIpdvHistorySizeForTest(int parity) const {
         return ipdvHistory[parity].size();
     }
