@@ -1,0 +1,133 @@
+#!/usr/bin/env bash
+# The lab end to end: lab.sh brings the namespaces up (twice), the peer answers
+# pings over IPv4 and IPv6, the reflector in twamp_peer answers a probe in
+# fib_lab over both, stops cleanly on SIGTERM with its ground truth complete,
+# and lab.sh takes everything down again (twice). A lab that was up before
+# the test is brought up again at the end.
+#
+# usage: lab_e2e.sh LAB_SH REFLECTOR PROBE     (exit 77: skipped, not root)
+set -uo pipefail
+
+LAB="$1"
+REFLECTOR="$2"
+PROBE="$3"
+PORT=18862
+FAILURES=0
+REFLECTOR_PID=""
+WORK="$(mktemp -d /tmp/reflector_lab.XXXXXX)"
+
+if [ "$(id -u)" -ne 0 ]; then
+    echo "skipped: the lab needs root"
+    exit 77
+fi
+
+WAS_UP=0
+if bash "$LAB" status >/dev/null 2>&1; then
+    WAS_UP=1
+fi
+
+cleanup() {
+    if [ -n "$REFLECTOR_PID" ]; then
+        kill -KILL "$REFLECTOR_PID" 2>/dev/null || true
+        wait "$REFLECTOR_PID" 2>/dev/null || true
+    fi
+    if [ "$WAS_UP" -eq 1 ]; then
+        bash "$LAB" up >/dev/null || true
+    else
+        bash "$LAB" down >/dev/null || true
+    fi
+    rm -rf "$WORK"
+}
+trap cleanup EXIT
+
+check() {
+    local what="$1"
+    shift
+    if "$@"; then
+        echo "ok: $what"
+    else
+        echo "FAIL: $what"
+        FAILURES=$((FAILURES + 1))
+    fi
+}
+
+# wait_for TRIES COMMAND...: retries every 0.1 s.
+wait_for() {
+    local tries="$1"
+    shift
+    local attempt
+    for attempt in $(seq 1 "$tries"); do
+        if "$@" >/dev/null 2>&1; then
+            return 0
+        fi
+        sleep 0.1
+    done
+    return 1
+}
+
+exits_with() {
+    local expected="$1"
+    shift
+    "$@" >"$WORK/out" 2>&1
+    [ $? -eq "$expected" ]
+}
+
+check "usage mistake exits 2" exits_with 2 bash "$LAB" sideways
+# The script is read by root and handed over on standard input: the
+# unprivileged user need not be able to read the source tree.
+if command -v setpriv >/dev/null; then
+    check "up refuses to run without root" \
+        exits_with 1 bash -c "setpriv --reuid=65534 --regid=65534 --clear-groups bash -s up <'$LAB'"
+    check "the refusal says why" grep -q "must run as root" "$WORK/out"
+fi
+
+check "up" bash "$LAB" up
+check "up again changes nothing" bash "$LAB" up
+check "status reports the lab up" bash "$LAB" status
+check "the initial namespace's handle can be opened" bash -c '(exec </tmp/proc_1_ns_net)'
+check "fib_lab holds 198.18.0.1 and 2001:db8:18::1" \
+    bash -c "ip -n fib_lab addr | grep -q ' 198.18.0.1/24 ' && ip -n fib_lab addr | grep -q ' 2001:db8:18::1/64 '"
+
+check "ping 198.18.0.2 from fib_lab" ip netns exec fib_lab "$PROBE" echo 198.18.0.2
+check "ping 2001:db8:18::2 from fib_lab" ip netns exec fib_lab "$PROBE" echo 2001:db8:18::2
+
+TRUTH="$WORK/truth.jsonl"
+ip netns exec twamp_peer "$REFLECTOR" --port "$PORT" --seed 1 --truth "$TRUTH" --quiet &
+REFLECTOR_PID=$!
+check "reflector writes its start line" wait_for 100 grep -q '"event":"start"' "$TRUTH"
+
+# probe_replies ADDRESS TTL TOS: five 64-byte packets, each answered in full.
+probe_replies() {
+    local address="$1" ttl="$2" tos="$3" out="$WORK/probe_$1.txt" seq
+    ip netns exec fib_lab "$PROBE" send "$address" "$PORT" 5 64 "$ttl" "$tos" >"$out" || return 1
+    for seq in 0 1 2 3 4; do
+        grep -qx "reply senderSeq=$seq reflectorSeq=[0-9]* senderTtl=$ttl ttl=255 tos=$tos length=64 errorEstimate=0xa001 senderErrorEstimate=0x0586 ordered=yes" \
+            "$out" || return 1
+    done
+}
+check "IPv4 probe answered with TTL, DSCP and timestamps" probe_replies 198.18.0.2 64 184
+check "IPv6 probe answered with hop limit, traffic class and timestamps" \
+    probe_replies 2001:db8:18::2 17 32
+check "reflector sequence numbers run on over both families" \
+    bash -c "grep -o 'reflectorSeq=[0-9]*' '$WORK/probe_198.18.0.2.txt' '$WORK/probe_2001:db8:18::2.txt' |
+             cut -d= -f2 | tr '\n' ' ' | grep -qx '0 1 2 3 4 5 6 7 8 9 '"
+
+kill -TERM "$REFLECTOR_PID"
+wait "$REFLECTOR_PID"
+status=$?
+REFLECTOR_PID=""
+check "reflector exits 0 on SIGTERM" [ "$status" -eq 0 ]
+check "ground truth: ten replies" [ "$(grep -c '"event":"reply"' "$TRUTH")" -eq 10 ]
+check "ground truth ends with the stop line" \
+    bash -c "tail -n 1 '$TRUTH' | grep -q '\"event\":\"stop\".*\"accepted\":10,\"revLost\":0,\"sent\":10,'"
+
+check "down" bash "$LAB" down
+check "down again is fine" bash "$LAB" down
+check "both namespaces are gone" bash -c "! ip netns list | grep -qE '^(fib_lab|twamp_peer)( |$)'"
+check "status reports the lab down" exits_with 1 bash "$LAB" status
+
+if [ "$FAILURES" -ne 0 ]; then
+    echo "$FAILURES check(s) failed"
+    exit 1
+fi
+echo "all checks passed"

@@ -1,0 +1,322 @@
+#include "Reflector.h"
+
+#include <poll.h>
+#include <sys/eventfd.h>
+#include <unistd.h>
+
+#include <cerrno>
+#include <cmath>
+#include <cstdio>
+#include <cstring>
+#include <utility>
+
+#include "NtpTimestamp.h"
+#include "ReplyBuilder.h"
+
+namespace {
+
+constexpr int64_t kNanosecondsPerSecond = 1000000000LL;
+// Datagrams read per turn, so that due holds are not starved by a flood.
+constexpr int kMaxDatagramsPerTurn = 256;
+
+ImpairmentSettings impairmentSettings(const ReflectorOptions& options) {
+    ImpairmentSettings settings;
+    settings.forwardLossPercent = options.forwardLossPercent;
+    settings.reverseLossPercent = options.reverseLossPercent;
+    settings.duplicatePercent = options.duplicatePercent;
+    settings.reorderPercent = options.reorderPercent;
+    settings.forwardDelayMs = options.forwardDelayMs;
+    settings.forwardJitterMs = options.forwardJitterMs;
+    settings.reverseDelayMs = options.reverseDelayMs;
+    settings.reverseJitterMs = options.reverseJitterMs;
+    return settings;
+}
+
+timespec shifted(const timespec& time, int64_t offsetNs) {
+    const int64_t total =
+        static_cast<int64_t>(time.tv_sec) * kNanosecondsPerSecond + time.tv_nsec + offsetNs;
+    int64_t seconds = total / kNanosecondsPerSecond;
+    int64_t nanoseconds = total % kNanosecondsPerSecond;
+    if (nanoseconds < 0) {
+        nanoseconds += kNanosecondsPerSecond;
+        --seconds;
+    }
+    timespec result{};
+    result.tv_sec = static_cast<time_t>(seconds);
+    result.tv_nsec = static_cast<long>(nanoseconds);
+    return result;
+}
+
+TruthPacket truthPacket(const SenderFields& sender) {
+    TruthPacket packet;
+    packet.senderSeq = sender.sequenceNumber;
+    packet.senderTimestamp = sender.timestamp;
+    return packet;
+}
+
+}  // namespace
+
+Reflector::Reflector(const ReflectorOptions& options, ReflectorClock& clock, TruthWriter& truth)
+    : options_(options),
+      clock_(clock),
+      truth_(truth),
+      impairments_(impairmentSettings(options), options.seed),
+      skewNs_(std::llround(options.skewMs * 1e6)) {}
+
+bool Reflector::open(std::string& error) {
+    stopFd_.reset(eventfd(0, EFD_NONBLOCK | EFD_CLOEXEC));
+    if (!stopFd_.valid()) {
+        error = std::string("eventfd: ") + std::strerror(errno);
+        return false;
+    }
+    if (!socket_.open(options_.listenAddress, options_.port, error)) {
+        return false;
+    }
+    truth_.write(TruthWriter::startLine(options_, socket_.boundPort()));
+    return true;
+}
+
+void Reflector::requestStop() {
+    stopRequested_.store(true);
+    const uint64_t one = 1;
+    const ssize_t written = write(stopFd_.get(), &one, sizeof(one));
+    static_cast<void>(written);  // a full counter already wakes the loop
+}
+
+void Reflector::run() {
+    while (!stopRequested()) {
+        runOnce(-1);
+    }
+    finish();
+}
+
+int64_t Reflector::waitNs(int64_t maxWaitNs) {
+    int64_t wait = maxWaitNs;
+    const int64_t now = clock_.monotonicNs();
+    const auto consider = [&wait, now](int64_t dueNs) {
+        const int64_t until = dueNs > now ? dueNs - now : 0;
+        if (wait < 0 || until < wait) {
+            wait = until;
+        }
+    };
+    if (!requests_.empty()) {
+        consider(requests_.nextDueNs());
+    }
+    if (!replies_.empty()) {
+        consider(replies_.nextDueNs());
+    }
+    return wait;
+}
+
+void Reflector::runOnce(int64_t maxWaitNs) {
+    pollfd descriptors[2] = {{socket_.fd(), POLLIN, 0}, {stopFd_.get(), POLLIN, 0}};
+    const int64_t wait = waitNs(maxWaitNs);
+    timespec timeout{};
+    timeout.tv_sec = static_cast<time_t>(wait / kNanosecondsPerSecond);
+    timeout.tv_nsec = static_cast<long>(wait % kNanosecondsPerSecond);
+    if (ppoll(descriptors, 2, wait < 0 ? nullptr : &timeout, nullptr) < 0) {
+        return;  // a signal: the caller looks at the stop request
+    }
+    if ((descriptors[1].revents & POLLIN) != 0) {
+        uint64_t count = 0;
+        const ssize_t drained = read(stopFd_.get(), &count, sizeof(count));
+        static_cast<void>(drained);
+    }
+    releaseDue();
+    if ((descriptors[0].revents & POLLIN) != 0) {
+        drainSocket();
+    }
+}
+
+void Reflector::releaseDue() {
+    for (;;) {
+        const int64_t now = clock_.monotonicNs();
+        const bool requestFirst =
+            !requests_.empty() && requests_.nextDueNs() <= now &&
+            (replies_.empty() || requests_.nextDueNs() <= replies_.nextDueNs());
+        if (requestFirst) {
+            HeldRequest request;
+            requests_.takeFirst(request);
+            // T2 is the time processing happens after the hold.
+            processRequest(request, clock_.realtime());
+            continue;
+        }
+        HeldReply reply;
+        if (!replies_.takeDue(now, reply)) {
+            return;
+        }
+        emitReply(std::move(reply));
+    }
+}
+
+void Reflector::drainSocket() {
+    for (int count = 0; count < kMaxDatagramsPerTurn; ++count) {
+        ReceivedDatagram datagram;
+        if (!socket_.receive(datagram)) {
+            return;
+        }
+        handleDatagram(datagram);
+    }
+}
+
+void Reflector::handleDatagram(ReceivedDatagram& datagram) {
+    ++totals_.received;
+    if (!acceptLength(datagram)) {
+        return;
+    }
+    HeldRequest request;
+    request.packet =
+        truthPacket(ReplyBuilder::readSender(datagram.payload.data(), datagram.payload.size()));
+    const RequestFate fate = impairments_.decideRequest();
+    if (fate.forwardLost) {
+        ++totals_.forwardLost;
+        truth_.write(TruthWriter::forwardLossLine(request.packet));
+        return;
+    }
+    const timespec receiveTime = datagram.hasReceiveTime ? datagram.receiveTime : clock_.realtime();
+    request.datagram = std::move(datagram);
+    request.forwardDelayNs = fate.forwardDelayNs;
+    if (fate.forwardDelayNs > 0) {
+        requests_.hold(clock_.monotonicNs() + fate.forwardDelayNs, std::move(request));
+        return;
+    }
+    processRequest(request, receiveTime);
+}
+
+// Shorter than a reply can be: ignored, with the sender fields when it holds them.
+bool Reflector::acceptLength(ReceivedDatagram& datagram) {
+    const std::size_t length = datagram.payload.size();
+    if (length >= ReplyBuilder::kMinimumReplyLength) {
+        return true;
+    }
+    ++totals_.tooShort;
+    if (length < ReplyBuilder::kMinimumRequestLength) {
+        truth_.write(TruthWriter::shortLine(nullptr, length));
+        return false;
+    }
+    const TruthPacket packet =
+        truthPacket(ReplyBuilder::readSender(datagram.payload.data(), length));
+    truth_.write(TruthWriter::shortLine(&packet, length));
+    return false;
+}
+
+uint32_t Reflector::nextReflectorSeq(const TruthPacket& packet) {
+    if (options_.restartEvery != 0 && acceptedSinceRestart_ == options_.restartEvery) {
+        reflectorSeq_ = 0;
+        acceptedSinceRestart_ = 0;
+        truth_.write(TruthWriter::restartLine(packet));
+    }
+    ++acceptedSinceRestart_;
+    ++totals_.accepted;
+    return reflectorSeq_++;
+}
+
+void Reflector::processRequest(HeldRequest& request, const timespec& receiveTime) {
+    const uint32_t reflectorSeq = nextReflectorSeq(request.packet);
+    const ReplyFate fate = impairments_.decideReply();
+    if (fate.reverseLost) {
+        ++totals_.reverseLost;
+        truth_.write(
+            TruthWriter::reverseLossLine(request.packet, reflectorSeq, request.forwardDelayNs));
+        return;
+    }
+    HeldReply reply = buildReply(request, receiveTime, reflectorSeq, fate);
+    if (fate.reverseDelayNs > 0) {
+        replies_.hold(clock_.monotonicNs() + fate.reverseDelayNs, std::move(reply));
+        return;
+    }
+    emitReply(std::move(reply));
+}
+
+HeldReply Reflector::buildReply(HeldRequest& request, const timespec& receiveTime,
+                                uint32_t reflectorSeq, const ReplyFate& fate) {
+    const ReceivedDatagram& datagram = request.datagram;
+    HeldReply reply;
+    reply.peer = datagram.peer;
+    reply.fate = fate;
+    reply.truth.packet = request.packet;
+    reply.truth.reflectorSeq = reflectorSeq;
+    reply.truth.forwardDelayNs = request.forwardDelayNs;
+    reply.truth.reverseDelayNs = fate.reverseDelayNs;
+    reply.truth.skewNs = skewNs_;
+    reply.truth.senderTtl = static_cast<uint8_t>(datagram.ttl >= 0 ? datagram.ttl : 0);
+    reply.truth.tos = static_cast<uint8_t>(datagram.tos >= 0 ? datagram.tos : 0);
+    reply.truth.length = datagram.payload.size();
+    reply.bytes = std::move(request.datagram.payload);
+
+    ReplyStamp stamp;
+    stamp.reflectorSequence = reflectorSeq;
+    stamp.receiveTimestamp = toNtpTimestamp(receiveTime);
+    stamp.transmitTimestamp = toNtpTimestamp(shifted(clock_.realtime(), skewNs_));
+    stamp.senderTtl = reply.truth.senderTtl;
+    ReplyBuilder::build(reply.bytes.data(), reply.bytes.size(), stamp);
+    return reply;
+}
+
+// A reply held for reordering leaves right after the next one.
+void Reflector::emitReply(HeldReply reply) {
+    if (reorderHeld_) {
+        HeldReply held = std::move(*reorderHeld_);
+        reorderHeld_.reset();
+        sendReply(reply, false);
+        sendReply(held, true);
+        return;
+    }
+    if (reply.fate.reorder) {
+        reorderHeld_ = std::move(reply);
+        return;
+    }
+    sendReply(reply, false);
+}
+
+void Reflector::sendReply(HeldReply& reply, bool reordered) {
+    reply.truth.reordered = reordered;
+    sendCopy(reply, 1);
+    if (reply.fate.duplicate) {
+        sendCopy(reply, 2);
+    }
+}
+
+void Reflector::sendCopy(HeldReply& reply, int copy) {
+    reply.truth.copy = copy;
+    const int error = socket_.send(reply.bytes.data(), reply.bytes.size(), reply.peer,
+                                   options_.replyTtl, reply.truth.tos);
+    if (error == 0) {
+        ++totals_.sent;
+        truth_.write(TruthWriter::replyLine(reply.truth));
+        return;
+    }
+    ++totals_.sendErrors;
+    truth_.write(TruthWriter::sendErrorLine(reply.truth, error));
+    // A failure that repeats the previous one is not printed again.
+    if (!options_.quiet && error != lastSendError_) {
+        std::fprintf(stderr, "twamp-reflector: cannot send to %s: %s\n",
+                     ReflectorSocket::describe(reply.peer).c_str(), std::strerror(error));
+    }
+    lastSendError_ = error;
+}
+
+void Reflector::discardHeld() {
+    HeldRequest request;
+    while (requests_.takeFirst(request)) {
+        ++totals_.discarded;
+        truth_.write(TruthWriter::discardedLine(request.packet, HoldStage::ForwardDelay, nullptr));
+    }
+    HeldReply reply;
+    while (replies_.takeFirst(reply)) {
+        ++totals_.discarded;
+        truth_.write(TruthWriter::discardedLine(reply.truth.packet, HoldStage::ReverseDelay,
+                                                &reply.truth.reflectorSeq));
+    }
+    if (reorderHeld_) {
+        ++totals_.discarded;
+        truth_.write(TruthWriter::discardedLine(reorderHeld_->truth.packet, HoldStage::Reorder,
+                                                &reorderHeld_->truth.reflectorSeq));
+        reorderHeld_.reset();
+    }
+}
+
+void Reflector::finish() {
+    discardHeld();
+    truth_.write(TruthWriter::stopLine(totals_));
+}
