@@ -274,6 +274,55 @@ TEST_F(ReflectorLoopbackTest, RestartEvery) {
     EXPECT_EQ(expected, truthAfterStart());
 }
 
+// A restart after N accepted requests: the gap's requests are lost unanswered,
+// then the sequence number starts again at 0, once.
+TEST_F(ReflectorLoopbackTest, RestartAfterGap) {
+    options.restartAfter = 2;
+    options.restartGap = 2;
+    ASSERT_TRUE(start("127.0.0.1", systemClock_));
+    exchange(0);
+    expectReplyFields(expectReply(), 0, 0);
+    exchange(1);
+    expectReplyFields(expectReply(), 1, 1);
+    exchange(2);
+    exchange(3);
+    expectNoReply();
+    for (uint32_t seq = 4; seq < 7; ++seq) {
+        exchange(seq);
+        expectReplyFields(expectReply(), seq, seq - 4);
+    }
+    reflector_->finish();
+    const std::vector<std::string> expected = {
+        replyLine(0, 0),
+        replyLine(1, 1),
+        TruthWriter::forwardLossLine(packet(2), "restart_gap"),
+        TruthWriter::forwardLossLine(packet(3), "restart_gap"),
+        TruthWriter::restartLine(packet(4)),
+        replyLine(4, 0),
+        replyLine(5, 1),
+        replyLine(6, 2),
+        "{\"event\":\"stop\",\"senderSeq\":null,\"senderMinute\":null,\"received\":7,\"short\":0,"
+        "\"fwdLost\":2,\"accepted\":5,\"revLost\":0,\"sent\":5,\"sendErrors\":0,\"discarded\":0}",
+    };
+    EXPECT_EQ(expected, truthAfterStart());
+}
+
+// Without a gap the one restart comes with the request right after the count.
+TEST_F(ReflectorLoopbackTest, RestartAfterWithoutGap) {
+    options.restartAfter = 1;
+    ASSERT_TRUE(start("127.0.0.1", systemClock_));
+    const uint32_t expectedReflectorSeq[] = {0, 0, 1, 2};
+    for (uint32_t seq = 0; seq < 4; ++seq) {
+        exchange(seq);
+        expectReplyFields(expectReply(), seq, expectedReflectorSeq[seq]);
+    }
+    const std::vector<std::string> expected = {
+        replyLine(0, 0), TruthWriter::restartLine(packet(1)), replyLine(1, 0), replyLine(2, 1),
+        replyLine(3, 2),
+    };
+    EXPECT_EQ(expected, truthAfterStart());
+}
+
 // Datagrams shorter than a reply are recorded and ignored; they use no sequence number.
 TEST_F(ReflectorLoopbackTest, ShortDatagramsIgnored) {
     ASSERT_TRUE(start("127.0.0.1", systemClock_));

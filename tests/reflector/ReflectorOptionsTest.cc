@@ -41,6 +41,8 @@ TEST_F(ReflectorOptionsTest, Defaults) {
     EXPECT_EQ(0.0, options.reverseDelayMs);
     EXPECT_EQ(0.0, options.reverseJitterMs);
     EXPECT_EQ(0u, options.restartEvery);
+    EXPECT_EQ(0u, options.restartAfter);
+    EXPECT_EQ(0u, options.restartGap);
     EXPECT_EQ(0.0, options.skewMs);
     EXPECT_TRUE(options.truthPath.empty());
     EXPECT_FALSE(options.quiet);
@@ -97,6 +99,16 @@ TEST_F(ReflectorOptionsTest, EveryOption) {
     EXPECT_TRUE(options.quiet);
 }
 
+// The one-shot restart takes its count and its gap in both spellings.
+TEST_F(ReflectorOptionsTest, RestartAfterAndGap) {
+    ASSERT_TRUE(parse({"--restart-after", "200", "--restart-gap=60"})) << error;
+    EXPECT_EQ(200u, options.restartAfter);
+    EXPECT_EQ(60u, options.restartGap);
+    expectRejected({"--restart-after", "-1"}, "--restart-after: '-1' is not a whole number");
+    expectRejected({"--restart-gap", "2.5"}, "--restart-gap: '2.5' is not a whole number");
+    expectRejected({"--restart-gap"}, "--restart-gap needs a value");
+}
+
 // IPv6 addresses, the IPv4 wildcard and port 0 are accepted.
 TEST_F(ReflectorOptionsTest, AddressesAndPortZero) {
     ASSERT_TRUE(parse({"--listen", "2001:db8:18::2", "--port", "0"})) << error;
@@ -120,7 +132,8 @@ TEST_F(ReflectorOptionsTest, UsageNamesEveryOption) {
     for (const char* option :
          {"--listen", "--port", "--reply-ttl", "--seed", "--fwd-loss", "--rev-loss", "--duplicate",
           "--reorder", "--fwd-delay", "--fwd-jitter", "--rev-delay", "--rev-jitter",
-          "--restart-every", "--skew", "--truth", "--quiet", "--help"}) {
+          "--restart-every", "--restart-after", "--restart-gap", "--skew", "--truth", "--quiet",
+          "--help"}) {
         EXPECT_NE(std::string::npos, usage.find(option)) << option;
     }
     EXPECT_NE(std::string::npos, usage.find("default 862"));

@@ -43,13 +43,16 @@ TEST(TruthWriterTest, StartLine) {
     options.forwardLossPercent = 0.1;
     options.reverseJitterMs = 2.5;
     options.restartEvery = 1000;
+    options.restartAfter = 200;
+    options.restartGap = 60;
     options.skewMs = -1.25;
     options.truthPath = "/tmp/a \"b\".jsonl";
     EXPECT_EQ(
         "{\"event\":\"start\",\"senderSeq\":null,\"senderMinute\":null,\"listen\":\"::\","
         "\"port\":40000,\"replyTtl\":255,\"seed\":5,\"fwdLossPct\":0.1,\"revLossPct\":0,"
         "\"duplicatePct\":0,\"reorderPct\":0,\"fwdDelayMs\":0,\"fwdJitterMs\":0,\"revDelayMs\":0,"
-        "\"revJitterMs\":2.5,\"restartEvery\":1000,\"skewMs\":-1.25,"
+        "\"revJitterMs\":2.5,\"restartEvery\":1000,\"restartAfter\":200,\"restartGap\":60,"
+        "\"skewMs\":-1.25,"
         "\"truth\":\"/tmp/a \\\"b\\\".jsonl\"}",
         TruthWriter::startLine(options, 40000));
 }
@@ -70,6 +73,10 @@ TEST(TruthWriterTest, LossAndRestartLines) {
         "{\"event\":\"rev_loss\",\"senderSeq\":3,\"senderMinute\":28333333,\"reflectorSeq\":2,"
         "\"fwdDelayUs\":1500.25}",
         TruthWriter::reverseLossLine(packet(3), 2, 1500250));
+    EXPECT_EQ(
+        "{\"event\":\"fwd_loss\",\"senderSeq\":7,\"senderMinute\":28333333,"
+        "\"reason\":\"restart_gap\"}",
+        TruthWriter::forwardLossLine(packet(7), "restart_gap"));
     EXPECT_EQ(
         "{\"event\":\"restart\",\"senderSeq\":8,\"senderMinute\":28333333,\"reflectorSeq\":0}",
         TruthWriter::restartLine(packet(8)));

@@ -61,7 +61,8 @@ Reflector::Reflector(const ReflectorOptions& options, ReflectorClock& clock, Tru
       clock_(clock),
       truth_(truth),
       impairments_(impairmentSettings(options), options.seed),
-      skewNs_(std::llround(options.skewMs * 1e6)) {}
+      skewNs_(std::llround(options.skewMs * 1e6)),
+      restartPhase_(options.restartAfter != 0 ? RestartPhase::Waiting : RestartPhase::Done) {}
 
 bool Reflector::open(std::string& error) {
     stopFd_.reset(eventfd(0, EFD_NONBLOCK | EFD_CLOEXEC));
@@ -167,7 +168,12 @@ void Reflector::handleDatagram(ReceivedDatagram& datagram) {
     HeldRequest request;
     request.packet =
         truthPacket(ReplyBuilder::readSender(datagram.payload.data(), datagram.payload.size()));
+    // Drawn also for a request of the restart gap, so that the gap leaves the
+    // other decisions alone.
     const RequestFate fate = impairments_.decideRequest();
+    if (dropInRestartGap(request.packet)) {
+        return;
+    }
     if (fate.forwardLost) {
         ++totals_.forwardLost;
         truth_.write(TruthWriter::forwardLossLine(request.packet));
@@ -200,14 +206,43 @@ bool Reflector::acceptLength(ReceivedDatagram& datagram) {
     return false;
 }
 
+// While the reflector is down for its restart, arriving requests are lost.
+bool Reflector::dropInRestartGap(const TruthPacket& packet) {
+    if (restartPhase_ != RestartPhase::Gap) {
+        return false;
+    }
+    ++totals_.forwardLost;
+    truth_.write(TruthWriter::forwardLossLine(packet, "restart_gap"));
+    if (++gapDropped_ == options_.restartGap) {
+        restartPhase_ = RestartPhase::Due;
+    }
+    return true;
+}
+
+bool Reflector::restartDue() {
+    bool due = options_.restartEvery != 0 && acceptedSinceRestart_ == options_.restartEvery;
+    if (restartPhase_ == RestartPhase::Due) {
+        restartPhase_ = RestartPhase::Done;
+        due = true;
+    }
+    return due;
+}
+
+void Reflector::countTowardsRestart() {
+    if (restartPhase_ == RestartPhase::Waiting && totals_.accepted == options_.restartAfter) {
+        restartPhase_ = options_.restartGap != 0 ? RestartPhase::Gap : RestartPhase::Due;
+    }
+}
+
 uint32_t Reflector::nextReflectorSeq(const TruthPacket& packet) {
-    if (options_.restartEvery != 0 && acceptedSinceRestart_ == options_.restartEvery) {
+    if (restartDue()) {
         reflectorSeq_ = 0;
         acceptedSinceRestart_ = 0;
         truth_.write(TruthWriter::restartLine(packet));
     }
     ++acceptedSinceRestart_;
     ++totals_.accepted;
+    countTowardsRestart();
     return reflectorSeq_++;
 }
 

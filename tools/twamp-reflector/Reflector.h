@@ -56,6 +56,9 @@ class Reflector {
     void releaseDue();
     void handleDatagram(ReceivedDatagram& datagram);
     bool acceptLength(ReceivedDatagram& datagram);
+    bool dropInRestartGap(const TruthPacket& packet);
+    bool restartDue();
+    void countTowardsRestart();
     void processRequest(HeldRequest& request, const timespec& receiveTime);
     uint32_t nextReflectorSeq(const TruthPacket& packet);
     HeldReply buildReply(HeldRequest& request, const timespec& receiveTime, uint32_t reflectorSeq,
@@ -78,6 +81,11 @@ class Reflector {
     int64_t skewNs_ = 0;
     uint32_t reflectorSeq_ = 0;
     uint64_t acceptedSinceRestart_ = 0;
+    // The one restart of --restart-after: waiting for its count, dropping the
+    // gap, due at the next acceptance, or done (also when not asked for).
+    enum class RestartPhase { Waiting, Gap, Due, Done };
+    RestartPhase restartPhase_ = RestartPhase::Done;
+    uint64_t gapDropped_ = 0;
     int lastSendError_ = 0;
     TruthTotals totals_;
 };

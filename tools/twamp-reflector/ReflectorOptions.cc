@@ -115,6 +115,14 @@ bool parseNumberOption(const std::string& option, const std::string& value,
         return parseUnsigned(option, value, std::numeric_limits<uint64_t>::max(),
                              options.restartEvery, error);
     }
+    if (option == "--restart-after") {
+        return parseUnsigned(option, value, std::numeric_limits<uint64_t>::max(),
+                             options.restartAfter, error);
+    }
+    if (option == "--restart-gap") {
+        return parseUnsigned(option, value, std::numeric_limits<uint64_t>::max(),
+                             options.restartGap, error);
+    }
     error = "unknown option " + option;
     return false;
 }
@@ -169,9 +177,10 @@ bool parseValueOption(const std::string& option, const std::string& value,
 
 bool takesValue(const std::string& option) {
     static const char* const kValueOptions[] = {
-        "--listen",    "--port",       "--reply-ttl", "--seed",          "--fwd-loss",
-        "--rev-loss",  "--duplicate",  "--reorder",   "--fwd-delay",     "--fwd-jitter",
-        "--rev-delay", "--rev-jitter", "--skew",      "--restart-every", "--truth"};
+        "--listen",      "--port",       "--reply-ttl", "--seed",          "--fwd-loss",
+        "--rev-loss",    "--duplicate",  "--reorder",   "--fwd-delay",     "--fwd-jitter",
+        "--rev-delay",   "--rev-jitter", "--skew",      "--restart-every", "--restart-after",
+        "--restart-gap", "--truth"};
     for (const char* known : kValueOptions) {
         if (option == known) {
             return true;
@@ -263,6 +272,11 @@ std::string reflectorUsage() {
            "                       (default 0)\n"
            "  --restart-every N    restart the reflector sequence number at 0 after every N\n"
            "                       accepted requests, 0 never (default 0)\n"
+           "  --restart-after N    restart once, as a real reflector would: after N accepted\n"
+           "                       requests drop the next --restart-gap requests, then\n"
+           "                       restart the sequence number at 0; 0 never (default 0)\n"
+           "  --restart-gap M      requests dropped while the reflector is down before\n"
+           "                       --restart-after's restart (default 0)\n"
            "  --skew MS            write T3 MS milliseconds later than the real send time,\n"
            "                       -60000..60000 (default 0)\n"
            "  --truth FILE         write the ground truth to FILE as JSON lines (default:\n"

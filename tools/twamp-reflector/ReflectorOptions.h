@@ -28,6 +28,11 @@ struct ReflectorOptions {
     double reverseJitterMs = 0.0;
     // After this many accepted packets the reflector sequence number restarts at 0; 0 never.
     uint64_t restartEvery = 0;
+    // One restart as a real reflector goes through it: after restartAfter
+    // accepted packets the next restartGap requests are dropped (the reflector
+    // is down), then the sequence number starts again at 0; restartAfter 0 never.
+    uint64_t restartAfter = 0;
+    uint64_t restartGap = 0;
     // Milliseconds added to the transmit timestamp T3 (negative writes it earlier).
     double skewMs = 0.0;
     // Ground-truth file (JSON lines); empty writes none.

@@ -85,6 +85,8 @@ std::string TruthWriter::startLine(const ReflectorOptions& options, uint16_t bou
         .addNumber("revDelayMs", options.reverseDelayMs)
         .addNumber("revJitterMs", options.reverseJitterMs)
         .add("restartEvery", options.restartEvery)
+        .add("restartAfter", options.restartAfter)
+        .add("restartGap", options.restartGap)
         .addNumber("skewMs", options.skewMs)
         .add("truth", options.truthPath);
     return line.text();
@@ -99,6 +101,10 @@ std::string TruthWriter::shortLine(const TruthPacket* packet, std::size_t length
 
 std::string TruthWriter::forwardLossLine(const TruthPacket& packet) {
     return eventLine("fwd_loss", packet).text();
+}
+
+std::string TruthWriter::forwardLossLine(const TruthPacket& packet, const char* reason) {
+    return eventLine("fwd_loss", packet).add("reason", reason).text();
 }
 
 std::string TruthWriter::restartLine(const TruthPacket& packet) {

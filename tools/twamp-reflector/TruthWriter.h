@@ -69,6 +69,9 @@ class TruthWriter {
     // A datagram too short to reflect; the sender fields when it holds them.
     static std::string shortLine(const TruthPacket* packet, std::size_t length);
     static std::string forwardLossLine(const TruthPacket& packet);
+    // A request dropped on purpose rather than by the random forward loss:
+    // the line names why ("restart_gap": the reflector was down).
+    static std::string forwardLossLine(const TruthPacket& packet, const char* reason);
     static std::string restartLine(const TruthPacket& packet);
     static std::string reverseLossLine(const TruthPacket& packet, uint32_t reflectorSeq,
                                        int64_t forwardDelayNs);
