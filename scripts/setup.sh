@@ -9,7 +9,7 @@ PACKAGES=(
     libglib2.0-dev
     liblttng-ust-dev lttng-tools babeltrace2
     googletest libgtest-dev libgmock-dev libbenchmark-dev
-    faketime iproute2 util-linux mount diffutils procps psmisc
+    faketime iproute2 util-linux mount diffutils procps psmisc python3
 )
 
 missing=()

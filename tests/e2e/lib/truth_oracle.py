@@ -1,0 +1,662 @@
+#!/usr/bin/env python3
+"""Checks a session's counters against a reflector's ground truth.
+
+The oracle replays the daemon's minute accounting on the replies of the
+ground-truth file, in the order the reflector sent them (on a veth pair the
+order in which they arrive), and compares the result with the counters that
+twamp-ctl printed as JSON:
+
+  * exactly: sentPkts, receivedPkts, lost, late and duplicate packets in both
+    directions, loss periods (counts and milliseconds), DSCP and TTL minimum
+    and maximum, and the all -2 of a void or invalidated minute;
+  * within bounds: the round-trip delay and the forward and reverse IPDV
+    (min, avg, max, P95, P98, P99).
+
+Delay bounds. The truth gives each packet's injected holds. A measured delay
+(round trip, or one way) is its holds plus what the veth pair, the timers and
+the scheduler add, 0 to --tolerance-us. A reply held back for reordering waits
+for the next reply: its reverse delay also holds the time between the two
+requests, known to +-tolerance only. An IPDV sample is the difference of two
+one-way delays, so known to +-tolerance; the daemon keeps only samples >= 0,
+so a sample near 0 may or may not have been kept, and every statistic is
+checked against the range over all the sets of samples the daemon could have
+kept. A negative delay (a skewed reflector clock) wraps as in the daemon.
+
+Assumptions:
+  * the daemon keeps up with its socket, so it reads each transmit timestamp
+    before the reply and analyses replies in the order they arrive (a daemon
+    that falls behind pairs replies with timestamps read later and analyses
+    a reordered pair in send order: no late packet; the tests run it at
+    real-time priority);
+  * a minute is finalised by the packet sent 4 s into the next minute, the
+    rate times 4 packets after that minute's first (no clock jump there);
+  * the outstanding packets of the minute's parity are that minute's own
+    (true unless the minute two before was invalidated or never finalised).
+
+usage: truth_oracle.py --counters FILE [--truth FILE --rate PPS --minute M[:open]...]
+                       [--tolerance-us N] [--label TEXT] [--na-bins LIST]
+                       [--expect-sent N] [--expect valid|invalidated|restart]
+                       [--network-log FILE --session-text TEXT] [--verbose]
+  --minute M       POSIX minute to check (bin M mod 15), finalised; M:open for
+                   a minute never finalised (only the counters zeroed at its
+                   start hold values). Repeat for several minutes.
+  --na-bins LIST   bins that must be -2 in every counter, e.g. 0-4,6-14
+  --expect-sent N  the truth must hold N requests of each minute checked
+  --expect WHAT    what the truth must make of each minute checked, so that a
+                   scenario really does what it is meant to: valid (delay
+                   counters written), invalidated (a maximum above the 4 s
+                   bound) or restart (a reflector restart detected in it)
+  --network-log    the TnNetworkLog file: an invalidated minute must have its
+                   two records there, naming --session-text ("for dstIpAddress
+                   ..."); a valid one must have none for it.
+Exit status 0 when everything matches, 1 otherwise, 2 on bad input.
+"""
+
+import argparse
+import json
+import math
+import re
+import sys
+from collections import defaultdict
+
+COUNTERS = [
+    "delayRtAvg", "delayRtMax", "delayRtMin", "delayRtP95", "delayRtP98", "delayRtP99",
+    "dscpRevMax", "dscpRevMin", "duplicatePktsFwd", "duplicatePktsRev",
+    "ipdvFwdAvg", "ipdvFwdMax", "ipdvFwdMin", "ipdvFwdP95", "ipdvFwdP98", "ipdvFwdP99",
+    "ipdvRevAvg", "ipdvRevMax", "ipdvRevMin", "ipdvRevP95", "ipdvRevP98", "ipdvRevP99",
+    "lossPeriodFwdMax", "lossPeriodRevMax", "lossPeriodFwdMin", "lossPeriodRevMin",
+    "lossPeriodsFwd", "lossPeriodsRev", "lostPktsFwd", "lostPktsRev",
+    "latePktsFwd", "latePktsRev", "receivedPkts",
+    "ttlFwdMax", "ttlRevMax", "ttlFwdMin", "ttlRevMin", "sentPkts",
+]
+# Counters the minute start sets to 0; the others stay -2 until finalisation.
+ZEROED_AT_MINUTE_START = [
+    "sentPkts", "receivedPkts", "lostPktsFwd", "lostPktsRev", "lossPeriodsFwd",
+    "lossPeriodsRev", "lossPeriodFwdMin", "lossPeriodRevMin", "lossPeriodFwdMax",
+    "lossPeriodRevMax", "latePktsFwd", "latePktsRev", "duplicatePktsFwd", "duplicatePktsRev",
+]
+NA = -2
+BINS = 15
+MASK32 = 0xFFFFFFFF
+# A negative NTP difference turned into microseconds wraps to 2^38 minus it.
+WRAP_US = 1 << 38
+# The 4 s bound in NTP units, applied by the daemon to microsecond maxima.
+MAX_BOUND = 0x400000000
+# A reply later than this after its transmit timestamp is discarded unseen.
+ANALYSIS_LIMIT_US = 4000000
+# Truncation of NTP differences to whole microseconds, summed over a few terms.
+ROUNDING_US = 2
+# Events that stand for one request the sender sent.
+REQUEST_EVENTS = ("fwd_loss", "rev_loss", "reply", "send_error", "discarded")
+PERCENTILES = (95, 98, 99)
+
+
+class OracleError(Exception):
+    """The truth does not allow a definite expectation."""
+
+
+def int32(value):
+    value &= MASK32
+    return value - (1 << 32) if value & 0x80000000 else value
+
+
+class Span:
+    """A closed range of integers [lo, hi] (lo == hi for an exact value), and
+    optionally one more value allowed besides (-2 where there may be no sample)."""
+
+    def __init__(self, lo, hi=None, also=None):
+        self.lo = int(lo)
+        self.hi = int(lo if hi is None else hi)
+        self.also = also
+
+    def holds(self, value):
+        return self.lo <= value <= self.hi or value == self.also
+
+    def __str__(self):
+        text = str(self.lo) if self.lo == self.hi else "%d..%d" % (self.lo, self.hi)
+        return text if self.also is None else "%s or %d" % (text, self.also)
+
+
+def wrapped(lo, hi):
+    """The daemon's microseconds of a delay known to lie in [lo, hi] (floats),
+    widened by the truncation to whole microseconds."""
+    if hi < 0:
+        lo, hi = lo + WRAP_US, hi + WRAP_US
+    elif lo < 0:
+        raise OracleError("a delay of %.0f..%.0f us may or may not be negative" % (lo, hi))
+    return (max(math.floor(lo) - ROUNDING_US, 0), math.ceil(hi) + ROUNDING_US)
+
+
+# ---- the ground truth ----
+
+
+def load_truth(path):
+    with open(path) as stream:
+        events = [json.loads(line) for line in stream if line.strip()]
+    if not events or events[0].get("event") != "start":
+        raise OracleError("%s: no start line" % path)
+    return events[0], events[1:]
+
+
+def annotate_reorder_releases(events):
+    """Each reply sent after the one that followed it gets that reply as 'release'."""
+    last_in_order = None
+    for event in events:
+        if event.get("event") != "reply":
+            continue
+        if event.get("reordered"):
+            event["release"] = last_in_order
+        else:
+            last_in_order = event
+
+
+class Delays:
+    """One-way and round-trip delay ranges of a reply, microseconds."""
+
+    def __init__(self, reply, interval_us, tolerance_us):
+        fwd = float(reply.get("fwdDelayUs", 0))
+        rev = float(reply.get("revDelayUs", 0))
+        skew = float(reply.get("skewUs", 0))
+        rev_low_slack = 0.0
+        release = reply.get("release")
+        if reply.get("reordered") and release is not None:
+            # Held until the next reply left: the requests' spacing, the
+            # releasing request's holds, less this request's forward hold.
+            spacing = (release["senderSeq"] - reply["senderSeq"]) * interval_us
+            rev = spacing + float(release["fwdDelayUs"]) + float(release["revDelayUs"]) - fwd
+            rev_low_slack = tolerance_us
+        if fwd + rev + tolerance_us >= ANALYSIS_LIMIT_US:
+            raise OracleError("seq %d: a reply near the 4 s limit may be analysed or not"
+                              % reply["senderSeq"])
+        fwd_lo, fwd_hi = fwd, fwd + tolerance_us
+        rev_lo, rev_hi = rev - rev_low_slack - skew, rev + tolerance_us - skew
+        rt_lo = fwd + rev - rev_low_slack - skew
+        rt_hi = fwd + rev + tolerance_us - skew
+        self.fwd = wrapped(fwd_lo, fwd_hi)
+        self.rev = wrapped(rev_lo, rev_hi)
+        self.rt = wrapped(rt_lo, rt_hi)
+
+
+# ---- the replay of one minute ----
+
+
+class Direction:
+    """Sequence tracker of one direction of one minute."""
+
+    def __init__(self, expected):
+        self.expected = expected
+        self.missing = []
+        self.lost = 0
+        self.late = 0
+        self.duplicate = 0
+
+    def track(self, seq, allowance, counted):
+        """Returns (newly lost, counted)."""
+        if self.expected < seq:
+            gap = (seq - self.expected) & MASK32
+            newly = 0
+            if int32(gap) > int32(allowance):
+                newly = (gap - allowance) & MASK32
+                self.lost += newly
+                self.missing.extend(range(self.expected, self.expected + newly))
+            self.expected = (seq + 1) & MASK32
+            return newly, counted
+        if self.expected == seq:
+            self.expected = (seq + 1) & MASK32
+            return 0, counted
+        if counted:
+            return 0, counted
+        if seq in self.missing:
+            self.missing.remove(seq)
+            self.lost -= 1
+            self.late += 1
+        else:
+            self.duplicate += 1
+        return 0, True
+
+
+class MinuteState:
+    """What the daemon accumulates for one minute from its start."""
+
+    def __init__(self, first_seq, jump_limit):
+        self.jump_limit = jump_limit
+        self.restart_detected = False
+        self.received = 0
+        self.forward = Direction(first_seq)
+        self.reverse = Direction(0)
+        self.reply_count = defaultdict(int)
+        self.dscp = []
+        self.ttl_fwd = []
+        self.ttl_rev = []
+        self.rt = []
+        self.history = {}
+        self.ipdv_fwd = []
+        self.ipdv_rev = []
+
+    def analyse(self, reply, session):
+        """One reply, as the daemon analyses it; returns True when it detects a restart."""
+        seq = reply["senderSeq"]
+        rseq = reply["reflectorSeq"]
+        self.reply_count[seq] += 1
+        self.received += 1
+        if session.sequence_error:
+            self.resynchronise(seq, rseq)
+            return False
+        if self.reverse.expected > rseq and int32(seq - self.forward.expected) > self.jump_limit:
+            session.sequence_error = True
+            self.restart_detected = True
+            self.resynchronise(seq, rseq)
+            return True
+        counted = False
+        if self.reverse.expected == 0:
+            self.reverse.expected = (rseq + 1) & MASK32
+            gap = 0
+        else:
+            gap, counted = self.reverse.track(rseq, 0, counted)
+        self.forward.track(seq, gap, counted)
+        if self.reply_count[seq] != 1:
+            return False
+        self.dscp.append((reply["tos"] >> 2) & 0xFF)
+        self.ttl_fwd.append(reply["ttl"])
+        self.ttl_rev.append(session.reply_ttl)
+        delays = Delays(reply, session.interval_us, session.tolerance_us)
+        self.rt.append(delays.rt)
+        self.ipdv_step(seq, delays)
+        return False
+
+    def resynchronise(self, seq, rseq):
+        self.forward.expected = (seq + 1) & MASK32
+        self.reverse.expected = (rseq + 1) & MASK32
+
+    def ipdv_step(self, seq, delays):
+        if seq not in self.history:
+            self.history[seq] = (delays.fwd, delays.rev)
+        previous = self.history.get((seq - 1) & MASK32)
+        if previous is None:
+            return
+        self.ipdv_fwd.append((delays.fwd[0] - previous[0][1], delays.fwd[1] - previous[0][0]))
+        self.ipdv_rev.append((delays.rev[0] - previous[1][1], delays.rev[1] - previous[1][0]))
+        del self.history[(seq - 1) & MASK32]
+
+
+class SessionReplay:
+    """Replays the whole truth file for one minute M (and M + 1 up to M's finalisation)."""
+
+    def __init__(self, start, events, rate, tolerance_us):
+        self.events = events
+        self.rate = rate
+        self.reply_ttl = start.get("replyTtl", 255)
+        self.interval_us = 1000000.0 / rate if rate > 1 else 1000000.0
+        self.tolerance_us = tolerance_us
+        self.jump_limit = (rate * 4) & 0xFF
+        self.sequence_error = False
+
+    def requests(self, minute):
+        return sorted({e["senderSeq"] for e in self.events
+                       if e.get("event") in REQUEST_EVENTS and e.get("senderMinute") == minute})
+
+    def replay(self, minute, finalised):
+        """The state of the minute when it is finalised (or at the end, if never)."""
+        sent = self.requests(minute)
+        if not sent:
+            raise OracleError("no request of minute %d in the truth" % minute)
+        following = self.requests(minute + 1)
+        # The first packet sent 4 s or more into the next minute finalises this one.
+        tick_seq = following[0] + 4 * self.rate if following else None
+        state = MinuteState(sent[0], self.jump_limit)
+        after = None
+        self.sequence_error = False
+        for event in self.events:
+            kind = event.get("event")
+            event_minute = event.get("senderMinute")
+            if event_minute == minute + 1 and kind in REQUEST_EVENTS:
+                if after is None:
+                    # The next minute's start clears the flag.
+                    after = MinuteState(following[0], self.jump_limit)
+                    self.sequence_error = False
+                if finalised and tick_seq is not None and event["senderSeq"] >= tick_seq:
+                    break
+            if kind != "reply":
+                continue
+            if event_minute == minute:
+                state.analyse(event, self)
+            elif event_minute == minute + 1 and after is not None:
+                after.analyse(event, self)
+        return sent, state, self.sequence_error
+
+
+# ---- expected values ----
+
+
+def percentile_index(count, percentile):
+    return count - int(percentile / 100.0 * count + 0.5)
+
+
+def state_values(values, capacity):
+    """avg, max, min and the percentiles of one PmState, as the daemon computes them."""
+    counted = values[:capacity]
+    result = {"avg": sum(counted) // len(counted) if counted else 0,
+              "max": max(values) if values else 0,
+              "min": min(values) if values else 0}
+    ordered = sorted(counted, reverse=True)
+    for percentile in PERCENTILES:
+        result["p%d" % percentile] = (ordered[percentile_index(len(ordered), percentile)]
+                                      if ordered else NA)
+    return result
+
+
+def span_stats(samples, capacity):
+    """Ranges of the statistics of samples that are all kept, each in [lo, hi]."""
+    low = state_values([lo for lo, _ in samples], capacity)
+    high = state_values([hi for _, hi in samples], capacity)
+    return {name: Span(low[name], high[name]) for name in low}
+
+
+def ipdv_stats(pairs, capacity):
+    """Ranges of the statistics over every set of samples the daemon may have kept.
+
+    Samples surely >= 0 are kept; those that may be either side of 0 are
+    kept or not. The lowest statistics come from keeping all of them at
+    their lowest (0 for the uncertain ones); the highest from the sure ones
+    at their highest plus the t highest uncertain ones, for the best t."""
+    definite = [(lo, hi) for lo, hi in pairs if lo >= 0]
+    ambiguous = sorted(((0, hi) for lo, hi in pairs if lo < 0 <= hi), key=lambda s: -s[1])
+    outcomes = []
+    if definite or ambiguous:
+        outcomes.append(state_values([lo for lo, _ in definite + ambiguous], capacity))
+    for taken in range(0 if definite else 1, len(ambiguous) + 1):
+        outcomes.append(
+            state_values([hi for _, hi in definite] + [hi for _, hi in ambiguous[:taken]], capacity))
+    if not outcomes:
+        # No sample at all: avg, max and min of an empty state, no percentiles.
+        outcomes.append(state_values([], capacity))
+    spans = {}
+    for name in outcomes[0]:
+        values = [outcome[name] for outcome in outcomes]
+        spans[name] = Span(min(values), max(values))
+    if not definite and ambiguous:
+        # Perhaps none was kept: then the percentiles stay -2.
+        for percentile in PERCENTILES:
+            spans["p%d" % percentile].also = NA
+    return spans, bool(definite), bool(ambiguous)
+
+
+def invalidation(state):
+    """True when the minute's maxima exceed the bound, False when not; OracleError if unsure."""
+    highs = [hi for _, hi in state.rt]
+    lows = [lo for lo, _ in state.rt]
+    kept = [(max(lo, 0), hi) for lo, hi in state.ipdv_fwd + state.ipdv_rev if hi >= 0]
+    if max(lows) > MAX_BOUND or any(lo > MAX_BOUND for lo, _ in kept):
+        return True
+    if max(highs) <= MAX_BOUND and all(hi <= MAX_BOUND for _, hi in kept):
+        return False
+    raise OracleError("cannot tell whether the minute exceeds the 4 s bound")
+
+
+def loss_runs(missing):
+    runs = []
+    for index, seq in enumerate(missing):
+        if index > 0 and seq == ((missing[index - 1] + 1) & MASK32):
+            runs[-1] += 1
+        else:
+            runs.append(1)
+    return runs
+
+
+class Expectation:
+    """The expected value of each counter of one bin, as a Span."""
+
+    def __init__(self):
+        self.values = {name: Span(NA) for name in COUNTERS}
+        self.invalidated = False
+        self.log_maxima = None
+        self.notes = []
+
+    def set(self, name, value):
+        self.values[name] = value if isinstance(value, Span) else Span(value)
+
+
+def expect_open(sent, state):
+    expected = Expectation()
+    expected.set("sentPkts", len(sent))
+    expected.set("receivedPkts", state.received)
+    for name in ZEROED_AT_MINUTE_START:
+        if name not in ("sentPkts", "receivedPkts"):
+            expected.set(name, 0)
+    for prefix, direction in (("Fwd", state.forward), ("Rev", state.reverse)):
+        expected.set("lostPkts" + prefix, direction.lost)
+        expected.set("latePkts" + prefix, direction.late)
+        expected.set("duplicatePkts" + prefix, direction.duplicate)
+    expected.notes.append("never finalised: only the counters zeroed at its start")
+    return expected
+
+
+def expect_finalised(sent, state, sequence_error, rate):
+    expected = Expectation()
+    if sequence_error:
+        expected.notes.append("reflector restart seen before finalisation: all -2")
+        return expected
+    capacity = rate * 60
+    if state.rt:
+        if invalidation(state):
+            expected.invalidated = True
+            expected.log_maxima = (
+                span_stats(state.rt, capacity)["max"],
+                ipdv_stats(state.ipdv_fwd, capacity)[0]["max"],
+                ipdv_stats(state.ipdv_rev, capacity)[0]["max"])
+            expected.notes.append("a maximum above the 4 s bound: all -2")
+            return expected
+        write_delay_counters(expected, state, capacity)
+    write_sequence_counters(expected, sent, state, rate)
+    return expected
+
+
+def write_delay_counters(expected, state, capacity):
+    groups = [("delayRt", span_stats(state.rt, capacity))]
+    for name, pairs in (("ipdvFwd", state.ipdv_fwd), ("ipdvRev", state.ipdv_rev)):
+        spans, _, ambiguous = ipdv_stats(pairs, capacity)
+        groups.append((name, spans))
+        if ambiguous:
+            expected.notes.append("%s: samples within the tolerance of 0 may be kept or not"
+                                  % name)
+    for prefix, spans in groups:
+        expected.set(prefix + "Avg", spans["avg"])
+        expected.set(prefix + "Max", spans["max"])
+        expected.set(prefix + "Min", spans["min"])
+        for percentile in PERCENTILES:
+            expected.set("%sP%d" % (prefix, percentile), spans["p%d" % percentile])
+    for name, values in (("dscpRev", state.dscp), ("ttlFwd", state.ttl_fwd),
+                         ("ttlRev", state.ttl_rev)):
+        expected.set(name + "Max", max(values))
+        expected.set(name + "Min", min(values))
+
+
+def write_sequence_counters(expected, sent, state, rate):
+    forward, reverse = state.forward, state.reverse
+    duplicate_fwd, duplicate_rev = forward.duplicate, reverse.duplicate
+    duplicates = sum(count - 1 for count in state.reply_count.values() if count > 1)
+    if duplicates != duplicate_fwd + duplicate_rev:
+        duplicate_fwd = duplicates - duplicate_rev
+    lost_fwd = forward.lost
+    missing_fwd = list(forward.missing)
+    unanswered = (len(sent) - state.received + duplicate_fwd + duplicate_rev - forward.lost -
+                  reverse.lost)
+    if unanswered < 0:
+        lost_fwd = NA
+    else:
+        lost_fwd += unanswered
+        if 0 < unanswered <= len(sent):
+            missing_fwd.extend(sent[-unanswered:])
+    interval_ms = 1000 // rate if rate != 0 else 1
+    for prefix, missing in (("Fwd", missing_fwd), ("Rev", reverse.missing)):
+        runs = loss_runs(missing)
+        expected.set("lossPeriods" + prefix, len(runs))
+        expected.set("lossPeriod%sMax" % prefix, max(runs) * interval_ms if runs else 0)
+        expected.set("lossPeriod%sMin" % prefix, min(runs) * interval_ms if runs else 0)
+    expected.set("sentPkts", len(sent))
+    expected.set("receivedPkts", state.received)
+    expected.set("lostPktsFwd", lost_fwd)
+    expected.set("lostPktsRev", reverse.lost)
+    expected.set("latePktsFwd", forward.late)
+    expected.set("latePktsRev", reverse.late)
+    expected.set("duplicatePktsFwd", duplicate_fwd)
+    expected.set("duplicatePktsRev", duplicate_rev)
+
+
+# ---- comparison and report ----
+
+
+def compare_bin(label, minute, expected, measured, verbose):
+    bin_index = minute % BINS
+    rows = []
+    failures = 0
+    for name in COUNTERS:
+        value = measured[name][bin_index]
+        span = expected.values[name]
+        good = span.holds(value)
+        failures += 0 if good else 1
+        rows.append((name, str(span), str(value), "ok" if good else "MISMATCH"))
+    title = "%s minute %d (bin %d)" % (label, minute, bin_index)
+    if failures or verbose:
+        print("%s: %s" % (title, "; ".join(expected.notes) or "finalised"))
+        print("  %-18s %-28s %-14s %s" % ("counter", "expected", "measured", ""))
+        for row in rows:
+            print("  %-18s %-28s %-14s %s" % row)
+    print("%s: %s" % (title, "%d counter(s) differ" % failures if failures else "all 38 counters match"))
+    return failures
+
+
+def check_na_bins(label, bins, measured):
+    failures = 0
+    for bin_index in bins:
+        wrong = [name for name in COUNTERS if measured[name][bin_index] != NA]
+        if wrong:
+            failures += 1
+            print("%s: bin %d should be -2 throughout, but %s" % (
+                label, bin_index, ", ".join("%s=%d" % (n, measured[n][bin_index]) for n in wrong)))
+    if not failures:
+        print("%s: bins %s are -2 throughout" % (label, ",".join(map(str, bins))))
+    return failures
+
+
+def check_network_log(label, path, session_text, minute, expected):
+    """The two records of an invalidated minute, and none for a valid one."""
+    with open(path) as stream:
+        lines = [line.rstrip("\n") for line in stream]
+    head = re.compile(r" TwampTestSession: delayRtMax (\d+) or ipdvFwdMax (\d+) or ipdvRevMax "
+                      r"(\d+) are larger than 4s for period (\d+) so all counters are reset to -2$")
+    tail = " " + session_text
+    found = [(index, head.search(line)) for index, line in enumerate(lines)
+             if index + 1 < len(lines) and lines[index + 1].endswith(tail) and head.search(line)]
+    if not expected.invalidated:
+        if found:
+            print("%s: unexpected invalidation record: %s" % (label, lines[found[0][0]]))
+            return 1
+        print("%s: no invalidation record, as expected" % label)
+        return 0
+    matching = [m for _, m in found if int(m.group(4)) == minute % BINS]
+    if len(matching) != 1:
+        print("%s: expected one pair of invalidation records for period %d ending '%s', found %d"
+              % (label, minute % BINS, session_text, len(matching)))
+        return 1
+    maxima = [int(matching[0].group(n)) for n in (1, 2, 3)]
+    failures = 0
+    for name, span, value in zip(("delayRtMax", "ipdvFwdMax", "ipdvRevMax"),
+                                 expected.log_maxima, maxima):
+        if not span.holds(value):
+            print("%s: invalidation record %s %d, expected %s" % (label, name, value, span))
+            failures += 1
+    if not failures:
+        print("%s: invalidation records for period %d with delayRtMax %d in %s" % (
+            label, minute % BINS, maxima[0], expected.log_maxima[0]))
+    return failures
+
+
+def check_scenario(options, minute, state, expected):
+    """The truth does to the minute what the scenario is meant to do."""
+    if options.expect is None:
+        return 0
+    outcome = {
+        "valid": not expected.invalidated and bool(state.rt) and not state.restart_detected,
+        "invalidated": expected.invalidated,
+        "restart": state.restart_detected,
+    }[options.expect]
+    if not outcome:
+        print("%s: the truth of minute %d does not give the '%s' scenario" % (
+            options.label, minute, options.expect))
+        return 1
+    return 0
+
+
+def parse_bins(text):
+    bins = []
+    for part in text.split(","):
+        if "-" in part:
+            first, last = part.split("-")
+            bins.extend(range(int(first), int(last) + 1))
+        elif part:
+            bins.append(int(part))
+    return bins
+
+
+def parse_arguments(argv):
+    parser = argparse.ArgumentParser(description=__doc__.split("\n")[0])
+    parser.add_argument("--truth")
+    parser.add_argument("--counters", required=True)
+    parser.add_argument("--rate", type=int, default=1)
+    parser.add_argument("--minute", action="append", default=[])
+    parser.add_argument("--tolerance-us", type=int, default=3000)
+    parser.add_argument("--label", default="session")
+    parser.add_argument("--na-bins", default="")
+    parser.add_argument("--expect-sent", type=int)
+    parser.add_argument("--expect", choices=("valid", "invalidated", "restart"))
+    parser.add_argument("--network-log")
+    parser.add_argument("--session-text")
+    parser.add_argument("--verbose", action="store_true")
+    return parser.parse_args(argv)
+
+
+def run(options):
+    with open(options.counters) as stream:
+        measured = json.load(stream)["counters"]
+    failures = 0
+    if options.minute:
+        if not options.truth:
+            raise OracleError("--minute needs --truth")
+        start, events = load_truth(options.truth)
+        annotate_reorder_releases(events)
+        session = SessionReplay(start, events, options.rate, options.tolerance_us)
+    for item in options.minute:
+        text, _, mode = item.partition(":")
+        minute = int(text)
+        sent, state, sequence_error = session.replay(minute, mode != "open")
+        if mode == "open":
+            expected = expect_open(sent, state)
+        else:
+            expected = expect_finalised(sent, state, sequence_error, options.rate)
+            if options.network_log:
+                failures += check_network_log(options.label, options.network_log,
+                                              options.session_text, minute, expected)
+        failures += check_scenario(options, minute, state, expected)
+        if options.expect_sent is not None and len(sent) != options.expect_sent:
+            print("%s: the truth holds %d requests of minute %d, expected %d" % (
+                options.label, len(sent), minute, options.expect_sent))
+            failures += 1
+        failures += compare_bin(options.label, minute, expected, measured, options.verbose)
+    if options.na_bins:
+        failures += check_na_bins(options.label, parse_bins(options.na_bins), measured)
+    return failures
+
+
+def main(argv):
+    options = parse_arguments(argv)
+    try:
+        failures = run(options)
+    except (OracleError, OSError, ValueError, KeyError) as error:
+        print("%s: oracle: %s" % (options.label, error))
+        return 2
+    return 1 if failures else 0
+
+
+if __name__ == "__main__":
+    sys.exit(main(sys.argv[1:]))

@@ -1,0 +1,149 @@
+#!/usr/bin/env python3
+"""Tests of the oracle's replay of the minute accounting on small ground truths."""
+
+import os
+import sys
+import unittest
+
+sys.path.insert(0, os.path.dirname(os.path.abspath(__file__)))
+
+import truth_oracle as oracle  # noqa: E402
+
+MINUTE = 29920000
+RATE = 10
+START = {"event": "start", "replyTtl": 64}
+
+
+def reply(seq, rseq, minute=MINUTE, copy=1, fwd=0.0, rev=0.0, reordered=False, skew=0.0):
+    return {"event": "reply", "senderSeq": seq, "senderMinute": minute, "reflectorSeq": rseq,
+            "copy": copy, "fwdDelayUs": fwd, "revDelayUs": rev, "skewUs": skew, "ttl": 255,
+            "tos": 184, "length": 64, "reordered": reordered}
+
+
+def fwd_loss(seq, minute=MINUTE):
+    return {"event": "fwd_loss", "senderSeq": seq, "senderMinute": minute}
+
+
+def rev_loss(seq, rseq, minute=MINUTE):
+    return {"event": "rev_loss", "senderSeq": seq, "senderMinute": minute, "reflectorSeq": rseq,
+            "fwdDelayUs": 0}
+
+
+def finalised(events, tolerance_us=0):
+    oracle.annotate_reorder_releases(events)
+    session = oracle.SessionReplay(START, events, RATE, tolerance_us)
+    sent, state, sequence_error = session.replay(MINUTE, True)
+    return oracle.expect_finalised(sent, state, sequence_error, RATE)
+
+
+def value(expected, name):
+    span = expected.values[name]
+    return span.lo if span.lo == span.hi else (span.lo, span.hi)
+
+
+class SequenceTest(unittest.TestCase):
+    # Sender 1, 2, 4 answered with reflector 1, 2, 3: one forward loss, listed missing.
+    def test_forward_gap(self):
+        expected = finalised([reply(1, 1), reply(2, 2), fwd_loss(3), reply(4, 3)])
+        self.assertEqual(1, value(expected, "lostPktsFwd"))
+        self.assertEqual(0, value(expected, "lostPktsRev"))
+        self.assertEqual(1, value(expected, "lossPeriodsFwd"))
+        self.assertEqual(100, value(expected, "lossPeriodFwdMax"))
+        self.assertEqual(3, value(expected, "receivedPkts"))
+        self.assertEqual(4, value(expected, "sentPkts"))
+
+    # A later reply to the missing number takes the loss back and counts it late.
+    def test_forward_late(self):
+        expected = finalised([reply(1, 1), reply(2, 2), reply(4, 3), reply(3, 4)])
+        self.assertEqual(0, value(expected, "lostPktsFwd"))
+        self.assertEqual(1, value(expected, "latePktsFwd"))
+        self.assertEqual(0, value(expected, "lossPeriodsFwd"))
+
+    # Sender 1, 2, 4 answered with reflector 1, 2, 4: the gap is on the way back.
+    def test_reverse_gap(self):
+        expected = finalised([reply(1, 1), reply(2, 2), rev_loss(3, 3), reply(4, 4)])
+        self.assertEqual(0, value(expected, "lostPktsFwd"))
+        self.assertEqual(1, value(expected, "lostPktsRev"))
+        self.assertEqual(1, value(expected, "lossPeriodsRev"))
+        self.assertEqual(100, value(expected, "lossPeriodRevMin"))
+
+    # A second copy moves only the received and duplicate counts.
+    def test_duplicate(self):
+        expected = finalised([reply(0, 0), reply(0, 0, copy=2), reply(1, 1)])
+        self.assertEqual(3, value(expected, "receivedPkts"))
+        self.assertEqual(1, value(expected, "duplicatePktsRev"))
+        self.assertEqual(0, value(expected, "duplicatePktsFwd"))
+        self.assertEqual(0, value(expected, "lostPktsFwd"))
+
+    # The last packets of the minute never answered are forward loss at the end of the list.
+    def test_unanswered_at_the_end(self):
+        expected = finalised([reply(0, 0), reply(1, 1), fwd_loss(2), fwd_loss(3)])
+        self.assertEqual(2, value(expected, "lostPktsFwd"))
+        self.assertEqual(1, value(expected, "lossPeriodsFwd"))
+        self.assertEqual(200, value(expected, "lossPeriodFwdMax"))
+
+    # A reflector number that goes back while ours jumped by more than 40
+    # (4 s at 10 packets/s) is a restart: accounting stops for the minute.
+    def test_restart_detected(self):
+        events = [reply(seq, seq) for seq in range(10)]
+        events += [fwd_loss(seq) for seq in range(10, 51)]
+        events += [reply(seq, seq - 51) for seq in range(51, 60)]
+        oracle.annotate_reorder_releases(events)
+        session = oracle.SessionReplay(START, events, RATE, 0)
+        sent, state, _ = session.replay(MINUTE, True)
+        self.assertTrue(state.restart_detected)
+        expected = oracle.expect_finalised(sent, state, False, RATE)
+        self.assertEqual(19, value(expected, "receivedPkts"))
+        # The unanswered 41 are put on the highest sequence numbers of the minute.
+        self.assertEqual(41, value(expected, "lostPktsFwd"))
+        self.assertEqual(4100, value(expected, "lossPeriodFwdMax"))
+        self.assertEqual(0, value(expected, "duplicatePktsRev"))
+
+    # The same jump by exactly 40 is no restart: the reflector's numbers look repeated.
+    def test_jump_at_the_limit_is_no_restart(self):
+        events = [reply(seq, seq) for seq in range(10)]
+        events += [fwd_loss(seq) for seq in range(10, 50)]
+        events += [reply(seq, seq - 50) for seq in range(50, 53)]
+        expected = finalised(events)
+        self.assertEqual(3, value(expected, "duplicatePktsRev"))
+
+
+class DelayTest(unittest.TestCase):
+    # With no tolerance the holds are the delays: percentiles of 1..100 ms
+    # follow the vector's rank rule (95th is the 6th largest of 100).
+    def test_round_trip_percentiles(self):
+        events = [reply(seq, seq, fwd=1000.0 * (seq + 1)) for seq in range(100)]
+        expected = finalised(events)
+        self.assertEqual((95000 - 2, 95000 + 2), value(expected, "delayRtP95"))
+        self.assertEqual((99000 - 2, 99000 + 2), value(expected, "delayRtP99"))
+        self.assertEqual((100000 - 2, 100000 + 2), value(expected, "delayRtMax"))
+
+    # Rising forward delays give IPDV samples; a fall gives none.
+    def test_ipdv_keeps_increases_only(self):
+        expected = finalised([reply(0, 0, fwd=1000.0), reply(1, 1, fwd=5000.0),
+                              reply(2, 2, fwd=2000.0)])
+        self.assertEqual((4000 - 4, 4000 + 4), value(expected, "ipdvFwdMax"))
+        self.assertEqual((4000 - 4, 4000 + 4), value(expected, "ipdvFwdMin"))
+
+    # A reply held for reordering waits for the next one: about one interval more.
+    def test_reordered_reply_waits_for_the_next(self):
+        expected = finalised([reply(0, 0), reply(2, 2), reply(1, 1, reordered=True)],
+                             tolerance_us=1000)
+        low, high = value(expected, "delayRtMax")
+        self.assertLessEqual(low, 99000)
+        self.assertGreaterEqual(high, 101000)
+        self.assertEqual(1, value(expected, "latePktsRev"))
+
+    # T3 written later than the real send: negative round trips wrap, the
+    # minute is invalidated.
+    def test_skew_invalidates(self):
+        expected = finalised([reply(seq, seq, skew=50000.0) for seq in range(5)], tolerance_us=1000)
+        self.assertTrue(expected.invalidated)
+        self.assertEqual(oracle.NA, value(expected, "sentPkts"))
+        low, high = expected.log_maxima[0].lo, expected.log_maxima[0].hi
+        self.assertLessEqual(low, (1 << 38) - 50000)
+        self.assertGreaterEqual(high, (1 << 38) - 49000)
+
+
+if __name__ == "__main__":
+    unittest.main()
