@@ -274,6 +274,40 @@ TEST_F(ReflectorLoopbackTest, RestartEvery) {
     EXPECT_EQ(expected, truthAfterStart());
 }
 
+// Every sender (address and port) is a session of its own: its replies are
+// numbered from 0 whatever other senders do.
+TEST_F(ReflectorLoopbackTest, SequenceNumbersPerSender) {
+    ASSERT_TRUE(start("127.0.0.1", systemClock_));
+    TestClient second;
+    ASSERT_TRUE(second.open("127.0.0.1", reflector_->port(), kClientTtl, kClientTos));
+    exchange(0);
+    expectReplyFields(expectReply(), 0, 0);
+    ASSERT_TRUE(second.send(TestClient::packet(7, kT1, 64)));
+    reflector_->runOnce(kWaitNs);
+    ClientReply secondReply;
+    ASSERT_TRUE(second.receive(secondReply, kWaitMs));
+    expectReplyFields(secondReply, 7, 0);
+    exchange(1);
+    expectReplyFields(expectReply(), 1, 1);
+}
+
+// A restart starts every sender's numbers again at 0.
+TEST_F(ReflectorLoopbackTest, RestartResetsEverySender) {
+    options.restartEvery = 2;
+    ASSERT_TRUE(start("127.0.0.1", systemClock_));
+    TestClient second;
+    ASSERT_TRUE(second.open("127.0.0.1", reflector_->port(), kClientTtl, kClientTos));
+    exchange(0);
+    expectReplyFields(expectReply(), 0, 0);
+    ASSERT_TRUE(second.send(TestClient::packet(7, kT1, 64)));
+    reflector_->runOnce(kWaitNs);
+    ClientReply secondReply;
+    ASSERT_TRUE(second.receive(secondReply, kWaitMs));
+    expectReplyFields(secondReply, 7, 0);
+    exchange(1);
+    expectReplyFields(expectReply(), 1, 0);
+}
+
 // A restart after N accepted requests: the gap's requests are lost unanswered,
 // then the sequence number starts again at 0, once.
 TEST_F(ReflectorLoopbackTest, RestartAfterGap) {

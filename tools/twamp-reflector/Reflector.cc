@@ -1,5 +1,6 @@
 #include "Reflector.h"
 
+#include <netinet/in.h>
 #include <poll.h>
 #include <sys/eventfd.h>
 #include <unistd.h>
@@ -8,6 +9,7 @@
 #include <cmath>
 #include <cstdio>
 #include <cstring>
+#include <string>
 #include <utility>
 
 #include "NtpTimestamp.h"
@@ -16,6 +18,21 @@
 namespace {
 
 constexpr int64_t kNanosecondsPerSecond = 1000000000LL;
+
+// A sender's identity: family, address and port, as bytes.
+std::string senderKey(const PeerAddress& sender) {
+    std::string key(1, static_cast<char>(sender.address.ss_family));
+    if (sender.address.ss_family == AF_INET) {
+        const auto& address = reinterpret_cast<const sockaddr_in&>(sender.address);
+        key.append(reinterpret_cast<const char*>(&address.sin_addr), sizeof(address.sin_addr));
+        key.append(reinterpret_cast<const char*>(&address.sin_port), sizeof(address.sin_port));
+    } else if (sender.address.ss_family == AF_INET6) {
+        const auto& address = reinterpret_cast<const sockaddr_in6&>(sender.address);
+        key.append(reinterpret_cast<const char*>(&address.sin6_addr), sizeof(address.sin6_addr));
+        key.append(reinterpret_cast<const char*>(&address.sin6_port), sizeof(address.sin6_port));
+    }
+    return key;
+}
 // Datagrams read per turn, so that due holds are not starved by a flood.
 constexpr int kMaxDatagramsPerTurn = 256;
 
@@ -234,20 +251,20 @@ void Reflector::countTowardsRestart() {
     }
 }
 
-uint32_t Reflector::nextReflectorSeq(const TruthPacket& packet) {
+uint32_t Reflector::nextReflectorSeq(const TruthPacket& packet, const PeerAddress& sender) {
     if (restartDue()) {
-        reflectorSeq_ = 0;
+        senderSeqs_.clear();
         acceptedSinceRestart_ = 0;
         truth_.write(TruthWriter::restartLine(packet));
     }
     ++acceptedSinceRestart_;
     ++totals_.accepted;
     countTowardsRestart();
-    return reflectorSeq_++;
+    return senderSeqs_[senderKey(sender)]++;
 }
 
 void Reflector::processRequest(HeldRequest& request, const timespec& receiveTime) {
-    const uint32_t reflectorSeq = nextReflectorSeq(request.packet);
+    const uint32_t reflectorSeq = nextReflectorSeq(request.packet, request.datagram.peer);
     const ReplyFate fate = impairments_.decideReply();
     if (fate.reverseLost) {
         ++totals_.reverseLost;

@@ -3,7 +3,8 @@
 //
 // A request is first checked for length, then meets the forward impairments
 // (loss, then delay). When it is processed it is counted: it gets the next
-// reflector sequence number and T2 (the kernel's receive time, or the time of
+// reflector sequence number of its sender (each sender address and port is a
+// session of its own, numbered from 0) and T2 (the kernel's receive time, or the time of
 // processing after a forward hold). Its reply may then be lost, or stamped
 // with T3 (plus the skew) and, after the reverse hold, sent once or twice,
 // possibly held back behind the next reply. Every action is written to the
@@ -13,6 +14,7 @@
 
 #include <atomic>
 #include <cstdint>
+#include <map>
 #include <optional>
 #include <string>
 
@@ -60,7 +62,7 @@ class Reflector {
     bool restartDue();
     void countTowardsRestart();
     void processRequest(HeldRequest& request, const timespec& receiveTime);
-    uint32_t nextReflectorSeq(const TruthPacket& packet);
+    uint32_t nextReflectorSeq(const TruthPacket& packet, const PeerAddress& sender);
     HeldReply buildReply(HeldRequest& request, const timespec& receiveTime, uint32_t reflectorSeq,
                          const ReplyFate& fate);
     void emitReply(HeldReply reply);
@@ -79,7 +81,9 @@ class Reflector {
     HoldQueue<HeldReply> replies_;
     std::optional<HeldReply> reorderHeld_;
     int64_t skewNs_ = 0;
-    uint32_t reflectorSeq_ = 0;
+    // The next reflector sequence number of every sender (address and port)
+    // since the last restart, which starts them all again at 0.
+    std::map<std::string, uint32_t> senderSeqs_;
     uint64_t acceptedSinceRestart_ = 0;
     // The one restart of --restart-after: waiting for its count, dropping the
     // gap, due at the next acceptance, or done (also when not asked for).
