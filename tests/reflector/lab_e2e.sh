@@ -108,9 +108,10 @@ probe_replies() {
 check "IPv4 probe answered with TTL, DSCP and timestamps" probe_replies 198.18.0.2 64 184
 check "IPv6 probe answered with hop limit, traffic class and timestamps" \
     probe_replies 2001:db8:18::2 17 32
-check "reflector sequence numbers run on over both families" \
+# Each probe is a sender of its own (address and port): numbered from 0.
+check "reflector sequence numbers count per sender" \
     bash -c "grep -o 'reflectorSeq=[0-9]*' '$WORK/probe_198.18.0.2.txt' '$WORK/probe_2001:db8:18::2.txt' |
-             cut -d= -f2 | tr '\n' ' ' | grep -qx '0 1 2 3 4 5 6 7 8 9 '"
+             cut -d= -f2 | tr '\n' ' ' | grep -qx '0 1 2 3 4 0 1 2 3 4 '"
 
 kill -TERM "$REFLECTOR_PID"
 wait "$REFLECTOR_PID"
