@@ -1,0 +1,70 @@
+// The least a Session-Sender must do per packet in the kernel, without any
+// measurement logic: per session a CLOCK_REALTIME timerfd at the session's
+// rate, and per expiry one timer read, one clock_gettime and one sendmsg;
+// per readiness of the shared socket one recvmsg of the error queue (the
+// transmit timestamp) and one recvmsg of a reply. The socket has the
+// daemon's software timestamping and receive options, so the kernel does
+// the same work for every packet. Waiting is one epoll_wait per wake-up.
+#ifndef TWAMP_BENCH_SYSCALL_FLOOR_H
+#define TWAMP_BENCH_SYSCALL_FLOOR_H
+
+#include <netinet/in.h>
+#include <sys/socket.h>
+
+#include <cstdint>
+#include <string>
+#include <vector>
+
+#include "ScopedFd.h"
+
+struct FloorSettings {
+    std::string sourceAddress;
+    uint16_t sourcePort = 0;
+    std::string reflectorAddress;
+    uint16_t basePort = 0;  // session i sends to basePort + i
+    uint32_t sessions = 0;
+    uint32_t packetsPerSecond = 0;
+    uint32_t seconds = 0;
+    int64_t spreadingNs = 400000;  // start slot width, as in the daemon
+};
+
+struct FloorCounts {
+    uint64_t sent = 0;
+    uint64_t txTimestamps = 0;
+    uint64_t replies = 0;
+    uint64_t expiries = 0;
+};
+
+class SyscallFloor {
+  public:
+    explicit SyscallFloor(const FloorSettings& settings) : settings(settings) {}
+
+    // Binds the socket and arms the timers for the next whole second; false
+    // with error set.
+    bool open(std::string& error);
+    // Runs for the configured seconds from the first expiry on, plus one
+    // second for the last replies.
+    void run();
+    const FloorCounts& counts() const { return totals; }
+
+  private:
+    bool openSocket(std::string& error);
+    bool armTimers(std::string& error);
+    void onTimer(uint32_t session);
+    void sendPacket(uint32_t session);
+    void onSocket();
+
+    FloorSettings settings;
+    ScopedFd socket;
+    ScopedFd epoll;
+    std::vector<ScopedFd> timers;
+    std::vector<uint32_t> sequenceNumbers;
+    std::vector<struct sockaddr_in> destinations;
+    int64_t endNs = 0;
+    FloorCounts totals;
+    // Where every received datagram and its control messages land.
+    std::vector<uint8_t> receiveBuffer = std::vector<uint8_t>(10000);
+    alignas(struct cmsghdr) uint8_t control[256] = {};
+};
+
+#endif  // TWAMP_BENCH_SYSCALL_FLOOR_H

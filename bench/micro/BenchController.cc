@@ -1,0 +1,8 @@
+#include "BenchController.h"
+
+#include "TwampTestSessionController.h"
+
+void BenchController::adopt() {
+    static BenchController controller;
+    TwampTestSessionController::getInstance(&controller);
+}
