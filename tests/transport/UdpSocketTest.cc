@@ -519,26 +519,64 @@ TEST_F(UdpSocketTest, InitStoresItsArguments) {
 
 // ---- Configuration ----
 
-// An IPv4 socket gets SO_TIMESTAMPING 69, IP_TTL 255, IP_RECVTTL 1 and IP_RECVTOS 1, in order.
+// An IPv4 socket gets SO_TIMESTAMPING 69, a 4 MiB receive buffer, IP_TTL 255,
+// IP_RECVTTL 1 and IP_RECVTOS 1, in order.
 TEST_F(UdpSocketTest, Ipv4OptionValues) {
     recordOptions();
     bindIpv4();
-    EXPECT_EQ((std::vector<OptionCall>{
-                  OptionCall{SOL_SOCKET, SO_TIMESTAMPING, 69}, OptionCall{IPPROTO_IP, IP_TTL, 255},
-                  OptionCall{IPPROTO_IP, IP_RECVTTL, 1}, OptionCall{IPPROTO_IP, IP_RECVTOS, 1}}),
-              options);
+    EXPECT_EQ(
+        (std::vector<OptionCall>{
+            OptionCall{SOL_SOCKET, SO_TIMESTAMPING, 69},
+            OptionCall{SOL_SOCKET, SO_RCVBUFFORCE, 4194304}, OptionCall{IPPROTO_IP, IP_TTL, 255},
+            OptionCall{IPPROTO_IP, IP_RECVTTL, 1}, OptionCall{IPPROTO_IP, IP_RECVTOS, 1}}),
+        options);
 }
 
-// An IPv6 socket gets SO_TIMESTAMPING 69, IPV6_RECVHOPLIMIT 1 and IPV6_RECVTCLASS 1, in order.
+// An IPv6 socket gets SO_TIMESTAMPING 69, a 4 MiB receive buffer,
+// IPV6_RECVHOPLIMIT 1 and IPV6_RECVTCLASS 1, in order.
 TEST_F(UdpSocketTest, Ipv6OptionValues) {
     recordOptions();
     succeedEveryBind();
     ASSERT_TRUE(udpSocket->init("::1", "5000", false));
     EXPECT_EQ(AF_INET6, udpSocket->getFamily());
     EXPECT_EQ((std::vector<OptionCall>{OptionCall{SOL_SOCKET, SO_TIMESTAMPING, 69},
+                                       OptionCall{SOL_SOCKET, SO_RCVBUFFORCE, 4194304},
                                        OptionCall{IPPROTO_IPV6, IPV6_RECVHOPLIMIT, 1},
                                        OptionCall{IPPROTO_IPV6, IPV6_RECVTCLASS, 1}}),
               options);
+}
+
+// Without the privilege to force it, the receive buffer is asked for as far
+// as the system allows.
+TEST_F(UdpSocketTest, UnforcedReceiveBufferFallsBack) {
+    ON_CALL(systemCalls, setsockopt)
+        .WillByDefault([this](int, int level, int name, const void* value, socklen_t) {
+            int option = 0;
+            std::memcpy(&option, value, sizeof(option));
+            options.emplace_back(level, name, option);
+            if (name == SO_RCVBUFFORCE) {
+                errno = EPERM;
+                return -1;
+            }
+            return 0;
+        });
+    succeedEveryBind();
+    ASSERT_TRUE(udpSocket->init("127.0.0.1", "5000", false));
+    ASSERT_GE(options.size(), 3u);
+    EXPECT_EQ((OptionCall{SOL_SOCKET, SO_RCVBUFFORCE, 4194304}), options[1]);
+    EXPECT_EQ((OptionCall{SOL_SOCKET, SO_RCVBUF, 4194304}), options[2]);
+    EXPECT_EQ(std::vector<std::string>{}, TraceRecorder::twampMessages("LAB"));
+}
+
+// A receive buffer that cannot be enlarged at all is traced at LAB; the
+// socket is used with the system's default.
+TEST_F(UdpSocketTest, ReceiveBufferFailureTraced) {
+    ON_CALL(systemCalls, setsockopt).WillByDefault(failWith(ENOBUFS));
+    succeedEveryBind();
+    ASSERT_TRUE(udpSocket->init("127.0.0.1", "5000", false));
+    EXPECT_EQ(std::vector<std::string>{"enlargeReceiveBuffer(): Failed to enlarge the socket "
+                                       "receive buffer: errno 105 - No buffer space available"},
+              TraceRecorder::twampMessages("LAB"));
 }
 
 // With TWAMP_TIMESTAMPING=software the socket asks for SO_TIMESTAMPING 26 and

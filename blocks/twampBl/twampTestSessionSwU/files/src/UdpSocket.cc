@@ -17,6 +17,8 @@ namespace {
 
 constexpr int kTtl = 255;
 constexpr int kOptionOn = 1;
+// Room for several seconds of replies and timestamps of a fully loaded daemon.
+constexpr int kReceiveQueueBytes = 4 * 1024 * 1024;
 
 }  // namespace
 
@@ -304,6 +306,7 @@ bool UdpSocket::socketConfiguration() {
     // A failed step is traced and never stops the sequence.
     bool configured = makeNonBlocking();
     configured = enableTimestamping() && configured;
+    enlargeReceiveBuffer();
     if (family == AF_INET) {
         configured = setIpv4Options() && configured;
     } else if (family == AF_INET6) {
@@ -333,6 +336,20 @@ bool UdpSocket::enableTimestamping() {
         return false;
     }
     return true;
+}
+
+void UdpSocket::enlargeReceiveBuffer() {
+    // Replies and transmit timestamps of every session queue here while the
+    // loop is busy (all sessions finalise their minute in the same round); a
+    // full queue drops replies, which would be counted as lost. The forced
+    // size needs CAP_NET_ADMIN; otherwise the kernel caps it at rmem_max.
+    if (setIntOption(SOL_SOCKET, SO_RCVBUFFORCE, kReceiveQueueBytes) ||
+        setIntOption(SOL_SOCKET, SO_RCVBUF, kReceiveQueueBytes)) {
+        return;
+    }
+    const int error = errno;
+    TRACE_LAB("Failed to enlarge the socket receive buffer: errno %d - %s", error,
+              std::strerror(error));
 }
 
 bool UdpSocket::setIpv4Options() {

@@ -138,6 +138,7 @@ class UdpSocket : public IoHandler {
     int bindFirstAddress(const struct addrinfo* addresses, int& lastErrno);
     bool makeNonBlocking();
     bool enableTimestamping();
+    void enlargeReceiveBuffer();
     bool setIpv4Options();
     bool setIpv6Options();
     bool setIntOption(int level, int name, int value);
