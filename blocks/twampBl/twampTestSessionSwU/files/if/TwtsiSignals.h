@@ -41,6 +41,22 @@
 /* A counter value for which no valid value exists. */
 #define TWTSI_PM_NOT_AVAILABLE (-2)
 
+/*
+ * What the daemon accepts in a create signal; a create outside these limits
+ * starts no session and is reported in the trace and the operator log.
+ * Managers may check the same limits before they send.
+ */
+#define TWTSI_MIN_PACKET_SIZE 41    /* the reflected packet's fields fit */
+#define TWTSI_MAX_PACKET_SIZE 65507 /* the largest UDP payload over IPv4 */
+/* The fastest rate one session's timer can keep; 0 and 1 both mean one a second. */
+#define TWTSI_MAX_PACKETS_PER_SECOND 10000u
+/* Start slots must fall inside the first second of the minute. */
+#define TWTSI_MAX_START_OFFSET_DENSE 5555u /* spreadingBase 5000: 180 us slots */
+#define TWTSI_MAX_START_OFFSET 2499u       /* any other base: 400 us slots */
+#define TWTSI_DENSE_SPREADING_BASE 5000u
+/* DSCP is a 6-bit field. */
+#define TWTSI_MAX_DSCP 63u
+
 /* Sizes of the signals as allocated by the sender. */
 #define TWTSI_CREATE_TWAMP_TEST_SESSION_SIZE 96
 #define TWTSI_DELETE_TWAMP_TEST_SESSION_SIZE 20
