@@ -322,14 +322,39 @@ TEST_F(TwampTestSessionAnalysisTest, ErrorFlagStopsAccounting) {
     EXPECT_EQ(1u, session->getDelayRtForTest(kParity)->getCount());
 }
 
-// A jump of exactly the limit is no restart: the reply is a reverse duplicate.
-TEST_F(TwampTestSessionAnalysisTest, JumpOfExactlyTheLimitIsNoRestart) {
+// A jump of exactly the limit is no restart, but the reflector's new
+// numbering is followed: its replies are neither late nor duplicates.
+TEST_F(TwampTestSessionAnalysisTest, JumpOfExactlyTheLimitFollowsTheNewNumbering) {
     auto session = startSession(10);
     const auto t1 = sendIntoMinuteNine(*session, 45);
     answer(*session, 1, t1[1], 10, 2, 2);
     answer(*session, 42, t1[42], 0, 2, 2);
+    answer(*session, 43, t1[43], 1, 2, 2);
     EXPECT_FALSE(session->getSequenceErrorFlagForTest());
-    EXPECT_EQ(1, counter(*session, PmCounter::duplicatePktsRev));
+    EXPECT_EQ(0, counter(*session, PmCounter::duplicatePktsRev));
+    EXPECT_EQ(0, counter(*session, PmCounter::latePktsRev));
+    EXPECT_EQ(0, counter(*session, PmCounter::lostPktsRev));
+    EXPECT_EQ(40, counter(*session, PmCounter::lostPktsFwd));
+    EXPECT_EQ(2u, session->getExpectedResponderSeqNoForTest(kParity));
+}
+
+// A reflector that restarts after a short pause and numbers from 0 again
+// is followed without counting its new numbers as duplicates.
+TEST_F(TwampTestSessionAnalysisTest, ShortRestartIsNoDuplicate) {
+    auto session = startSession(10);
+    const auto t1 = sendIntoMinuteNine(*session, 45);
+    for (uint32_t seqNo = 1; seqNo <= 20; ++seqNo) {
+        answer(*session, seqNo, t1[seqNo], seqNo + 100, 2, 2);
+    }
+    for (uint32_t seqNo = 31; seqNo <= 40; ++seqNo) {
+        answer(*session, seqNo, t1[seqNo], seqNo - 31, 2, 2);
+    }
+    EXPECT_FALSE(session->getSequenceErrorFlagForTest());
+    EXPECT_EQ(30, counter(*session, PmCounter::receivedPkts));
+    EXPECT_EQ(0, counter(*session, PmCounter::duplicatePktsRev));
+    EXPECT_EQ(0, counter(*session, PmCounter::duplicatePktsFwd));
+    EXPECT_EQ(10, counter(*session, PmCounter::lostPktsFwd));
+    EXPECT_EQ(0, counter(*session, PmCounter::lostPktsRev));
 }
 
 // A minute start clears the error flag and the minute's sequence state.

@@ -73,3 +73,8 @@ uint8_t OutstandingPacket::getReplyTtl() const {
 uint32_t OutstandingPacket::getResponderSeqNo() const {
     return responderSeqNo;
 }
+
+void OutstandingPacket::restore(uint64_t t1PrimeSoFar, uint32_t replyCountSoFar) {
+    t1Prime = t1PrimeSoFar;
+    replyCount = replyCountSoFar;
+}

@@ -50,6 +50,10 @@ class OutstandingPacket {
     // The reflector's Sequence Number.
     uint32_t getResponderSeqNo() const;
 
+    // Restores what is known of a packet taken out of a session's store:
+    // its transmit timestamp (0 while unknown) and the replies matched so far.
+    void restore(uint64_t t1PrimeSoFar, uint32_t replyCountSoFar);
+
   private:
     uint32_t senderSeqNo;
     uint64_t t1;

@@ -19,14 +19,20 @@ PmState::~PmState() {
     }
 }
 
+// Creating the vector is one step of init, whichever entry was taken.
+constexpr const char* kInit = "init";
+
 bool PmState::init(uint32_t packetsPerSecond) {
-    const int32_t result =
-        percentile_create(packetsPerSecond * kSecondsPerMinute, kLowestPercentile, &vectorId);
+    return initForSamples(packetsPerSecond * kSecondsPerMinute);
+}
+
+bool PmState::initForSamples(uint32_t samplesPerMinute) {
+    const int32_t result = percentile_create(samplesPerMinute, kLowestPercentile, &vectorId);
     if (result != kPercentileOk) {
-        TRACE_ERROR("Can't create percentile vector, result code %d", result);
+        TRACE_ERROR_AS(kInit, "Can't create percentile vector, result code %d", result);
         return false;
     }
-    TRACE_LAB("Vector %u created", vectorId);
+    TRACE_LAB_AS(kInit, "Vector %u created", vectorId);
     return true;
 }
 

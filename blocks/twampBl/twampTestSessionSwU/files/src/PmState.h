@@ -18,6 +18,8 @@ class PmState {
 
     // Creates the percentile vector for one minute of packets; true on success.
     virtual bool init(uint32_t packetsPerSecond);
+    // Creates the percentile vector for samplesPerMinute samples; true on success.
+    virtual bool initForSamples(uint32_t samplesPerMinute);
     // Books one sample (microseconds); true when the percentile vector took it.
     virtual bool addSample(uint64_t value);
     // Integer average of the counted samples, 0 without samples.

@@ -7,7 +7,7 @@
 
 #include <cerrno>
 #include <cstring>
-#include <iterator>
+#include <algorithm>
 #include <stdexcept>
 
 #include "IoMultiplexer.h"
@@ -76,6 +76,25 @@ std::string requireText(const char* text, const char* what) {
     return text;
 }
 
+// How many times the packet timer can expire in one minute: one a second
+// at rates of 0 and 1, otherwise a minute over the truncated interval, which
+// is one more than rate x 60 when the rate does not divide a second.
+uint32_t expiriesPerMinute(int32_t packetsPerSecond) {
+    if (packetsPerSecond <= 1) {
+        return kSecondsPerMinute;
+    }
+    const uint64_t intervalNs = static_cast<uint64_t>(kNanosecondsPerSecond / packetsPerSecond);
+    const uint64_t minuteNs = static_cast<uint64_t>(kSecondsPerMinute) * kNanosecondsPerSecond;
+    return static_cast<uint32_t>((minuteNs + intervalNs - 1) / intervalNs);
+}
+
+// Room for the packets outstanding at once: a minute and the 4 s its late
+// replies may take, and a little more.
+std::size_t outstandingCapacityFor(int32_t packetsPerSecond) {
+    const std::size_t perMinute = expiriesPerMinute(packetsPerSecond);
+    return perMinute + perMinute / 15 + 16;
+}
+
 // The 8-bit sequence jump limit: four seconds of packets, truncated.
 uint8_t jumpLimitFor(uint32_t packetsPerSecond) {
     return static_cast<uint8_t>(packetsPerSecond * 4);
@@ -129,7 +148,9 @@ struct SequenceCounters {
 // late or duplicate count. Returns the number of packets newly counted lost.
 uint32_t trackSequence(uint32_t seq, uint32_t& expected, MissingSequenceList& missing,
                        const SequenceCounters& counters, uint32_t allowance, bool& counted) {
-    if (expected < seq) {
+    // Serial-number order, so that a number wrapping from 2^32 - 1 to 0
+    // inside a minute is a step forward.
+    if (static_cast<int32_t>(seq - expected) > 0) {
         const uint32_t gap = seq - expected;
         uint32_t newlyLost = 0;
         if (static_cast<int32_t>(gap) > static_cast<int32_t>(allowance)) {
@@ -218,6 +239,7 @@ TwampTestSession::TwampTestSession(const char* dstIpAddress, const char* dstUdpP
       startOffset(static_cast<int32_t>(startOffset)),
       spreadingBase(spreadingBase),
       dscp(dscp),
+      outstanding(outstandingCapacityFor(static_cast<int32_t>(packetsPerSecond))),
       sequenceJumpLimit(jumpLimitFor(packetsPerSecond)),
       clock(clock),
       systemCalls(systemCalls != nullptr ? *systemCalls : SessionSystemCalls::real()) {
@@ -233,9 +255,7 @@ TwampTestSession::TwampTestSession(const char* dstIpAddress, const char* dstUdpP
 }
 
 TwampTestSession::~TwampTestSession() {
-    for (OutstandingMap& outstanding : outstandingPackets) {
-        outstanding.clear();
-    }
+    outstanding.clear();
     if (timerFd != -1) {
         systemCalls.close(timerFd);
     }
@@ -296,17 +316,29 @@ void TwampTestSession::receiveMessage(struct msghdr* msg) {
         return;
     }
     TwampTestMessage message(static_cast<uint8_t*>(payload.iov_base), payload.iov_len);
-    // The echoed T1 names the minute the packet was sent in.
-    const uint32_t minute = minuteOfNtp(message.getSenderTimestamp());
+    const uint64_t echoedT1 = message.getSenderTimestamp();
     const uint32_t seqNo = message.getSenderSequenceNumber();
-    OutstandingPacket* packet = findOutstandingPacket(parityOf(minute), seqNo);
-    if (packet == nullptr) {
+    SentPacket* sent = findSentPacket(parityOf(minuteOfNtp(echoedT1)), seqNo);
+    if (sent == nullptr) {
         TRACE_LAB("No outstanding packet found for seqNum: %u ", seqNo);
         return;
     }
+    // A reply must echo the send time of the packet it answers; one that
+    // does not cannot be placed in any minute.
+    if (sent->t1 != echoedT1) {
+        TRACE_LAB("Response sender timestamp %lx differs from %lx sent, seqNum: %u ",
+                  static_cast<unsigned long>(echoedT1), static_cast<unsigned long>(sent->t1),
+                  seqNo);
+        return;
+    }
+    auto packet = std::make_unique<OutstandingPacket>(seqNo, sent->t1);
+    packet->restore(sent->t1Prime, sent->replyCount);
     packet->setResponse(msg, TwampTestSessionController::getInstance()->getSocketHelper());
-    if (packet->getT1Prime() == 0) {
+    outstanding.countReply(seqNo);
+    const uint32_t minute = sent->minute;
+    if (sent->t1Prime == 0) {
         TRACE_LAB("Received response packet, but TX timestamp unknown, seqNum: %u ", seqNo);
+        outstanding.holdReply(std::move(packet));
         return;
     }
     analyzePM(*packet, recordIndexOf(minute), static_cast<int>(minute % kMinutesPerInterval),
@@ -328,26 +360,42 @@ void TwampTestSession::receiveErrQueueMessage(struct msghdr* msg, ssize_t length
     }
     OwampTestMessage message(const_cast<uint8_t*>(frame) + headerLength,
                              frameLength - headerLength);
-    const uint32_t minute = minuteOfNtp(message.getTimestamp());
+    const uint64_t t1 = message.getTimestamp();
     const uint32_t seqNo = message.getSequenceNumber();
-    OutstandingPacket* packet = findOutstandingPacket(parityOf(minute), seqNo);
-    if (packet == nullptr) {
+    SentPacket* sent = findSentPacket(parityOf(minuteOfNtp(t1)), seqNo);
+    if (sent == nullptr || sent->t1 != t1) {
         TRACE_LAB("No outstanding packet found for seqNum: %u ", seqNo);
         return;
     }
-    packet->setTxTimestamp(msg);
-    if (packet->getT4() == 0) {
-        // The usual order: the timestamp came before the reply.
+    OutstandingPacket* held = outstanding.heldReply(seqNo);
+    if (held == nullptr && sent->replyCount != 0 && sent->t1Prime != 0) {
+        // The packet was answered and analysed already: a second timestamp
+        // would count its reply twice.
+        TRACE_LAB("Repeated TX Timestamp ignored, seqNum: %u ", seqNo);
         return;
     }
+    sent->t1Prime = getTxTimestamp(msg);
+    // The usual order: the timestamp came before the reply. A held reply
+    // without a receive timestamp is never analysed.
+    if (held == nullptr || held->getT4() == 0) {
+        return;
+    }
+    held->restore(sent->t1Prime, sent->replyCount);
     TRACE_LAB("Got late TX Timestamp, seqNum: %u ", seqNo);
-    analyzePM(*packet, recordIndexOf(minute), static_cast<int>(minute % kMinutesPerInterval),
+    const uint32_t minute = sent->minute;
+    analyzePM(*held, recordIndexOf(minute), static_cast<int>(minute % kMinutesPerInterval),
               parityOf(minute));
+    outstanding.releaseReply(seqNo);
 }
 
-OutstandingPacket* TwampTestSession::findOutstandingPacket(int parity, uint32_t seqNo) const {
-    const auto entry = outstandingPackets[parity].find(seqNo);
-    return entry == outstandingPackets[parity].end() ? nullptr : entry->second.get();
+SentPacket* TwampTestSession::findSentPacket(int parity, uint32_t seqNo) {
+    SentPacket* sent = outstanding.find(seqNo);
+    // Each minute parity keeps its own packets: a number found under the
+    // other parity is not this packet.
+    if (sent == nullptr || parityOf(sent->minute) != parity) {
+        return nullptr;
+    }
+    return sent;
 }
 
 // ---- PM analysis of a packet ----
@@ -384,7 +432,17 @@ void TwampTestSession::updatePmMember(PmPeriodRecord& record, int bin,
         return;
     }
     bool counted = false;
-    const uint32_t reverseGap = trackReverseSequence(record, bin, packet, parity, counted);
+    uint32_t reverseGap = 0;
+    if (isResponderRenumbered(packet, parity)) {
+        // The new numbering is followed from here on; its replies are
+        // neither late nor duplicates.
+        expectedResponderSeqNo[parity] = packet.getResponderSeqNo() + 1;
+    } else {
+        reverseGap = trackReverseSequence(record, bin, packet, parity, counted);
+    }
+    if (reverseGap > 0 && packet.getResponderSeqNo() == packet.getSenderSeqNo()) {
+        reportStatelessReflector();
+    }
     // A packet lost on the way back advanced the reflector's number: it is
     // counted once, as reverse loss, not again as forward loss.
     trackSequence(packet.getSenderSeqNo(), lastSenderSeqNo[parity], missingSenderSeqNos[parity],
@@ -406,8 +464,22 @@ bool TwampTestSession::isSequenceBroken(const OutstandingPacket& packet, int par
     // The reflector's number went back while ours jumped ahead by more than
     // 4 s worth of packets.
     const auto senderJump = static_cast<int32_t>(packet.getSenderSeqNo() - lastSenderSeqNo[parity]);
-    return expectedResponderSeqNo[parity] > packet.getResponderSeqNo() &&
-           senderJump > sequenceJumpLimit;
+    return responderWentBack(packet, parity) && senderJump > sequenceJumpLimit;
+}
+
+bool TwampTestSession::isResponderRenumbered(const OutstandingPacket& packet, int parity) const {
+    // The reflector's number went back on the first reply to a packet sent
+    // in order: a reflector that restarted and numbers its replies from 0
+    // again after a pause too short to count as a restart. A late or
+    // repeated reply has gone back in both numbers.
+    const auto senderJump = static_cast<int32_t>(packet.getSenderSeqNo() - lastSenderSeqNo[parity]);
+    return responderWentBack(packet, parity) && senderJump >= 0 && packet.getReplyCount() == 1;
+}
+
+bool TwampTestSession::responderWentBack(const OutstandingPacket& packet, int parity) const {
+    // 0 means no reply yet this minute.
+    const uint32_t expected = expectedResponderSeqNo[parity];
+    return expected != 0 && static_cast<int32_t>(packet.getResponderSeqNo() - expected) < 0;
 }
 
 void TwampTestSession::resynchroniseSequences(const OutstandingPacket& packet, int parity) {
@@ -432,8 +504,14 @@ uint32_t TwampTestSession::trackReverseSequence(PmPeriodRecord& record, int bin,
 
 void TwampTestSession::addHeaderFields(const OutstandingPacket& packet, int parity) {
     dscpRev[parity].add(packet.getReplyDscp() & 0xffU);
-    ttlFwd[parity].add(packet.getSenderTtl());
-    ttlRev[parity].add(packet.getReplyTtl());
+    // No packet arrives with TTL 0: a reflector that leaves its Sender TTL
+    // at 0, or a reply without a hop-limit item, tells nothing.
+    if (packet.getSenderTtl() != 0) {
+        ttlFwd[parity].add(packet.getSenderTtl());
+    }
+    if (packet.getReplyTtl() != 0) {
+        ttlRev[parity].add(packet.getReplyTtl());
+    }
 }
 
 void TwampTestSession::addDelaySamples(const OutstandingPacket& packet, int parity) {
@@ -561,15 +639,30 @@ void TwampTestSession::removeFromSocket() {
 }
 
 #ifdef TWAMP_UNIT_TEST
-OutstandingPacket* TwampTestSession::getOutstandingPacketForTest(int parity, uint32_t seqNo) const {
-    return findOutstandingPacket(parity, seqNo);
+std::unique_ptr<OutstandingPacket> TwampTestSession::getOutstandingPacketForTest(int parity,
+                                                                                 uint32_t seqNo) {
+    SentPacket* sent = findSentPacket(parity, seqNo);
+    if (sent == nullptr) {
+        return nullptr;
+    }
+    auto packet = std::make_unique<OutstandingPacket>(seqNo, sent->t1);
+    packet->restore(sent->t1Prime, sent->replyCount);
+    return packet;
 }
 
 std::vector<uint32_t> TwampTestSession::getOutstandingSeqNosForTest(int parity) const {
     std::vector<uint32_t> seqNos;
-    for (const auto& entry : outstandingPackets[parity]) {
-        seqNos.push_back(entry.first);
+    for (const uint32_t minute : outstanding.minutes()) {
+        const std::size_t count = outstanding.countOf(minute);
+        if (parityOf(minute) != parity || count == 0) {
+            continue;
+        }
+        const uint32_t last = outstanding.lastSeqNoOf(minute);
+        for (std::size_t index = 0; index < count; ++index) {
+            seqNos.push_back(static_cast<uint32_t>(last - (count - 1) + index));
+        }
     }
+    std::sort(seqNos.begin(), seqNos.end());
     return seqNos;
 }
 #endif
@@ -578,14 +671,12 @@ std::vector<uint32_t> TwampTestSession::getOutstandingSeqNosForTest(int parity) 
 
 void TwampTestSession::initPmStates() {
     // A failure is traced by the state itself; the session runs without percentiles.
-    const auto rate = static_cast<uint32_t>(packetsPerSecond);
+    const uint32_t samples = expiriesPerMinute(packetsPerSecond);
     for (int parity = 0; parity < kParityCount; ++parity) {
-        delayRt[parity] = std::make_unique<PmState>();
-        delayRt[parity]->init(rate);
-        ipdvFwd[parity] = std::make_unique<PmState>();
-        ipdvFwd[parity]->init(rate);
-        ipdvRev[parity] = std::make_unique<PmState>();
-        ipdvRev[parity]->init(rate);
+        for (std::unique_ptr<PmState>* states : {delayRt, ipdvFwd, ipdvRev}) {
+            states[parity] = std::make_unique<PmState>();
+            states[parity]->initForSamples(samples);
+        }
     }
 }
 
@@ -670,7 +761,10 @@ bool TwampTestSession::setAndStartTimer() {
         TRACE_ERROR("Failed timerfd_settime: errno %d - %s", error, strerror(error));
         return false;
     }
-    minutePending[parityOf(minuteOf(timerValue.it_value))] = 1;
+    const uint32_t firstMinute = minuteOf(timerValue.it_value);
+    minutePending[parityOf(firstMinute)] = 1;
+    pendingMinute[parityOf(firstMinute)] = firstMinute;
+    pendingMinuteStarted[parityOf(firstMinute)] = 0;
     currentMinute = minuteOf(now);
     lastTickMinute = currentMinute;
     return true;
@@ -693,6 +787,9 @@ bool TwampTestSession::handlePacketTimer() {
                   static_cast<unsigned long long>(timerOverruns));
         if (count > kMaxExpiriesPerRead) {
             count = kMaxExpiriesPerRead;
+            // The loop stood still: replies that came meanwhile are still
+            // queued, so no minute is finalised before the next read.
+            holdMinuteTick = true;
         }
     }
     for (uint64_t expiry = 0; expiry < count; ++expiry) {
@@ -704,6 +801,7 @@ bool TwampTestSession::handlePacketTimer() {
         }
         runExpiry(now);
     }
+    holdMinuteTick = false;
     return true;
 }
 
@@ -715,6 +813,15 @@ void TwampTestSession::handleTimerReadFailure() {
     // The wall clock was set: the minute state no longer matches the clock.
     TWAMP_TRACE_STATEMENT_AS(com_quorin_tn_twamp, EXCEPTION, "TWAMP", kHandlePacketTimer,
                              "Timer cancelled - unexpected system clock update.");
+    // Minutes interrupted by the step cannot be accounted: their replies may
+    // have come on either side of it.
+    for (int parity = 0; parity < kParityCount; ++parity) {
+        if (minutePending[parity] != 0 && pendingMinuteStarted[parity] != 0) {
+            declareMinuteUnaccountable(pendingMinute[parity], "wall clock set");
+        }
+        minutePending[parity] = 0;
+    }
+    outstanding.clear();
     recordComplete[0] = 1;
     recordComplete[1] = 1;
     setAndStartTimer();
@@ -730,7 +837,7 @@ void TwampTestSession::runExpiry(const struct timespec& now) {
     // Signed and truncating toward zero, like the seconds it is computed from.
     const uint32_t tickMinute =
         static_cast<uint32_t>((now.tv_sec - kReplyWaitSeconds) / kSecondsPerMinute);
-    if (tickMinute != lastTickMinute) {
+    if (tickMinute != lastTickMinute && !holdMinuteTick) {
         lastTickMinute = tickMinute;
         minuteTick(tickMinute);
     }
@@ -739,14 +846,21 @@ void TwampTestSession::runExpiry(const struct timespec& now) {
 // ---- Minutes ----
 
 void TwampTestSession::startMinute(uint32_t minute) {
+    abandonStaleMinutes(minute);
     const int bin = static_cast<int>(minute % kMinutesPerInterval);
     const int recordIndex = recordIndexOf(minute);
     const int parity = parityOf(minute);
-    if (bin == 0) {
+    const uint32_t interval = minute / kMinutesPerInterval;
+    if (bin == 0 || recordInterval[recordIndex] != interval) {
+        // A new interval, also when its first minute was never started.
         records[recordIndex].fill(PmPeriodRecord::kNotAvailable);
         recordComplete[recordIndex] = 0;
+        recordInterval[recordIndex] = interval;
     }
+    closeSkippedInterval(interval);
     minutePending[parity] = 1;
+    pendingMinute[parity] = minute;
+    pendingMinuteStarted[parity] = 1;
     resetPmStates(parity);
     dscpRev[parity].clear();
     ttlFwd[parity].clear();
@@ -762,45 +876,137 @@ void TwampTestSession::startMinute(uint32_t minute) {
     lastSenderSeqNo[parity] = sequenceNumber;
 }
 
+void TwampTestSession::abandonStaleMinutes(uint32_t minute) {
+    // Normally only the minute before is still pending (it is finalised 4 s
+    // into this one). Anything older was missed while the process or the
+    // machine stood still and can no longer be accounted.
+    for (int parity = 0; parity < kParityCount; ++parity) {
+        if (minutePending[parity] != 0 && pendingMinuteStarted[parity] != 0 &&
+            pendingMinute[parity] != minute - 1) {
+            declareMinuteUnaccountable(pendingMinute[parity], "timer stalled");
+        }
+    }
+}
+
+void TwampTestSession::closeSkippedInterval(uint32_t interval) {
+    // The record before holds the interval before, finished: when that
+    // interval was skipped (a stall, a clock step), it is reported as such,
+    // all -2, rather than with an older interval's values.
+    const int previous = recordIndexOf((interval - 1) * kMinutesPerInterval);
+    if (recordInterval[previous] == interval - 1) {
+        return;
+    }
+    records[previous].fill(PmPeriodRecord::kNotAvailable);
+    recordInterval[previous] = interval - 1;
+    recordComplete[previous] = 1;
+}
+
 void TwampTestSession::minuteTick(uint32_t minute) {
     // The tick of minute n finalises minute n - 1.
-    const int parity = parityOf(minute - 1);
-    if (minutePending[parity] != 0) {
+    const uint32_t finished = minute - 1;
+    const int parity = parityOf(finished);
+    const bool pendingIsOlder =
+        static_cast<int32_t>(finished - pendingMinute[parity]) > 0 && pendingMinuteStarted[parity];
+    if (minutePending[parity] != 0 &&
+        (pendingMinuteStarted[parity] == 0 || pendingMinute[parity] == finished)) {
         const int recordIndex = recordIndexOf(minute);
         const int bin = static_cast<int>(minute % kMinutesPerInterval);
         if (bin == 0) {
             // The last minute of the previous interval completes its record.
-            finalizePmMember(records[1 - recordIndex], kMinutesPerInterval - 1, parity);
+            finalizePmMember(records[1 - recordIndex], kMinutesPerInterval - 1, parity, finished);
             recordComplete[1 - recordIndex] = 1;
         } else {
-            finalizePmMember(records[recordIndex], bin - 1, parity);
+            finalizePmMember(records[recordIndex], bin - 1, parity, finished);
         }
         minutePending[parity] = 0;
+    } else if (minutePending[parity] != 0 && pendingIsOlder) {
+        declareMinuteUnaccountable(pendingMinute[parity], "timer stalled");
     }
     sendPendingPmReply();
 }
 
-void TwampTestSession::finalizePmMember(PmPeriodRecord& record, int bin, int parity) {
+void TwampTestSession::finalizePmMember(PmPeriodRecord& record, int bin, int parity,
+                                        uint32_t minute) {
     if (sequenceErrorFlag != 0) {
         // A reflector restart seen before this minute was finalised voids it.
         fillBin(record, bin, PmPeriodRecord::kNotAvailable);
         if (delayRt[parity] != nullptr && delayRt[parity]->getCount() > 0) {
             drainPercentiles(parity);
         }
-        deleteOutstandingPackets(parity);
+        deleteOutstandingPackets(minute);
         return;
     }
     if (delayRt[parity] != nullptr && delayRt[parity]->getCount() > 0) {
         if (exceedsRoundTripBound(parity)) {
             invalidateMinute(record, bin, parity);
+            deleteOutstandingPackets(minute);
             return;
         }
         writeDelayCounters(record, bin, parity);
     }
-    reconcileDuplicates(record, bin, parity);
-    countUnansweredPackets(record, bin, parity);
+    reconcileDuplicates(record, bin, minute);
+    countUnansweredPackets(record, bin, parity, minute);
     writeLossPeriods(record, bin, parity);
-    deleteOutstandingPackets(parity);
+    deleteOutstandingPackets(minute);
+    if (!isBinConsistent(record, bin)) {
+        declareMinuteUnaccountable(minute, "counts out of range");
+    }
+}
+
+void TwampTestSession::declareMinuteUnaccountable(uint32_t minute, const char* reason) {
+    const int parity = parityOf(minute);
+    const int recordIndex = recordIndexOf(minute);
+    const int bin = static_cast<int>(minute % kMinutesPerInterval);
+    TRACE_LAB_AS(kFinalizePmMember,
+                 "Minute %u cannot be accounted (%s) for dstIpAddress %s, dstUdpPort %s so all "
+                 "counters of period %d are reset to -2",
+                 minute, reason, dstIpAddress.c_str(), dstUdpPort.c_str(), bin);
+    tn_log_internal_log(
+        kInvalidationLogSeverity, kTnNetworkLogMask, kOperatorLogUser,
+        tn_log_format("TwampTestSession: minute %u cannot be accounted (%s) for "
+                      "dstIpAddress %s, dstUdpPort %s so all counters of period "
+                      "%d are reset to -2",
+                      minute, reason, dstIpAddress.c_str(), dstUdpPort.c_str(), bin));
+    // Only a record that still holds the minute's interval has its bin.
+    if (recordInterval[recordIndex] == minute / kMinutesPerInterval) {
+        fillBin(records[recordIndex], bin, PmPeriodRecord::kNotAvailable);
+        if (bin == kMinutesPerInterval - 1) {
+            recordComplete[recordIndex] = 1;
+        }
+    }
+    if (minutePending[parity] != 0 && pendingMinute[parity] == minute) {
+        if (delayRt[parity] != nullptr && delayRt[parity]->getCount() > 0) {
+            drainPercentiles(parity);
+        }
+        resetPmStates(parity);
+        minutePending[parity] = 0;
+    }
+    deleteOutstandingPackets(minute);
+}
+
+bool TwampTestSession::isBinConsistent(const PmPeriodRecord& record, int bin) const {
+    const int64_t sent = record.at(PmCounter::sentPkts, bin);
+    const auto value = [&record, bin](PmCounter::Index counter) { return record.at(counter, bin); };
+    const auto available = [](int64_t count) { return count != PmPeriodRecord::kNotAvailable; };
+    for (PmCounter::Index counter : {PmCounter::lostPktsFwd, PmCounter::lostPktsRev,
+                                     PmCounter::latePktsFwd, PmCounter::latePktsRev}) {
+        if (available(value(counter)) && (value(counter) < 0 || value(counter) > sent)) {
+            return false;
+        }
+    }
+    const int64_t duplicates =
+        value(PmCounter::duplicatePktsFwd) + value(PmCounter::duplicatePktsRev);
+    if (value(PmCounter::duplicatePktsFwd) < 0 || value(PmCounter::duplicatePktsRev) < 0 ||
+        value(PmCounter::receivedPkts) < 0) {
+        return false;
+    }
+    int64_t accounted = value(PmCounter::receivedPkts);
+    for (PmCounter::Index counter : {PmCounter::lostPktsFwd, PmCounter::lostPktsRev}) {
+        if (available(value(counter))) {
+            accounted += value(counter);
+        }
+    }
+    return accounted <= sent + duplicates;
 }
 
 bool TwampTestSession::exceedsRoundTripBound(int parity) const {
@@ -838,16 +1044,10 @@ void TwampTestSession::writeDelayCounters(PmPeriodRecord& record, int bin, int p
     record.at(PmCounter::ttlRevMin, bin) = static_cast<int64_t>(ttlRev[parity].min);
 }
 
-void TwampTestSession::reconcileDuplicates(PmPeriodRecord& record, int bin, int parity) const {
+void TwampTestSession::reconcileDuplicates(PmPeriodRecord& record, int bin, uint32_t minute) const {
     // Every reply beyond a packet's first is a duplicate in one direction or
     // the other; what the sequence trackers missed is put on the forward side.
-    int64_t duplicates = 0;
-    for (const auto& entry : outstandingPackets[parity]) {
-        const uint32_t replies = entry.second->getReplyCount();
-        if (replies > 1) {
-            duplicates += replies - 1;
-        }
-    }
+    const auto duplicates = static_cast<int64_t>(outstanding.extraRepliesOf(minute));
     int64_t& forward = record.at(PmCounter::duplicatePktsFwd, bin);
     const int64_t reverse = record.at(PmCounter::duplicatePktsRev, bin);
     if (duplicates != forward + reverse) {
@@ -855,7 +1055,8 @@ void TwampTestSession::reconcileDuplicates(PmPeriodRecord& record, int bin, int 
     }
 }
 
-void TwampTestSession::countUnansweredPackets(PmPeriodRecord& record, int bin, int parity) {
+void TwampTestSession::countUnansweredPackets(PmPeriodRecord& record, int bin, int parity,
+                                              uint32_t minute) {
     // Packets that never came back and that no sequence gap revealed,
     // typically the last ones of the minute.
     const int64_t unanswered =
@@ -868,16 +1069,14 @@ void TwampTestSession::countUnansweredPackets(PmPeriodRecord& record, int bin, i
         return;
     }
     record.at(PmCounter::lostPktsFwd, bin) += unanswered;
-    const OutstandingMap& outstanding = outstandingPackets[parity];
-    if (unanswered == 0 || static_cast<uint64_t>(unanswered) > outstanding.size()) {
+    const std::size_t sentInMinute = outstanding.countOf(minute);
+    if (unanswered == 0 || static_cast<uint64_t>(unanswered) > sentInMinute) {
         return;
     }
-    // The highest sequence numbers, appended in ascending order.
-    auto first = outstanding.end();
-    std::advance(first, -unanswered);
-    for (auto entry = first; entry != outstanding.end(); ++entry) {
-        missingSenderSeqNos[parity].append(entry->first, 1);
-    }
+    // The last packets sent, in the order they were sent.
+    const uint32_t last = outstanding.lastSeqNoOf(minute);
+    missingSenderSeqNos[parity].append(static_cast<uint32_t>(last - (unanswered - 1)),
+                                       static_cast<uint64_t>(unanswered));
 }
 
 void TwampTestSession::writeLossPeriods(PmPeriodRecord& record, int bin, int parity) const {
@@ -930,8 +1129,6 @@ void TwampTestSession::invalidateMinute(PmPeriodRecord& record, int bin, int par
                       dstIpAddress.c_str(), dstUdpPort.c_str(), srcIpAddress, srcUdpPort));
     drainPercentiles(parity);
     fillBin(record, bin, PmPeriodRecord::kNotAvailable);
-    // The minute's outstanding packets are left in place: they go with the
-    // finalisation of the same parity two minutes later.
 }
 
 void TwampTestSession::drainPercentiles(int parity) {
@@ -944,9 +1141,22 @@ void TwampTestSession::drainPercentiles(int parity) {
     }
 }
 
-void TwampTestSession::deleteOutstandingPackets(int parity) {
+void TwampTestSession::reportStatelessReflector() {
+    // A reflector that numbers its replies with the sender's number makes
+    // a packet lost on the way out look lost on the way back.
+    if (statelessReflectorReported) {
+        return;
+    }
+    statelessReflectorReported = true;
+    TRACE_INFO_AS(kUpdatePmMember,
+                  "Reflector of dstIpAddress %s, dstUdpPort %s numbers its replies with the "
+                  "sender sequence number: forward loss is counted as reverse loss",
+                  dstIpAddress.c_str(), dstUdpPort.c_str());
+}
+
+void TwampTestSession::deleteOutstandingPackets(uint32_t minute) {
     // A reply arriving later finds nothing to match.
-    outstandingPackets[parity].clear();
+    outstanding.dropMinute(minute);
 }
 
 void TwampTestSession::sendPendingPmReply() {
@@ -985,12 +1195,15 @@ void TwampTestSession::sendMessage(const struct timespec& now) {
 }
 
 bool TwampTestSession::readRandomByte(uint8_t& randomByte) {
-    const int randomFd = TwampTestSessionController::getInstance()->getRandomFd().getFd();
-    if (randomFd == -1) {
+    RandomFd& randomFd = TwampTestSessionController::getInstance()->getRandomFd();
+    if (randomFd.getFd() == -1) {
         TRACE_ERROR_AS(kSendMessage, "Failed to set packet padding: /dev/urandom not open");
         return false;
     }
-    const ssize_t count = systemCalls.read(randomFd, &randomByte, 1);
+    const ssize_t count =
+        randomFd.takeByte(randomByte, [this](int fd, void* buffer, std::size_t length) {
+            return systemCalls.read(fd, buffer, length);
+        });
     if (count == -1) {
         const int error = errno;
         TRACE_ERROR_AS(kSendMessage, "Failed to set packet padding: errno %d - %s", error,
@@ -1063,10 +1276,9 @@ void TwampTestSession::bookSentPacket(ssize_t sent, const struct timespec& now, 
     ++sentOkCount;
     lastSendResult = sent;
     const uint32_t minute = minuteOf(now);
-    // A key still present after the sequence number wrapped keeps its packet;
-    // the new one is freed at once.
-    outstandingPackets[parityOf(minute)].try_emplace(
-        sequenceNumber, std::make_unique<OutstandingPacket>(sequenceNumber, t1));
+    // A number still outstanding after the sequence number wrapped keeps its
+    // packet; the new one is not stored.
+    outstanding.add(sequenceNumber, t1, minute);
     ++sequenceNumber;
     records[recordIndexOf(minute)].at(PmCounter::sentPkts,
                                       static_cast<int>(minute % kMinutesPerInterval)) += 1;

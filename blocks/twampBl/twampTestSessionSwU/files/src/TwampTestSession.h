@@ -29,6 +29,7 @@
 #include "MessageReceiver.h"
 #include "MissingSequenceList.h"
 #include "OutstandingPacket.h"
+#include "OutstandingPacketStore.h"
 #include "PmPeriodRecord.h"
 #include "PmState.h"
 #include "RealtimeClock.h"
@@ -187,8 +188,9 @@ class TwampTestSession : public IoHandler, public MessageReceiver {
     std::size_t getIpdvHistorySizeForTest(int parity) const {
         return ipdvHistory[parity].size();
     }
-    // The outstanding packet of a minute parity, null when there is none.
-    OutstandingPacket* getOutstandingPacketForTest(int parity, uint32_t seqNo) const;
+    // What is known of an outstanding packet of a minute parity, null when
+    // there is none.
+    std::unique_ptr<OutstandingPacket> getOutstandingPacketForTest(int parity, uint32_t seqNo);
     // Runs the minute start and the minute end of a minute number directly.
     void startMinuteForTest(uint32_t minute) {
         startMinute(minute);
@@ -202,6 +204,7 @@ class TwampTestSession : public IoHandler, public MessageReceiver {
     static constexpr int kRecordCount = 2;
     static constexpr int kParityCount = 2;
     static constexpr std::size_t kControlBufferSize = 256;
+    static constexpr uint32_t kNoInterval = UINT32_MAX;
 
     // Smallest and largest value of a one-byte header field over a minute.
     struct MinMaxTracker {
@@ -222,7 +225,6 @@ class TwampTestSession : public IoHandler, public MessageReceiver {
         }
     };
 
-    using OutstandingMap = std::map<uint32_t, std::unique_ptr<OutstandingPacket>>;
     // Forward and reverse delay of a packet, microseconds.
     using DelayPair = std::pair<uint64_t, uint64_t>;
 
@@ -240,8 +242,10 @@ class TwampTestSession : public IoHandler, public MessageReceiver {
     void runExpiry(const struct timespec& now);
     void startMinute(uint32_t minute);
     void minuteTick(uint32_t minute);
-    OutstandingPacket* findOutstandingPacket(int parity, uint32_t seqNo) const;
+    SentPacket* findSentPacket(int parity, uint32_t seqNo);
     bool isSequenceBroken(const OutstandingPacket& packet, int parity) const;
+    bool isResponderRenumbered(const OutstandingPacket& packet, int parity) const;
+    bool responderWentBack(const OutstandingPacket& packet, int parity) const;
     void resynchroniseSequences(const OutstandingPacket& packet, int parity);
     uint32_t trackReverseSequence(PmPeriodRecord& record, int bin, const OutstandingPacket& packet,
                                   int parity, bool& counted);
@@ -249,15 +253,20 @@ class TwampTestSession : public IoHandler, public MessageReceiver {
     void addDelaySamples(const OutstandingPacket& packet, int parity);
     void addIpdvSamples(uint32_t senderSeqNo, uint64_t forwardDelay, uint64_t reverseDelay,
                         int parity);
-    void finalizePmMember(PmPeriodRecord& record, int bin, int parity);
+    void abandonStaleMinutes(uint32_t minute);
+    void closeSkippedInterval(uint32_t interval);
+    void finalizePmMember(PmPeriodRecord& record, int bin, int parity, uint32_t minute);
+    void declareMinuteUnaccountable(uint32_t minute, const char* reason);
+    bool isBinConsistent(const PmPeriodRecord& record, int bin) const;
+    void reportStatelessReflector();
     bool exceedsRoundTripBound(int parity) const;
     void writeDelayCounters(PmPeriodRecord& record, int bin, int parity);
-    void reconcileDuplicates(PmPeriodRecord& record, int bin, int parity) const;
-    void countUnansweredPackets(PmPeriodRecord& record, int bin, int parity);
+    void reconcileDuplicates(PmPeriodRecord& record, int bin, uint32_t minute) const;
+    void countUnansweredPackets(PmPeriodRecord& record, int bin, int parity, uint32_t minute);
     void writeLossPeriods(PmPeriodRecord& record, int bin, int parity) const;
     void invalidateMinute(PmPeriodRecord& record, int bin, int parity);
     void drainPercentiles(int parity);
-    void deleteOutstandingPackets(int parity);
+    void deleteOutstandingPackets(uint32_t minute);
     void sendPendingPmReply();
     void sendMessage(const struct timespec& now);
     bool readRandomByte(uint8_t& randomByte);
@@ -292,8 +301,9 @@ class TwampTestSession : public IoHandler, public MessageReceiver {
     int64_t lastSendResult = 0;
     int64_t lastSendErrno = 0;
     bool registeredWithSocket = false;
+    // The packets sent and not yet finalised, of both minute parities.
+    OutstandingPacketStore outstanding;
     // Per-minute measurement state, one set per minute parity.
-    OutstandingMap outstandingPackets[kParityCount];
     // Created by init: a session that never started holds no percentile vectors.
     std::unique_ptr<PmState> delayRt[kParityCount];
     std::unique_ptr<PmState> ipdvFwd[kParityCount];
@@ -310,6 +320,14 @@ class TwampTestSession : public IoHandler, public MessageReceiver {
     // Rates above 63 packets per second wrap: the limit is kept in 8 bits.
     uint8_t sequenceJumpLimit;
     uint8_t sequenceErrorFlag = 0;
+    // The minute each parity's pending state belongs to, and whether that
+    // minute has started (the minute the timer is armed for has not).
+    uint32_t pendingMinute[kParityCount] = {0, 0};
+    uint8_t pendingMinuteStarted[kParityCount] = {0, 0};
+    // The 15-minute interval each record holds.
+    uint32_t recordInterval[kRecordCount] = {kNoInterval, kNoInterval};
+    bool holdMinuteTick = false;
+    bool statelessReflectorReported = false;
     uint32_t currentMinute = 0;
     uint32_t lastTickMinute = 0;
     union itc_msg* pendingPmReply = nullptr;

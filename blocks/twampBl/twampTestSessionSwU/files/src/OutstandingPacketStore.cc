@@ -1,0 +1,186 @@
+#include "OutstandingPacketStore.h"
+
+#include <utility>
+
+namespace {
+
+// The ring starts with room for this many packets when no capacity is given.
+constexpr std::size_t kMinimumCapacity = 16;
+
+}  // namespace
+
+OutstandingPacketStore::OutstandingPacketStore(std::size_t capacity)
+    : ring(capacity < kMinimumCapacity ? kMinimumCapacity : capacity) {}
+
+OutstandingPacketStore::~OutstandingPacketStore() = default;
+
+bool OutstandingPacketStore::add(uint32_t seqNo, uint64_t t1, uint32_t minute) {
+    if (count != 0 && seqNo != static_cast<uint32_t>(firstSeqNo + count)) {
+        return false;
+    }
+    if (count == ring.size()) {
+        grow();
+    }
+    if (count == 0) {
+        firstSeqNo = seqNo;
+    }
+    SentPacket& packet = at(count);
+    packet = SentPacket();
+    packet.t1 = t1;
+    packet.minute = minute;
+    ++count;
+    if (spans.empty() || spans.back().minute != minute) {
+        spans.push_back({minute, seqNo, 0, 0});
+    }
+    ++spans.back().count;
+    return true;
+}
+
+SentPacket* OutstandingPacketStore::find(uint32_t seqNo) {
+    std::size_t index = 0;
+    return indexOf(seqNo, index) ? &at(index) : nullptr;
+}
+
+const SentPacket* OutstandingPacketStore::find(uint32_t seqNo) const {
+    std::size_t index = 0;
+    return indexOf(seqNo, index) ? &at(index) : nullptr;
+}
+
+uint32_t OutstandingPacketStore::countReply(uint32_t seqNo) {
+    SentPacket* packet = find(seqNo);
+    if (packet == nullptr) {
+        return 0;
+    }
+    packet->replyCount += 1;
+    if (packet->replyCount > 1) {
+        // Spans are few (two minutes, more only after a stall): a short walk.
+        for (MinuteSpan& span : spans) {
+            if (static_cast<uint32_t>(seqNo - span.firstSeqNo) < span.count) {
+                span.extraReplies += 1;
+                break;
+            }
+        }
+    }
+    return packet->replyCount;
+}
+
+uint64_t OutstandingPacketStore::extraRepliesOf(uint32_t minute) const {
+    const MinuteSpan* span = spanOf(minute);
+    return span == nullptr ? 0 : span->extraReplies;
+}
+
+std::size_t OutstandingPacketStore::countOf(uint32_t minute) const {
+    const MinuteSpan* span = spanOf(minute);
+    return span == nullptr ? 0 : span->count;
+}
+
+uint32_t OutstandingPacketStore::lastSeqNoOf(uint32_t minute) const {
+    const MinuteSpan* span = spanOf(minute);
+    return span == nullptr ? 0 : static_cast<uint32_t>(span->firstSeqNo + span->count - 1);
+}
+
+std::vector<uint32_t> OutstandingPacketStore::minutes() const {
+    std::vector<uint32_t> result;
+    for (const MinuteSpan& span : spans) {
+        result.push_back(span.minute);
+    }
+    return result;
+}
+
+void OutstandingPacketStore::holdReply(std::unique_ptr<OutstandingPacket> packet) {
+    const uint32_t seqNo = packet->getSenderSeqNo();
+    heldReplies[seqNo] = std::move(packet);
+}
+
+OutstandingPacket* OutstandingPacketStore::heldReply(uint32_t seqNo) const {
+    const auto entry = heldReplies.find(seqNo);
+    return entry == heldReplies.end() ? nullptr : entry->second.get();
+}
+
+void OutstandingPacketStore::releaseReply(uint32_t seqNo) {
+    heldReplies.erase(seqNo);
+}
+
+void OutstandingPacketStore::dropMinute(uint32_t minute) {
+    if (spanOf(minute) == nullptr) {
+        return;
+    }
+    // Minutes leave in the order they were sent; an older one still stored
+    // was abandoned and goes with it.
+    bool dropped = false;
+    while (!dropped && !spans.empty()) {
+        dropped = spans.front().minute == minute;
+        dropFront();
+    }
+}
+
+void OutstandingPacketStore::clear() {
+    head = 0;
+    count = 0;
+    spans.clear();
+    heldReplies.clear();
+}
+
+std::size_t OutstandingPacketStore::size() const {
+    return count;
+}
+
+std::size_t OutstandingPacketStore::capacity() const {
+    return ring.size();
+}
+
+SentPacket& OutstandingPacketStore::at(std::size_t index) {
+    return ring[(head + index) % ring.size()];
+}
+
+const SentPacket& OutstandingPacketStore::at(std::size_t index) const {
+    return ring[(head + index) % ring.size()];
+}
+
+bool OutstandingPacketStore::indexOf(uint32_t seqNo, std::size_t& index) const {
+    // Sequence numbers wrap at 2^32 like the distance taken here.
+    index = static_cast<uint32_t>(seqNo - firstSeqNo);
+    return index < count;
+}
+
+void OutstandingPacketStore::grow() {
+    std::vector<SentPacket> larger(ring.size() * 2);
+    for (std::size_t index = 0; index < count; ++index) {
+        larger[index] = at(index);
+    }
+    ring.swap(larger);
+    head = 0;
+}
+
+const OutstandingPacketStore::MinuteSpan* OutstandingPacketStore::spanOf(uint32_t minute) const {
+    for (const MinuteSpan& span : spans) {
+        if (span.minute == minute) {
+            return &span;
+        }
+    }
+    return nullptr;
+}
+
+OutstandingPacketStore::MinuteSpan* OutstandingPacketStore::spanOf(uint32_t minute) {
+    for (MinuteSpan& span : spans) {
+        if (span.minute == minute) {
+            return &span;
+        }
+    }
+    return nullptr;
+}
+
+void OutstandingPacketStore::dropFront() {
+    const MinuteSpan span = spans.front();
+    spans.pop_front();
+    for (auto entry = heldReplies.begin(); entry != heldReplies.end();) {
+        if (static_cast<uint32_t>(entry->first - span.firstSeqNo) < span.count) {
+            entry = heldReplies.erase(entry);
+        } else {
+            ++entry;
+        }
+    }
+    head = (head + span.count) % ring.size();
+    count -= span.count;
+    firstSeqNo = static_cast<uint32_t>(firstSeqNo + span.count);
+}
