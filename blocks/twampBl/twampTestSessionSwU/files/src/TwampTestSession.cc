@@ -122,11 +122,16 @@ int recordIndexOf(uint32_t minute) {
     return static_cast<int>((minute / kMinutesPerInterval) & 1);
 }
 
-// The minute number of a 64-bit NTP timestamp (32 bits of seconds). The NTP
-// epoch lies a whole even number of 15-minute intervals before the POSIX
-// epoch, so parity, record and bin agree with those of the wall clock.
+// The wall-clock minute number of a 64-bit NTP timestamp (32 bits of
+// seconds). The seconds wrap on 2036-02-07 06:28:16 UTC; a clock that reads
+// after 1970 then puts them in the next NTP era. 2^32 s is no whole number
+// of minutes, so the minute is taken from POSIX seconds, not NTP ones.
 uint32_t minuteOfNtp(uint64_t ntpTimestamp) {
-    return static_cast<uint32_t>(ntpTimestamp >> 32) / kSecondsPerMinute;
+    const uint64_t ntpSeconds = ntpTimestamp >> 32;
+    const uint64_t posixSeconds = ntpSeconds >= kNtpUnixEpochOffset
+                                      ? ntpSeconds - kNtpUnixEpochOffset
+                                      : ntpSeconds + (uint64_t{1} << 32) - kNtpUnixEpochOffset;
+    return static_cast<uint32_t>(posixSeconds / kSecondsPerMinute);
 }
 
 // An NTP time difference in microseconds.
@@ -1036,12 +1041,19 @@ void TwampTestSession::writeDelayCounters(PmPeriodRecord& record, int bin, int p
         entry.state.updatePercentilePmCounters(
             &record.at(entry.p95, bin), &record.at(entry.p98, bin), &record.at(entry.p99, bin));
     }
-    record.at(PmCounter::dscpRevMax, bin) = static_cast<int64_t>(dscpRev[parity].max);
-    record.at(PmCounter::dscpRevMin, bin) = static_cast<int64_t>(dscpRev[parity].min);
-    record.at(PmCounter::ttlFwdMax, bin) = static_cast<int64_t>(ttlFwd[parity].max);
-    record.at(PmCounter::ttlRevMax, bin) = static_cast<int64_t>(ttlRev[parity].max);
-    record.at(PmCounter::ttlFwdMin, bin) = static_cast<int64_t>(ttlFwd[parity].min);
-    record.at(PmCounter::ttlRevMin, bin) = static_cast<int64_t>(ttlRev[parity].min);
+    writeTracker(record, bin, dscpRev[parity], PmCounter::dscpRevMin, PmCounter::dscpRevMax);
+    writeTracker(record, bin, ttlFwd[parity], PmCounter::ttlFwdMin, PmCounter::ttlFwdMax);
+    writeTracker(record, bin, ttlRev[parity], PmCounter::ttlRevMin, PmCounter::ttlRevMax);
+}
+
+void TwampTestSession::writeTracker(PmPeriodRecord& record, int bin, const MinMaxTracker& tracker,
+                                    PmCounter::Index min, PmCounter::Index max) {
+    // A tracker that saw no value (TTLs of 0 are none) leaves its counters at -2.
+    if (tracker.count == 0) {
+        return;
+    }
+    record.at(min, bin) = static_cast<int64_t>(tracker.min);
+    record.at(max, bin) = static_cast<int64_t>(tracker.max);
 }
 
 void TwampTestSession::reconcileDuplicates(PmPeriodRecord& record, int bin, uint32_t minute) const {

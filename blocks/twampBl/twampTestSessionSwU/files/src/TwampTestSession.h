@@ -137,6 +137,9 @@ class TwampTestSession : public IoHandler, public MessageReceiver {
     uint32_t getSequenceNumberForTest() const {
         return sequenceNumber;
     }
+    void setSequenceNumberForTest(uint32_t next) {
+        sequenceNumber = next;
+    }
     int getTimerFdForTest() const {
         return timerFd;
     }
@@ -261,6 +264,8 @@ class TwampTestSession : public IoHandler, public MessageReceiver {
     void reportStatelessReflector();
     bool exceedsRoundTripBound(int parity) const;
     void writeDelayCounters(PmPeriodRecord& record, int bin, int parity);
+    static void writeTracker(PmPeriodRecord& record, int bin, const MinMaxTracker& tracker,
+                             PmCounter::Index min, PmCounter::Index max);
     void reconcileDuplicates(PmPeriodRecord& record, int bin, uint32_t minute) const;
     void countUnansweredPackets(PmPeriodRecord& record, int bin, int parity, uint32_t minute);
     void writeLossPeriods(PmPeriodRecord& record, int bin, int parity) const;
