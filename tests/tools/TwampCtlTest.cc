@@ -49,13 +49,13 @@ TEST_F(CtlOptionsTest, CreateWithEveryOption) {
                        "--dst",
                        "2001:db8:18::2",
                        "--port",
-                       "0",
+                       "65535",
                        "--rate",
                        "10",
                        "--dscp",
                        "46",
                        "--size",
-                       "-1",
+                       "1500",
                        "--offset",
                        "7",
                        "--spreading-base",
@@ -67,10 +67,11 @@ TEST_F(CtlOptionsTest, CreateWithEveryOption) {
         << error;
     EXPECT_EQ("svc", options.service);
     EXPECT_EQ(2.5, options.timeoutSeconds);
-    EXPECT_EQ(0, options.dstUdpPort);
+    EXPECT_EQ("2001:db8:18::2", options.dstIpAddress);
+    EXPECT_EQ(65535, options.dstUdpPort);
     EXPECT_EQ(10u, options.packetsPerSecond);
     EXPECT_EQ(46u, options.dscp);
-    EXPECT_EQ(-1, options.packetSize);
+    EXPECT_EQ(1500, options.packetSize);
     EXPECT_EQ(7u, options.startOffset);
     EXPECT_EQ(5000u, options.spreadingBase);
     EXPECT_EQ(3u, options.spare1);
@@ -120,11 +121,12 @@ TEST_F(CtlOptionsTest, MalformedArguments) {
     EXPECT_EQ("unknown command: start", error);
     EXPECT_FALSE(parse({"create", "--id", "s1", "--dst", "198.18.0.2"}));
     EXPECT_EQ("create needs --dst and --port", error);
-    EXPECT_FALSE(parse({"create", "--id", "s1", "--dst", "a", "--port", "70000"}));
-    EXPECT_EQ("--port: 70000 is out of range 0..65535", error);
-    EXPECT_FALSE(parse({"create", "--id", "s1", "--dst", "a", "--port", "86x"}));
-    EXPECT_EQ("--port: '86x' is not a whole number", error);
-    EXPECT_FALSE(parse({"create", "--id", "s1", "--dst", "a", "--port", "1", "--dscp", "64"}));
+    EXPECT_FALSE(parse({"create", "--id", "s1", "--dst", "198.18.0.2", "--port", "70000"}));
+    EXPECT_EQ("--port: 70000 is out of range 1..65535", error);
+    EXPECT_FALSE(parse({"create", "--id", "s1", "--dst", "198.18.0.2", "--port", "86x"}));
+    EXPECT_EQ("--port: '86x' is not a whole number in 1..65535", error);
+    EXPECT_FALSE(
+        parse({"create", "--id", "s1", "--dst", "198.18.0.2", "--port", "1", "--dscp", "64"}));
     EXPECT_EQ("--dscp: 64 is out of range 0..63", error);
     EXPECT_FALSE(parse({"--timeout", "0", "counters", "--id", "s1"}));
     EXPECT_EQ("--timeout: '0' is not a number of seconds in (0, 86400]", error);
@@ -133,7 +135,138 @@ TEST_F(CtlOptionsTest, MalformedArguments) {
     EXPECT_FALSE(parse({"delete", "--id"}));
     EXPECT_EQ("--id needs a value", error);
     EXPECT_FALSE(parse({"create", "--id", "s1", "--dst", std::string(46, '1'), "--port", "1"}));
-    EXPECT_EQ("--dst: an address of 1 to 45 characters is needed", error);
+    EXPECT_EQ("--dst: '" + std::string(46, '1') +
+                  "' has 46 characters; an address of 1 to 45 characters is needed",
+              error);
+}
+
+// A create with every option given, ending in the extra arguments of a case.
+Args createWith(const Args& extra) {
+    Args arguments = {"create", "--id", "s1", "--dst", "198.18.0.2", "--port", "862"};
+    arguments.insert(arguments.end(), extra.begin(), extra.end());
+    return arguments;
+}
+
+// Extra create arguments and the message they must give.
+struct Refusal {
+    Args extra;
+    std::string error;
+};
+
+class CtlCreateRefusalTest : public CtlOptionsTest,
+                             public ::testing::WithParamInterface<Refusal> {};
+
+// A create value the daemon would refuse, or a malformed number or address, is
+// refused before sending with a message naming option, value and allowed range.
+TEST_P(CtlCreateRefusalTest, RefusedWithMessage) {
+    EXPECT_FALSE(parse(createWith(GetParam().extra)));
+    EXPECT_EQ(GetParam().error, error);
+}
+
+INSTANTIATE_TEST_SUITE_P(
+    Limits, CtlCreateRefusalTest,
+    ::testing::Values(
+        Refusal{{"--size", "40"}, "--size: 40 is out of range 41..65507"},
+        Refusal{{"--size", "65508"}, "--size: 65508 is out of range 41..65507"},
+        Refusal{{"--size", "-64"}, "--size: -64 is out of range 41..65507"},
+        Refusal{{"--port", "0"}, "--port: 0 is out of range 1..65535"},
+        Refusal{{"--rate", "10001"}, "--rate: 10001 is out of range 0..10000"},
+        Refusal{{"--rate", "-1"}, "--rate: -1 is out of range 0..10000"},
+        Refusal{{"--dscp", "64"}, "--dscp: 64 is out of range 0..63"},
+        Refusal{{"--offset", "2500"},
+                "--offset: 2500 is out of range 0..2499 (0..5555 with --spreading-base 5000)"},
+        Refusal{{"--offset", "2500", "--spreading-base", "4999"},
+                "--offset: 2500 is out of range 0..2499 (0..5555 with --spreading-base 5000)"},
+        Refusal{{"--spreading-base", "5000", "--offset", "5556"},
+                "--offset: 5556 is out of range 0..5555 with --spreading-base 5000"},
+        Refusal{
+            {"--offset", "4294967296"},
+            "--offset: 4294967296 is out of range 0..2499 (0..5555 with --spreading-base 5000)"},
+        Refusal{{"--offset", "-1"},
+                "--offset: -1 is out of range 0..2499 (0..5555 with --spreading-base 5000)"},
+        Refusal{{"--offset", "1e3"},
+                "--offset: '1e3' is not a whole number in 0..2499 (0..5555 with --spreading-base "
+                "5000)"},
+        Refusal{{"--spare1", "4294967296"}, "--spare1: 4294967296 is out of range 0..4294967295"},
+        Refusal{{"--spare2", "-1"}, "--spare2: -1 is out of range 0..4294967295"}));
+
+INSTANTIATE_TEST_SUITE_P(
+    MalformedNumbers, CtlCreateRefusalTest,
+    ::testing::Values(
+        Refusal{{"--size", "99999999999999999999"},
+                "--size: 99999999999999999999 is out of range 41..65507"},
+        Refusal{{"--size", "-99999999999999999999"},
+                "--size: -99999999999999999999 is out of range 41..65507"},
+        Refusal{{"--size", "64abc"}, "--size: '64abc' is not a whole number in 41..65507"},
+        Refusal{{"--size", " 64"}, "--size: ' 64' is not a whole number in 41..65507"},
+        Refusal{{"--size", "+64"}, "--size: '+64' is not a whole number in 41..65507"},
+        Refusal{{"--size", "6.4e1"}, "--size: '6.4e1' is not a whole number in 41..65507"},
+        Refusal{{"--size", ""}, "--size: '' is not a whole number in 41..65507"},
+        Refusal{{"--size", "-"}, "--size: '-' is not a whole number in 41..65507"},
+        Refusal{{"--rate", "0x10"}, "--rate: '0x10' is not a whole number in 0..10000"},
+        Refusal{{"--spreading-base", "5000 "},
+                "--spreading-base: '5000 ' is not a whole number in 0..4294967295"}));
+
+INSTANTIATE_TEST_SUITE_P(
+    Addresses, CtlCreateRefusalTest,
+    ::testing::Values(
+        Refusal{{"--dst", "198.18.0"}, "--dst: '198.18.0' is not an IPv4 or IPv6 address"},
+        Refusal{{"--dst", "198.18.0.256"}, "--dst: '198.18.0.256' is not an IPv4 or IPv6 address"},
+        Refusal{{"--dst", "reflector.example"},
+                "--dst: 'reflector.example' is not an IPv4 or IPv6 address"},
+        Refusal{{"--dst", "2001:db8::1 "}, "--dst: '2001:db8::1 ' is not an IPv4 or IPv6 address"},
+        Refusal{{"--dst", "2001:db8:::1"}, "--dst: '2001:db8:::1' is not an IPv4 or IPv6 address"},
+        Refusal{{"--dst", "fe80::1%"}, "--dst: 'fe80::1%' is not an IPv4 or IPv6 address"},
+        Refusal{{"--dst", ""},
+                "--dst: '' has 0 characters; an address of 1 to 45 characters is needed"}));
+
+// The limits themselves are accepted: size 41 and 65507, port 1, rate 0 and
+// 10000, dscp 63, offset 2499.
+TEST_F(CtlOptionsTest, CreateAcceptsLowerAndUpperLimits) {
+    ASSERT_TRUE(
+        parse(createWith({"--size", "41", "--port", "1", "--rate", "0", "--offset", "2499"})))
+        << error;
+    EXPECT_EQ(41, options.packetSize);
+    EXPECT_EQ(1, options.dstUdpPort);
+    EXPECT_EQ(0u, options.packetsPerSecond);
+    EXPECT_EQ(2499u, options.startOffset);
+    ASSERT_TRUE(parse(createWith({"--size", "65507", "--rate", "10000", "--dscp", "63"}))) << error;
+    EXPECT_EQ(65507, options.packetSize);
+    EXPECT_EQ(10000u, options.packetsPerSecond);
+    EXPECT_EQ(63u, options.dscp);
+}
+
+// With spreading base 5000 the offset may reach 5555, in either option order.
+TEST_F(CtlOptionsTest, CreateAcceptsDenseOffsetWithDenseBase) {
+    ASSERT_TRUE(parse(createWith({"--offset", "5555", "--spreading-base", "5000"}))) << error;
+    EXPECT_EQ(5555u, options.startOffset);
+    EXPECT_EQ(5000u, options.spreadingBase);
+}
+
+// Leading zeros are still decimal: 0064 is 64.
+TEST_F(CtlOptionsTest, CreateReadsLeadingZerosAsDecimal) {
+    ASSERT_TRUE(parse(createWith({"--size", "0064"}))) << error;
+    EXPECT_EQ(64, options.packetSize);
+}
+
+// The longest IPv6 text form (45 characters) fits the signal's field and is accepted.
+TEST_F(CtlOptionsTest, CreateAcceptsLongestIpv6Text) {
+    const std::string longest = "0000:0000:0000:0000:0000:ffff:255.255.255.255";
+    ASSERT_EQ(45u, longest.size());
+    ASSERT_TRUE(parse(createWith({"--dst", longest}))) << error;
+    EXPECT_EQ(longest, options.dstIpAddress);
+}
+
+// An IPv6 address with a zone is accepted; the daemon resolves the zone in its namespace.
+TEST_F(CtlOptionsTest, CreateAcceptsIpv6AddressWithZone) {
+    ASSERT_TRUE(parse(createWith({"--dst", "fe80::1%veth0"}))) << error;
+    EXPECT_EQ("fe80::1%veth0", options.dstIpAddress);
+}
+
+// A time-out with leading blanks is refused like any malformed number.
+TEST_F(CtlOptionsTest, TimeoutWithLeadingBlankRefused) {
+    EXPECT_FALSE(parse({"--timeout", " 5", "counters", "--id", "s1"}));
+    EXPECT_EQ("--timeout: ' 5' is not a number of seconds in (0, 86400]", error);
 }
 
 // --help anywhere before the command asks for the usage text.

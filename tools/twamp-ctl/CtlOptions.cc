@@ -1,17 +1,38 @@
 #include "CtlOptions.h"
 
+#include <arpa/inet.h>
+#include <netinet/in.h>
+
+#include <cctype>
 #include <cerrno>
 #include <cstdio>
 #include <cstdlib>
 #include <cstring>
 #include <limits>
 
+#include "TwtsiSignals.h"
+
 namespace {
 
 constexpr std::size_t kSessionIdSize = 16;
 constexpr std::size_t kHexIdLength = 32;
 constexpr double kWaitTimeoutSeconds = 960.0;
-constexpr std::size_t kDstIpAddressMax = 45;  // 46 bytes with the terminator
+// The signal's address field is 46 bytes and must keep its terminator.
+constexpr std::size_t kDstIpAddressMax = TWTSI_DST_IP_ADDRESS_SIZE - 1;
+constexpr long long kU32Max = std::numeric_limits<uint32_t>::max();
+
+// What the daemon accepts in a create signal: a create outside these limits
+// starts no session, and the daemon never answers a create, so the tool
+// refuses it before sending.
+constexpr long long kMinPort = 1;
+constexpr long long kMaxPort = 65535;
+constexpr long long kMinPacketSize = TWTSI_MIN_PACKET_SIZE;
+constexpr long long kMaxPacketSize = TWTSI_MAX_PACKET_SIZE;
+constexpr long long kMaxPacketsPerSecond = TWTSI_MAX_PACKETS_PER_SECOND;
+constexpr long long kMaxDscp = TWTSI_MAX_DSCP;
+constexpr long long kMaxStartOffset = TWTSI_MAX_START_OFFSET;
+constexpr long long kMaxStartOffsetDense = TWTSI_MAX_START_OFFSET_DENSE;
+constexpr uint32_t kDenseSpreadingBase = TWTSI_DENSE_SPREADING_BASE;
 
 bool isHexDigit(char c) {
     return (c >= '0' && c <= '9') || (c >= 'a' && c <= 'f') || (c >= 'A' && c <= 'F');
@@ -27,26 +48,90 @@ int hexValue(char c) {
     return c - 'A' + 10;
 }
 
-// A whole decimal number in [minimum, maximum].
-bool parseNumber(const std::string& option, const std::string& text, long long minimum,
-                 long long maximum, long long& value, std::string& error) {
-    if (text.empty()) {
-        error = option + " needs a number";
+std::string rangeText(long long minimum, long long maximum) {
+    return std::to_string(minimum) + ".." + std::to_string(maximum);
+}
+
+// Reads an optional minus sign and at least one decimal digit, nothing else
+// (no blanks, plus sign, base prefix or trailing text). A value beyond the
+// range of long long is clamped to its end: it is out of every range we
+// check, and the message quotes the text anyway.
+bool readDecimal(const std::string& text, long long& value) {
+    const bool negative = !text.empty() && text[0] == '-';
+    const std::size_t first = negative ? 1 : 0;
+    if (text.size() == first) {
         return false;
     }
-    errno = 0;
-    char* end = nullptr;
-    const long long parsed = std::strtoll(text.c_str(), &end, 10);
-    if (errno != 0 || *end != '\0') {
-        error = option + ": '" + text + "' is not a whole number";
+    const long long limit = std::numeric_limits<long long>::max();
+    long long magnitude = 0;
+    for (std::size_t i = first; i < text.size(); ++i) {
+        if (text[i] < '0' || text[i] > '9') {
+            return false;
+        }
+        const int digit = text[i] - '0';
+        magnitude = (magnitude > (limit - digit) / 10) ? limit : magnitude * 10 + digit;
+    }
+    value = negative ? -magnitude : magnitude;
+    return true;
+}
+
+// A whole decimal number in [minimum, maximum]; the message names the option,
+// the text given and what is allowed.
+bool parseNumber(const std::string& option, const std::string& text, long long minimum,
+                 long long maximum, const std::string& allowed, long long& value,
+                 std::string& error) {
+    long long parsed = 0;
+    if (!readDecimal(text, parsed)) {
+        error = option + ": '" + text + "' is not a whole number in " + allowed;
         return false;
     }
     if (parsed < minimum || parsed > maximum) {
-        error = option + ": " + text + " is out of range " + std::to_string(minimum) + ".." +
-                std::to_string(maximum);
+        error = option + ": " + text + " is out of range " + allowed;
         return false;
     }
     value = parsed;
+    return true;
+}
+
+// What --offset allows: its limit depends on --spreading-base.
+std::string startOffsetRange(bool dense) {
+    const std::string denseBase = "--spreading-base " + std::to_string(kDenseSpreadingBase);
+    if (dense) {
+        return rangeText(0, kMaxStartOffsetDense) + " with " + denseBase;
+    }
+    return rangeText(0, kMaxStartOffset) + " (" + rangeText(0, kMaxStartOffsetDense) + " with " +
+           denseBase + ")";
+}
+
+// An IPv4 dotted quad or an IPv6 address in text form, the latter with an
+// optional zone ("fe80::1%eth0"): the zone is resolved by the daemon in its
+// own network namespace, so only its presence is checked here.
+bool isAddressLiteral(const std::string& text) {
+    struct in_addr ipv4 {};
+    if (inet_pton(AF_INET, text.c_str(), &ipv4) == 1) {
+        return true;
+    }
+    const std::size_t zone = text.find('%');
+    if (zone != std::string::npos && zone + 1 == text.size()) {
+        return false;
+    }
+    struct in6_addr ipv6 {};
+    return inet_pton(AF_INET6, text.substr(0, zone).c_str(), &ipv6) == 1;
+}
+
+bool parseAddress(const std::string& text, CtlOptions& options, std::string& error) {
+    if (text.empty() || text.size() > kDstIpAddressMax) {
+        error = "--dst: '" + text + "' has " + std::to_string(text.size()) +
+                " characters; an address of 1 to " + std::to_string(kDstIpAddressMax) +
+                " characters is needed";
+        return false;
+    }
+    if (!isAddressLiteral(text)) {
+        error = "--dst: '" + text + "' is not an IPv4 or IPv6 address";
+        return false;
+    }
+    options.dstIpAddress = text;
+    options.dstGiven = true;
     return true;
 }
 
@@ -54,7 +139,9 @@ bool parseTimeout(const std::string& text, double& seconds, std::string& error) 
     errno = 0;
     char* end = nullptr;
     const double parsed = std::strtod(text.c_str(), &end);
-    if (text.empty() || errno != 0 || *end != '\0' || !(parsed > 0.0) || parsed > 86400.0) {
+    // strtod skips leading blanks; a number given with them is refused all the same.
+    if (text.empty() || std::isspace(static_cast<unsigned char>(text[0])) != 0 || errno != 0 ||
+        *end != '\0' || !(parsed > 0.0) || parsed > 86400.0) {
         error = "--timeout: '" + text + "' is not a number of seconds in (0, 86400]";
         return false;
     }
@@ -73,67 +160,75 @@ bool takeValue(const std::vector<std::string>& arguments, std::size_t& index, st
     return true;
 }
 
-bool parseU32Option(const std::string& option, const std::string& text, uint32_t& target,
-                    std::string& error) {
+// A number option in [minimum, maximum] stored into a field of type T.
+template <typename T>
+bool parseRangedOption(const std::string& option, const std::string& text, long long minimum,
+                       long long maximum, T& target, std::string& error) {
     long long value = 0;
-    if (!parseNumber(option, text, 0, std::numeric_limits<uint32_t>::max(), value, error)) {
+    if (!parseNumber(option, text, minimum, maximum, rangeText(minimum, maximum), value, error)) {
         return false;
     }
-    target = static_cast<uint32_t>(value);
+    target = static_cast<T>(value);
+    return true;
+}
+
+// --offset as any 32-bit value: its limit depends on --spreading-base, which
+// may come later, and is checked by checkStartOffset once all are read.
+bool parseStartOffset(const std::string& text, CtlOptions& options, std::string& error) {
+    long long value = 0;
+    if (!parseNumber("--offset", text, 0, kU32Max, startOffsetRange(false), value, error)) {
+        return false;
+    }
+    options.startOffset = static_cast<uint32_t>(value);
     return true;
 }
 
 bool parseCreateOption(const std::string& option, const std::string& value, CtlOptions& options,
                        std::string& error) {
-    long long number = 0;
     if (option == "--dst") {
-        if (value.empty() || value.size() > kDstIpAddressMax) {
-            error = "--dst: an address of 1 to 45 characters is needed";
-            return false;
-        }
-        options.dstIpAddress = value;
-        options.dstGiven = true;
-        return true;
+        return parseAddress(value, options, error);
     }
     if (option == "--port") {
-        if (!parseNumber(option, value, 0, 65535, number, error)) {
-            return false;
-        }
-        options.dstUdpPort = static_cast<uint16_t>(number);
         options.portGiven = true;
-        return true;
+        return parseRangedOption(option, value, kMinPort, kMaxPort, options.dstUdpPort, error);
     }
     if (option == "--size") {
-        if (!parseNumber(option, value, std::numeric_limits<int32_t>::min(),
-                         std::numeric_limits<int32_t>::max(), number, error)) {
-            return false;
-        }
-        options.packetSize = static_cast<int32_t>(number);
-        return true;
+        return parseRangedOption(option, value, kMinPacketSize, kMaxPacketSize, options.packetSize,
+                                 error);
     }
     if (option == "--rate") {
-        return parseU32Option(option, value, options.packetsPerSecond, error);
+        return parseRangedOption(option, value, 0, kMaxPacketsPerSecond, options.packetsPerSecond,
+                                 error);
     }
     if (option == "--dscp") {
-        if (!parseNumber(option, value, 0, 63, number, error)) {
-            return false;
-        }
-        options.dscp = static_cast<uint32_t>(number);
-        return true;
+        return parseRangedOption(option, value, 0, kMaxDscp, options.dscp, error);
     }
     if (option == "--offset") {
-        return parseU32Option(option, value, options.startOffset, error);
+        return parseStartOffset(value, options, error);
     }
     if (option == "--spreading-base") {
-        return parseU32Option(option, value, options.spreadingBase, error);
+        return parseRangedOption(option, value, 0, kU32Max, options.spreadingBase, error);
     }
     if (option == "--spare1") {
-        return parseU32Option(option, value, options.spare1, error);
+        return parseRangedOption(option, value, 0, kU32Max, options.spare1, error);
     }
     if (option == "--spare2") {
-        return parseU32Option(option, value, options.spare2, error);
+        return parseRangedOption(option, value, 0, kU32Max, options.spare2, error);
     }
     error = "unknown option for create: " + option;
+    return false;
+}
+
+// The start slot must fall inside the first second: 400 us slots, or 180 us
+// slots with the dense spreading base.
+bool checkStartOffset(const CtlOptions& options, std::string& error) {
+    const bool dense = options.spreadingBase == kDenseSpreadingBase;
+    const long long maximum = dense ? kMaxStartOffsetDense : kMaxStartOffset;
+    if (options.startOffset <= maximum) {
+        return true;
+    }
+    error = "--offset: " + std::to_string(options.startOffset) + " is out of range " +
+            startOffsetRange(dense);
     return false;
 }
 
@@ -179,6 +274,9 @@ bool checkRequired(CtlOptions& options, std::string& error) {
     }
     if (options.command == CtlCommand::Create && (!options.dstGiven || !options.portGiven)) {
         error = "create needs --dst and --port";
+        return false;
+    }
+    if (options.command == CtlCommand::Create && !checkStartOffset(options, error)) {
         return false;
     }
     if (options.wait && !options.timeoutGiven) {
@@ -288,11 +386,11 @@ std::string ctlUsage() {
            "  --service   mailbox of the daemon (default: $TWAMP_SERVICE, else twamp)\n"
            "  --timeout   seconds to wait for a counters reply (default 5, 960 with --wait)\n"
            "  --id        32 hex digits, or a label of at most 16 bytes (zero-padded)\n"
-           "  --dst       reflector IPv4 or IPv6 address; --port its UDP port\n"
-           "  --rate      packets per second (default 1); --dscp 0..63 (default 0)\n"
-           "  --size      UDP payload bytes of each test packet (default 64; the daemon\n"
-           "              accepts 41 to 65507)\n"
-           "  --offset    start slot inside the first second (default 0)\n"
+           "  --dst       reflector IPv4 or IPv6 address; --port its UDP port, 1..65535\n"
+           "  --rate      packets per second, 0..10000 (default 1); --dscp 0..63 (default 0)\n"
+           "  --size      UDP payload bytes of each test packet, 41..65507 (default 64)\n"
+           "  --offset    start slot inside the first second: 0..2499, or 0..5555 with\n"
+           "              --spreading-base 5000 (default 0)\n"
            "  --spreading-base  5000 gives 180 us slots, anything else 400 us (default 0)\n"
            "  --completed the last completed 15-minute interval instead of the one in "
            "progress\n"

@@ -48,17 +48,33 @@ uint64_t getTxTimestamp(const struct msghdr* msg);
 bool setAncillaryData(struct msghdr* msg, int level, int type, const void* data,
                       std::size_t length);
 
-// Whether the looped-back frame holds a UDP packet of the family.
+// Looped-back frames: the sent packet as the device sent it, behind an
+// Ethernet header (with or without one VLAN tag) or bare, possibly only its
+// first fragment, possibly cut short by the receive buffer. A frame is bare
+// when it starts with an IPv4 header (first byte 0x45, or 0x46 to 0x4F with a
+// valid checksum and a total length covering the frame) or with an IPv6
+// header carrying UDP whose payload length covers the frame and whose UDP
+// length agrees. The IPv4 header length (IHL) and the IPv6 extension headers
+// of the generic format and the Fragment header are walked to find the UDP
+// header.
+
+// Whether the looped-back frame holds the UDP header of a packet of the
+// family: the protocol is UDP, the frame is the first or only fragment and
+// the headers end inside the frame.
 bool isLoopedUdpFrame(const void* buffer, std::size_t length, int family);
 
 // Fills key with the family, destination address and destination UDP port of
 // the looped-back frame (network byte order); false, key untouched, when the
-// family is not AF_INET or AF_INET6 or the frame is too short.
+// family is not AF_INET or AF_INET6 or the headers run past the frame. The
+// protocol is not checked: isLoopedUdpFrame says whether the port is one.
 bool getLoopedFrameDestination(ReceiverKey& key, const void* buffer, std::size_t length,
                                int family);
 
-// Offset of the UDP payload in the looped-back frame (28, 46, 42 for AF_INET;
-// 48, 66, 62 for any other family).
+// Offset of the UDP payload in the looped-back frame: behind the UDP header
+// that the walk finds (28, 42 or 46 for IPv4 without options, 48, 62 or 66
+// for IPv6 without extension headers). When the headers cannot be walked, the
+// offset they would have without options or extensions. Any family other
+// than AF_INET takes the IPv6 rules.
 std::size_t getLoopedFrameHeaderLength(const void* buffer, std::size_t length, int family);
 
 #endif  // TWAMP_SOCKET_HELPER_H
