@@ -37,7 +37,7 @@ class LoadReflector {
     // busy port cannot hold the others off.
     static constexpr int kDatagramsPerTurn = 64;
     // Each port's receive buffer, so that a short stall of the process loses nothing.
-    static constexpr int kReceiveBufferBytes = 1024 * 1024;
+    static constexpr int kReceiveBufferBytes = 4 * 1024 * 1024;
 
     explicit LoadReflector(LoadClock& clock) : clock(clock) {}
 

@@ -16,6 +16,11 @@
 #   --minutes N     whole minutes measured per SxR run (default 2)
 #   --floor-seconds N   seconds the floor program sends per SxR run (default 30)
 #   --out DIR       where results and logs are kept (default: a new /tmp/twamp-load.*)
+#   --nice N        nice value (-20 to 19, default 0) of the lab's scheduling group.
+#                   The lab's processes (daemon, floor, load reflector, capture,
+#                   manager) run in a session of their own, which the kernel
+#                   schedules as one group (autogroup) against every other session,
+#                   whatever the nice values of the processes inside.
 #
 # Runs as root. The lab is its own: namespaces fib_bench (the daemon's side,
 # 198.18.1.1, 2001:db8:19::1) and bench_peer (198.18.1.2, 2001:db8:19::2)
@@ -38,6 +43,7 @@ BUILD="$ROOT/build"
 MINUTES=2
 FLOOR_SECONDS=30
 OUT=""
+NICE=0
 RUNS=()
 
 DAEMON_NS=fib_bench
@@ -70,6 +76,7 @@ parse_arguments() {
             --minutes) MINUTES="$2"; shift 2 ;;
             --floor-seconds) FLOOR_SECONDS="$2"; shift 2 ;;
             --out) OUT="$2"; shift 2 ;;
+            --nice) NICE="$2"; shift 2 ;;
             -h|--help) usage ;;
             rss) RUNS+=("$1"); shift ;;
             [0-9]*x[0-9]*) check_shape "$1"; RUNS+=("$1"); shift ;;
@@ -83,6 +90,10 @@ parse_arguments() {
     }
     [[ "$FLOOR_SECONDS" =~ ^[1-9][0-9]*$ ]] || {
         echo "run_load.sh: --floor-seconds must be a positive number" >&2
+        exit 2
+    }
+    [[ "$NICE" =~ ^-?[0-9]+$ ]] && [ "$NICE" -ge -20 ] && [ "$NICE" -le 19 ] || {
+        echo "run_load.sh: --nice must be -20 to 19" >&2
         exit 2
     }
 }
@@ -149,18 +160,32 @@ outer_main() {
     mkdir -p "$OUT"
     OUT="$(cd "$OUT" && pwd)"
     trap 'lab_down' EXIT
-    trap 'exit 130' INT
-    trap 'exit 143' TERM
+    trap 'stop_inner; exit 130' INT
+    trap 'stop_inner; exit 143' TERM
     say "lab up: $DAEMON_NS $DAEMON_IPV4 <-> $PEER_NS $PEER_IPV4 ($DAEMON_LINK/$PEER_LINK)"
     lab_up
     # The namespaces are mounted before the private mount namespace is made,
     # so the inner part sees them and the host keeps its own view.
     local status=0
-    TWAMP_LOAD_INNER=1 TWAMP_PRIVATE_LTTNG=1 unshare --mount --propagation private \
+    # In a session of its own, the inner part is one process group to stop
+    # and one scheduling group (see --nice).
+    TWAMP_LOAD_INNER=1 TWAMP_PRIVATE_LTTNG=1 setsid unshare --mount --propagation private \
         bash "$0" --build "$BUILD" --minutes "$MINUTES" --floor-seconds "$FLOOR_SECONDS" \
-        --out "$OUT" "${RUNS[@]}" || status=$?
+        --nice "$NICE" --out "$OUT" "${RUNS[@]}" &
+    INNER_PID=$!
+    wait "$INNER_PID" || status=$?
+    INNER_PID=""
     say "lab down; results and logs in $OUT"
     exit "$status"
+}
+
+# An interrupted driver stops its inner part: every process of its group,
+# so that the run's own clean-up is not held up by a sleep.
+stop_inner() {
+    if [ -n "${INNER_PID:-}" ]; then
+        kill -TERM -- "-$INNER_PID" 2>/dev/null || true
+        wait "$INNER_PID" 2>/dev/null || true
+    fi
 }
 
 # ---- one run (inner part, private mount namespace) ----
@@ -600,12 +625,16 @@ inner_main() {
     # shellcheck source=../../tests/e2e/lib/private_lttng.sh
     source "$ROOT/tests/e2e/lib/private_lttng.sh"
     private_lttng_enter
+    if [ "$NICE" -ne 0 ]; then
+        # This session's scheduling group: its weight against the other sessions'.
+        echo "$NICE" >/proc/self/autogroup || say "cannot set the nice value of the lab's group"
+    fi
     trap 'stop_pids; private_lttng_stop' EXIT
     trap 'exit 130' INT
     trap 'exit 143' TERM
     private_lttng_start "$OUT"
     : >"$OUT/results.txt"
-    say "machine: $(nproc) CPUs, $(grep -m1 'model name' /proc/cpuinfo | cut -d: -f2 | sed 's/^ //'), kernel $(uname -r)"
+    say "machine: $(nproc) CPUs, $(grep -m1 'model name' /proc/cpuinfo | cut -d: -f2 | sed 's/^ //'), kernel $(uname -r); lab group $(cat /proc/self/autogroup)"
     local run status
     for run in "${RUNS[@]}"; do
         # Each run in a subshell of its own: a run that fails stops its own
