@@ -404,6 +404,11 @@ per_packet_us() {
     awk -v ns="$1" -v packets="$2" 'BEGIN { if (packets > 0) printf "%.1f", ns / 1000 / packets; else print "n/a" }'
 }
 
+# Cores a process kept busy: CPU NANOSECONDS over SECONDS of wall time.
+cores() {
+    awk -v ns="$1" -v seconds="$2" 'BEGIN { printf "%.2f", ns / 1e9 / seconds }'
+}
+
 ratio() {
     awk -v a="$1" -v b="$2" 'BEGIN { if (a + 0 > 0 && b + 0 > 0) printf "%.1f", a / b; else print "n/a" }'
 }
@@ -508,7 +513,9 @@ one_run() {
         echo "fin_p99=$(field fin_p99_us "$capture_line") fin_max=$(field fin_max_us "$capture_line")"
         echo "fin_dropped=$(field fin_dropped_expiries "$capture_line")"
         echo "fin_beyond=$(field fin_beyond_interval "$capture_line")"
-        echo "daemon_us=$daemon_us floor_sent=$(field sent "$floor_line") floor_answered=$floor_answered"
+        echo "daemon_us=$daemon_us daemon_sent_us=$(per_packet_us "$runtime_ns" "$sent")"
+        echo "daemon_cores=$(cores "$runtime_ns" $((MINUTES * 60 + 1)))"
+        echo "floor_sent=$(field sent "$floor_line") floor_answered=$floor_answered"
         echo "floor_us=$floor_us ratio=$(ratio "$daemon_us" "$floor_us")"
         echo "rss0=$rss_zero rssS=$rss_full per_session=$(per_session_kib $((rss_full - rss_zero)) "$sessions")"
         echo "busy=${shares% *} steal=${shares#* } wall_s=$(($(date +%s) - run_start))"
@@ -517,7 +524,10 @@ one_run() {
 }
 
 # Resident memory at 0, RSS_BLOCK and 2 x RSS_BLOCK sessions at RSS_RATE
-# packets/s, each reading after the newest block has sent for a whole minute.
+# packets/s, each reading 3 s after the newest block has sent a whole minute.
+# The second block is created while the first sends; a daemon that takes its
+# creates slowly then moves the second block's first minute, and the reading
+# with it.
 rss_run() {
     local run_start
     run_start="$(date +%s)"
@@ -528,26 +538,30 @@ rss_run() {
     say "rss: resident memory at 0, $RSS_BLOCK and $total sessions at $RSS_RATE packets/s"
     start_load_reflector "$total"
     local first_minute
-    first_minute="$(choose_first_minute $((prep + 5)) 3)"
+    first_minute="$(choose_first_minute $((prep + 5)) 2)"
     say "the first block sends from $(date -u -d "@$((first_minute * 60))" +%H:%M:%S) UTC"
     sleep_until $((first_minute * 60 - prep))
     private_lttng_session loadrss "$RUN_DIR/trace" 'com_quorin_tn_twamp:ERROR'
     start_daemon
-    local rss_zero rss_one rss_two line one_sending two_sending
+    local rss_zero rss_one rss_two line one_sending two_sending create_one create_two
     rss_zero="$(resident_kib "$DAEMON_PID")"
-    say "created: $(create_sessions 0 "$RSS_BLOCK" "$RSS_RATE")"
+    create_one="$(create_sessions 0 "$RSS_BLOCK" "$RSS_RATE")"
+    say "created: $create_one"
     sleep_until $(((first_minute + 1) * 60 + 3))
     rss_one="$(resident_kib "$DAEMON_PID")"
-    sleep_until $(((first_minute + 1) * 60 + 5))
+    create_two="$(create_sessions "$RSS_BLOCK" "$RSS_BLOCK" "$RSS_RATE")"
+    # Sessions send from the whole minute after their create.
+    local second_minute=$(($(date +%s) / 60 + 1))
+    say "created: $create_two; they send from $(date -u -d "@$((second_minute * 60))" +%H:%M:%S) UTC"
     line="$(manage counters 0 "$RSS_BLOCK" --out "$RUN_DIR/counters-1.csv")"
-    one_sending="$(sessions_with sentPkts $((first_minute % 15)) 1 "$RUN_DIR/counters-1.csv")"
-    say "created: $(create_sessions "$RSS_BLOCK" "$RSS_BLOCK" "$RSS_RATE")"
-    sleep_until $(((first_minute + 3) * 60 + 3))
-    rss_two="$(resident_kib "$DAEMON_PID")"
-    sleep_until $(((first_minute + 3) * 60 + 5))
-    line="$(manage counters 0 "$total" --out "$RUN_DIR/counters-2.csv")"
-    two_sending="$(sessions_with sentPkts $(((first_minute + 2) % 15)) 1 "$RUN_DIR/counters-2.csv")"
     say "counters: $line"
+    one_sending="$(sessions_with sentPkts $((first_minute % 15)) 1 "$RUN_DIR/counters-1.csv")"
+    sleep_until $(((second_minute + 1) * 60 + 3))
+    rss_two="$(resident_kib "$DAEMON_PID")"
+    sleep_until $(((second_minute + 1) * 60 + 5))
+    line="$(manage counters 0 "$total" --out "$RUN_DIR/counters-2.csv")"
+    say "counters: $line"
+    two_sending="$(sessions_with sentPkts $((second_minute % 15)) 1 "$RUN_DIR/counters-2.csv")"
     manage delete 0 "$total" >/dev/null
     private_lttng_finish loadrss
     stop_pids
@@ -557,6 +571,8 @@ rss_run() {
         echo "per1=$(per_session_kib $((rss_one - rss_zero)) "$RSS_BLOCK")"
         echo "per2=$(per_session_kib $((rss_two - rss_zero)) "$total")"
         echo "sending1=$one_sending sending2=$two_sending errors=$(count_errors)"
+        echo "create1_s=$(field seconds "$create_one") create2_s=$(field seconds "$create_two")"
+        echo "refusals1=$(field refusals "$create_one") refusals2=$(field refusals "$create_two")"
         echo "wall_s=$(($(date +%s) - run_start))"
     } | tr '\n' ' ' | sed 's/ $/\n/' >"$OUT/rss.txt"
     say "rss done: $rss_zero, $rss_one, $rss_two KiB"
@@ -598,25 +614,27 @@ print_results() {
         table "| run SxR | p50 | p99 | max | later than one interval | fin. packets | fin. p50 | fin. p99 | fin. max | fin. later than one interval | fin. expiries dropped |" \
             run p50 p99 max beyond fin_packets fin_p50 fin_p99 fin_max fin_beyond fin_dropped
         echo
-        echo "CPU per answered packet (scheduler run time, microseconds), daemon and floor; resident"
-        echo "memory of the daemon (KiB) after start-up and after the last measured minute; the"
-        echo "machine's busy and stolen share in the measured minutes (tick-sampled /proc/stat)"
+        echo "CPU (scheduler run time) per answered packet in microseconds, daemon and floor, the"
+        echo "daemon's also per sent packet and in cores over the measured minutes; resident memory"
+        echo "of the daemon (KiB) after start-up and after the last measured minute; the machine's"
+        echo "busy and stolen share in the measured minutes (tick-sampled /proc/stat)"
         echo
-        table "| run SxR | daemon µs/packet | floor sent | floor answered | floor µs/packet | daemon ÷ floor | VmRSS 0 sessions | VmRSS S sessions | KiB per session | machine busy % | steal % |" \
-            run daemon_us floor_sent floor_answered floor_us ratio rss0 rssS per_session busy steal
+        table "| run SxR | daemon µs/answered | daemon µs/sent | daemon cores | floor sent | floor answered | floor µs/packet | daemon ÷ floor | VmRSS 0 sessions | VmRSS S sessions | KiB per session | machine busy % | steal % |" \
+            run daemon_us daemon_sent_us daemon_cores floor_sent floor_answered floor_us ratio rss0 rssS per_session busy steal
     fi
     if [ -s "$OUT/rss.txt" ]; then
         echo
         echo "Resident memory of the daemon (VmRSS, KiB) at $RSS_RATE packets/s per session, each"
-        echo "reading 3 s into the minute after the newest sessions sent a whole minute"
+        echo "reading 3 s into the minute after the newest sessions sent a whole minute; the second"
+        echo "block is created while the first sends"
         echo
         awk '{
             for (i = 1; i <= NF; i++) { split($i, kv, "="); v[kv[1]] = kv[2] }
-            print "| sessions | VmRSS | KiB per session since 0 | sessions sending in the last minute |"
-            print "|---|---|---|---|"
-            printf "| 0 | %s | – | – |\n", v["rss0"]
-            printf "| %d | %s | %s | %s |\n", v["block"], v["rss1"], v["per1"], v["sending1"]
-            printf "| %d | %s | %s | %s |\n", 2 * v["block"], v["rss2"], v["per2"], v["sending2"]
+            print "| sessions | VmRSS | KiB per session since 0 | sessions sending in the last minute | creating the newest block s | refused creates (repeated) |"
+            print "|---|---|---|---|---|---|"
+            printf "| 0 | %s | – | – | – | – |\n", v["rss0"]
+            printf "| %d | %s | %s | %s | %s | %s |\n", v["block"], v["rss1"], v["per1"], v["sending1"], v["create1_s"], v["refusals1"]
+            printf "| %d | %s | %s | %s | %s | %s |\n", 2 * v["block"], v["rss2"], v["per2"], v["sending2"], v["create2_s"], v["refusals2"]
             printf "\nERROR traces: %s; wall time %s s\n", v["errors"], v["wall_s"] }' "$OUT/rss.txt"
     fi
 }
