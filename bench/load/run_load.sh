@@ -7,7 +7,7 @@
 # only the per-packet system calls at the same load (the floor), its resident
 # memory at 0 and S sessions, and how long creating and reading took.
 #
-# usage: run_load.sh [--build DIR] [--minutes N] [--floor-seconds N] [--out DIR] RUN...
+# usage: run_load.sh [--build DIR] [--minutes N] [--floor-seconds N] [--out DIR] [--nice N] RUN...
 #   RUN             SxR: S sessions (1 to 2500) at R packets/s each (1 to 10000),
 #                   e.g. the router-scale shapes 1000x10 2000x10 200x100 20x1000 2x5000;
 #                   or rss: resident memory at 0, 1000 and 2000 sessions at 10 packets/s
@@ -32,10 +32,12 @@
 # 20000 + S - 1; the floor program for --floor-seconds; then t1_capture on
 # vb-peer, the daemon in fib_bench with software timestamps, and S sessions
 # created by load_manager before a whole minute (session i towards port
-# 20000 + i with start slot i, 400 us apart). The daemon's CPU time is read
-# at the first and at the last whole minute's boundary, its memory 3 s later,
-# the counters of all sessions once the last minute is finalised (4 s after
-# it); then the sessions are deleted.
+# 20000 + i with start slot i, 400 us apart). The daemon's memory is read
+# after start-up; its CPU time 1 s before the first measured minute and at
+# the end of the last, its memory again 3 s later, and the counters of all
+# sessions once the last minute is finalised (5 s after it); then the
+# sessions are deleted. The rss run keeps one daemon and adds 1000 sessions
+# twice, reading the memory after each block has sent a whole minute.
 set -euo pipefail
 
 ROOT="$(cd "$(dirname "$0")/../.." && pwd)"
