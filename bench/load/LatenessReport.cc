@@ -11,6 +11,8 @@ constexpr int64_t kNtpUnixEpochOffset = 2208988800LL;
 constexpr int64_t kSecondsPerMinute = 60;
 // The daemon sends at most this many packets per timer read.
 constexpr int64_t kMaxExpiriesPerRead = 8;
+// The daemon finalises a minute with the first expiry at least 4 s after it.
+constexpr int64_t kFinalisationSecond = 4;
 
 int64_t nanosecondsOfNtp(uint64_t ntp) {
     const auto seconds = static_cast<int64_t>(ntp >> 32) - kNtpUnixEpochOffset;
@@ -56,17 +58,34 @@ void LatenessReport::bookSession(std::size_t begin, std::size_t end, Totals& tot
         previousExpiry = expiry;
         previousSeqNo = seqNo;
         const int64_t scheduled = gridStart + expiry * schedule.intervalNs;
+        const auto dropped = static_cast<uint64_t>(expiry - next);
+        if (inFinalisationSecond(scheduled)) {
+            bookPacket(t1 - scheduled, dropped, totals.finalisation);
+        }
         if (scheduled < schedule.firstMinuteNs || scheduled >= windowEnd) {
             ++totals.outside;
             continue;
         }
-        totals.droppedExpiries += static_cast<uint64_t>(expiry - next);
-        const int64_t lateness = t1 - scheduled;
-        if (lateness >= schedule.intervalNs) {
-            ++totals.beyondInterval;
-        }
-        totals.latenessNs.push_back(lateness);
+        bookPacket(t1 - scheduled, dropped, totals.reported);
     }
+}
+
+void LatenessReport::bookPacket(int64_t latenessNs, uint64_t dropped, Share& share) const {
+    share.droppedExpiries += dropped;
+    if (latenessNs >= schedule.intervalNs) {
+        ++share.beyondInterval;
+    }
+    share.latenessNs.push_back(latenessNs);
+}
+
+bool LatenessReport::inFinalisationSecond(int64_t scheduledNs) const {
+    constexpr int64_t kMinuteNs = kSecondsPerMinute * kNanosecondsPerSecond;
+    const int64_t sinceStart = scheduledNs - schedule.firstMinuteNs;
+    const int64_t minute = floorDivide(sinceStart, kMinuteNs);
+    const int64_t intoMinute = sinceStart - minute * kMinuteNs;
+    return minute >= 1 && minute <= schedule.minutes &&
+           intoMinute >= kFinalisationSecond * kNanosecondsPerSecond &&
+           intoMinute < (kFinalisationSecond + 1) * kNanosecondsPerSecond;
 }
 
 void LatenessReport::print(std::FILE* out) {
@@ -85,24 +104,41 @@ void LatenessReport::print(std::FILE* out) {
         bookSession(begin, end, totals);
         begin = end;
     }
-    std::vector<int64_t>& lateness = totals.latenessNs;
+    Share& reported = totals.reported;
     std::fprintf(out,
                  "packets=%zu outside=%" PRIu64 " dropped_expiries=%" PRIu64
                  " beyond_interval=%" PRIu64,
-                 lateness.size(), totals.outside, totals.droppedExpiries, totals.beyondInterval);
+                 reported.latenessNs.size(), totals.outside, reported.droppedExpiries,
+                 reported.beyondInterval);
+    printLateness(out, "", reported.latenessNs);
+    double sum = 0;
+    for (const int64_t value : reported.latenessNs) {
+        sum += static_cast<double>(value);
+    }
+    if (reported.latenessNs.empty()) {
+        std::fprintf(out, " mean_us=n/a");
+    } else {
+        std::fprintf(out, " mean_us=%.1f",
+                     sum / static_cast<double>(reported.latenessNs.size()) / 1000.0);
+    }
+    Share& finalisation = totals.finalisation;
+    std::fprintf(
+        out, " fin_packets=%zu fin_dropped_expiries=%" PRIu64 " fin_beyond_interval=%" PRIu64,
+        finalisation.latenessNs.size(), finalisation.droppedExpiries, finalisation.beyondInterval);
+    printLateness(out, "fin_", finalisation.latenessNs);
+    std::fprintf(out, "\n");
+}
+
+void LatenessReport::printLateness(std::FILE* out, const char* prefix,
+                                   std::vector<int64_t>& lateness) {
     if (lateness.empty()) {
-        std::fprintf(out, " p50_us=n/a p99_us=n/a max_us=n/a mean_us=n/a\n");
+        std::fprintf(out, " %sp50_us=n/a %sp99_us=n/a %smax_us=n/a", prefix, prefix, prefix);
         return;
     }
     std::sort(lateness.begin(), lateness.end());
-    double sum = 0;
-    for (const int64_t value : lateness) {
-        sum += static_cast<double>(value);
-    }
-    std::fprintf(out, " p50_us=%.1f p99_us=%.1f max_us=%.1f mean_us=%.1f\n",
-                 microseconds(percentile(lateness, 0.50)), microseconds(percentile(lateness, 0.99)),
-                 microseconds(lateness.back()),
-                 sum / static_cast<double>(lateness.size()) / 1000.0);
+    std::fprintf(out, " %sp50_us=%.1f %sp99_us=%.1f %smax_us=%.1f", prefix,
+                 microseconds(percentile(lateness, 0.50)), prefix,
+                 microseconds(percentile(lateness, 0.99)), prefix, microseconds(lateness.back()));
 }
 
 void LatenessReport::dump(std::FILE* out) const {

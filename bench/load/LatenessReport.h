@@ -9,6 +9,11 @@
 // before its T1 - 7); the difference, when positive, is counted as dropped
 // expiries. Of a burst after dropped expiries, the 8 packets sent are taken
 // for the newest 8 expiries, the reading most favourable to the daemon.
+//
+// Besides the reported minutes as a whole, the report singles out the
+// finalisation seconds: second 4 of each minute that follows a reported
+// minute, when the daemon finalises the minute before (the last reported
+// minute's finalisation thus lies just after them).
 #ifndef TWAMP_BENCH_LATENESS_REPORT_H
 #define TWAMP_BENCH_LATENESS_REPORT_H
 
@@ -39,22 +44,34 @@ class LatenessReport {
     void add(const CapturedRequest& request) { requests.push_back(request); }
     // One line of key=value pairs: packets whose expiry lies in the reported
     // minutes, packets outside them, dropped expiries, packets later than
-    // one interval, and p50, p99, max and mean lateness in microseconds.
+    // one interval, and p50, p99, max and mean lateness in microseconds; then
+    // the same for the finalisation seconds, prefixed fin_ (no mean, no outside).
     void print(std::FILE* out);
     // The kept packets, one "session sequence-number T1" line each (T1 as
     // NTP in hex), for a closer look.
     void dump(std::FILE* out) const;
 
   private:
-    struct Totals {
+    // The packets of one stretch of time.
+    struct Share {
         std::vector<int64_t> latenessNs;
-        uint64_t outside = 0;
         uint64_t droppedExpiries = 0;
         uint64_t beyondInterval = 0;
+    };
+    struct Totals {
+        Share reported;
+        Share finalisation;
+        uint64_t outside = 0;
     };
 
     // Assigns expiries to the packets of one session (sorted by sequence number).
     void bookSession(std::size_t begin, std::size_t end, Totals& totals) const;
+    // Books one packet's lateness and the expiries dropped before it.
+    void bookPacket(int64_t latenessNs, uint64_t dropped, Share& share) const;
+    // Whether a scheduled instant lies in a finalisation second.
+    bool inFinalisationSecond(int64_t scheduledNs) const;
+    // p50, p99 and max of a share as key=value pairs behind prefix.
+    static void printLateness(std::FILE* out, const char* prefix, std::vector<int64_t>& lateness);
 
     SendSchedule schedule;
     std::vector<CapturedRequest> requests;

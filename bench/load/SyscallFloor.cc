@@ -19,6 +19,14 @@ constexpr std::size_t kPacketLength = 64;
 constexpr int kSoftwareTimestamping =
     SOF_TIMESTAMPING_TX_SOFTWARE | SOF_TIMESTAMPING_RX_SOFTWARE | SOF_TIMESTAMPING_SOFTWARE;
 constexpr int kMaxEvents = 64;
+// The daemon's receive buffer: 4 MiB, forced past net.core.rmem_max when privileged.
+constexpr int kReceiveBufferBytes = 4 * 1024 * 1024;
+// Messages read from each queue per readiness at most. With thousands of
+// timers the socket comes round only once in many epoll_wait calls (a
+// level-triggered descriptor goes to the back of the ready list), so a turn
+// must take far more than one wait's worth of sends; the bound only keeps a
+// flood from holding the timers off for ever.
+constexpr int kMessagesPerTurn = 4096;
 // The socket's epoll data; timers carry their session index.
 constexpr uint64_t kSocketTag = UINT64_MAX;
 
@@ -69,6 +77,9 @@ bool SyscallFloor::openSocket(std::string& error) {
         bind(socket.get(), reinterpret_cast<struct sockaddr*>(&source), sizeof(source)) != 0) {
         error = failure("socket/bind");
         return false;
+    }
+    if (!setIntOption(socket.get(), SOL_SOCKET, SO_RCVBUFFORCE, kReceiveBufferBytes)) {
+        setIntOption(socket.get(), SOL_SOCKET, SO_RCVBUF, kReceiveBufferBytes);
     }
     if (!setIntOption(socket.get(), SOL_SOCKET, SO_TIMESTAMPING, kSoftwareTimestamping) ||
         !setIntOption(socket.get(), IPPROTO_IP, IP_RECVTTL, 1) ||
@@ -168,21 +179,32 @@ void SyscallFloor::sendPacket(uint32_t session) {
 }
 
 void SyscallFloor::onSocket() {
-    // Like the daemon: one error-queue message and one reply per readiness.
+    // Both queues are read until they are empty: with one message per
+    // readiness, thousands of timers would outrun the replies.
+    for (int turn = 0; turn < kMessagesPerTurn; ++turn) {
+        const bool timestamp = receiveOne(MSG_ERRQUEUE);
+        const bool reply = receiveOne(0);
+        if (timestamp) {
+            ++totals.txTimestamps;
+        }
+        if (reply) {
+            ++totals.replies;
+        }
+        if (!timestamp && !reply) {
+            return;
+        }
+    }
+}
+
+bool SyscallFloor::receiveOne(int flags) {
     struct sockaddr_storage source;
     struct iovec vector = {receiveBuffer.data(), receiveBuffer.size()};
     struct msghdr header {};
+    header.msg_name = &source;
+    header.msg_namelen = sizeof(source);
     header.msg_iov = &vector;
     header.msg_iovlen = 1;
     header.msg_control = control;
     header.msg_controllen = sizeof(control);
-    if (recvmsg(socket.get(), &header, MSG_ERRQUEUE | MSG_DONTWAIT) > 0) {
-        ++totals.txTimestamps;
-    }
-    header.msg_name = &source;
-    header.msg_namelen = sizeof(source);
-    header.msg_controllen = sizeof(control);
-    if (recvmsg(socket.get(), &header, MSG_DONTWAIT) > 0) {
-        ++totals.replies;
-    }
+    return recvmsg(socket.get(), &header, flags | MSG_DONTWAIT) > 0;
 }

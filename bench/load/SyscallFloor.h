@@ -1,10 +1,12 @@
 // The least a Session-Sender must do per packet in the kernel, without any
 // measurement logic: per session a CLOCK_REALTIME timerfd at the session's
 // rate, and per expiry one timer read, one clock_gettime and one sendmsg;
-// per readiness of the shared socket one recvmsg of the error queue (the
-// transmit timestamp) and one recvmsg of a reply. The socket has the
-// daemon's software timestamping and receive options, so the kernel does
-// the same work for every packet. Waiting is one epoll_wait per wake-up.
+// per message on the shared socket one recvmsg, of the error queue (the
+// transmit timestamp) or of the replies. Each readiness reads both queues
+// until they are empty (at most 4096 messages each), so a wake-up also costs
+// the final empty reads. The socket has the daemon's software timestamping,
+// receive options and 4 MiB receive buffer, so the kernel does the same work
+// for every packet. Waiting is one epoll_wait per wake-up.
 #ifndef TWAMP_BENCH_SYSCALL_FLOOR_H
 #define TWAMP_BENCH_SYSCALL_FLOOR_H
 
@@ -53,6 +55,8 @@ class SyscallFloor {
     void onTimer(uint32_t session);
     void sendPacket(uint32_t session);
     void onSocket();
+    // Reads one message of the error queue (MSG_ERRQUEUE) or of the replies (0).
+    bool receiveOne(int flags);
 
     FloorSettings settings;
     ScopedFd socket;
