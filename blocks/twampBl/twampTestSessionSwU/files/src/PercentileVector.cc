@@ -102,42 +102,47 @@ GSequenceIter* lastEntry(const PercentileVectorRecord& vector) {
     return g_sequence_iter_prev(g_sequence_get_end_iter(vector.samples));
 }
 
-// Whether the vector's samples stay within less than half the 32-bit range
-// with the new one. The samples of an ordered vector span the range from the
-// last entry's low word up to the first's, so the new one must lie within
-// half the range above the last or below the first.
-bool staysOrderedWith(const PercentileVectorRecord& vector, uint64_t sample) {
-    if (g_sequence_is_empty(vector.samples)) {
-        return true;
-    }
+// The first and last entries of a vector that has some.
+struct VectorEnds {
+    GSequenceIter* first;
+    GSequenceIter* last;
+};
+
+// Whether an ordered vector stays ordered with the new sample. Its samples
+// span the low words from the last entry's up to the first's, so the new one
+// must lie less than half the range above the last or below the first.
+bool staysOrderedWith(const VectorEnds& ends, uint64_t sample) {
     const auto low = static_cast<uint32_t>(sample);
-    const auto first = static_cast<uint32_t>(sampleAt(g_sequence_get_begin_iter(vector.samples)));
-    const auto last = static_cast<uint32_t>(sampleAt(lastEntry(vector)));
+    const auto first = static_cast<uint32_t>(sampleAt(ends.first));
+    const auto last = static_cast<uint32_t>(sampleAt(ends.last));
     return static_cast<uint32_t>(low - last) < kHalfRange ||
            static_cast<uint32_t>(first - low) < kHalfRange;
 }
 
-// Walks from the front to the first entry the sample does not stay behind.
-GSequenceIter* walkToPlace(const PercentileVectorRecord& vector, uint64_t sample) {
-    GSequenceIter* entry = g_sequence_get_begin_iter(vector.samples);
+// Where the walk from the front stops for the sample: before the first entry
+// it does not stay behind. A sample that beats the first entry (rising
+// delays) needs no search; an ordered vector is bisected; otherwise the
+// entries are walked.
+GSequenceIter* placeFor(const PercentileVectorRecord& vector, GSequenceIter* first,
+                        uint64_t sample) {
+    if (!staysAhead(sampleAt(first), sample)) {
+        return first;
+    }
+    if (vector.ordered) {
+        return g_sequence_search(vector.samples, toData(sample), searchOrder, nullptr);
+    }
+    GSequenceIter* entry = first;
     while (!g_sequence_iter_is_end(entry) && staysAhead(sampleAt(entry), sample)) {
         entry = g_sequence_iter_next(entry);
     }
     return entry;
 }
 
-GSequenceIter* placeFor(const PercentileVectorRecord& vector, uint64_t sample) {
-    if (vector.ordered) {
-        return g_sequence_search(vector.samples, toData(sample), searchOrder, nullptr);
-    }
-    return walkToPlace(vector, sample);
-}
-
 // Once more samples were added than are kept, the entry at position keep - 1
 // is dropped, so the vector holds the keep - 1 largest samples and one
 // trailing entry.
-void insertAndDropSurplus(PercentileVectorRecord* vector, uint64_t sample) {
-    g_sequence_insert_before(placeFor(*vector, sample), toData(sample));
+void insertAndDropSurplus(PercentileVectorRecord* vector, GSequenceIter* first, uint64_t sample) {
+    g_sequence_insert_before(placeFor(*vector, first, sample), toData(sample));
     if (vector->count <= vector->keep) {
         return;
     }
@@ -151,27 +156,33 @@ void insertAndDropSurplus(PercentileVectorRecord* vector, uint64_t sample) {
 // The same for a full ordered vector (keep entries, keep >= 2), with the
 // common cases settled by two comparisons: a sample below the last entry
 // replaces it, and one that would land on position keep - 1 would be dropped
-// at once.
-void insertIntoFullOrdered(PercentileVectorRecord* vector, uint64_t sample) {
-    GSequenceIter* last = lastEntry(*vector);
-    if (staysAhead(sampleAt(last), sample)) {
-        g_sequence_set(last, toData(sample));
+// at once. Otherwise the entry now at keep - 2 is the one pushed to keep - 1.
+void insertIntoFullOrdered(PercentileVectorRecord* vector, const VectorEnds& ends,
+                           uint64_t sample) {
+    if (staysAhead(sampleAt(ends.last), sample)) {
+        g_sequence_set(ends.last, toData(sample));
         return;
     }
-    GSequenceIter* surplus = g_sequence_iter_prev(last);
+    GSequenceIter* surplus = g_sequence_iter_prev(ends.last);
     if (staysAhead(sampleAt(surplus), sample)) {
         return;
     }
-    g_sequence_insert_before(placeFor(*vector, sample), toData(sample));
+    g_sequence_insert_before(placeFor(*vector, ends.first, sample), toData(sample));
     g_sequence_remove(surplus);
 }
 
+// Adds the sample, count already raised for it.
 void insertSample(PercentileVectorRecord* vector, uint64_t sample) {
-    vector->ordered = vector->ordered && staysOrderedWith(*vector, sample);
+    if (g_sequence_is_empty(vector->samples)) {
+        g_sequence_append(vector->samples, toData(sample));
+        return;
+    }
+    const VectorEnds ends{g_sequence_get_begin_iter(vector->samples), lastEntry(*vector)};
+    vector->ordered = vector->ordered && staysOrderedWith(ends, sample);
     if (vector->ordered && vector->count > vector->keep) {
-        insertIntoFullOrdered(vector, sample);
+        insertIntoFullOrdered(vector, ends, sample);
     } else {
-        insertAndDropSurplus(vector, sample);
+        insertAndDropSurplus(vector, ends.first, sample);
     }
 }
 
