@@ -9,7 +9,7 @@ namespace {
 static_assert(sizeof(gpointer) >= sizeof(uint64_t), "samples are kept in data pointers");
 
 // One vector. Its samples are in descending order (largest first) by the low
-// 32 bits, as the list walk of compareDescending below would place them.
+// 32 bits, in the order staysAhead below defines.
 struct PercentileVectorRecord {
     uint32_t id;
     GSequence* samples;
