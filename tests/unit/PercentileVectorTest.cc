@@ -277,6 +277,57 @@ TEST_F(PercentileVectorTest, OrderingByLowWordOnly) {
     EXPECT_EQ(percentile_samples_for_test(id), std::vector<uint64_t>({3, 0x100000001ULL}));
 }
 
+// Low words compare by their signed difference, so the order runs on across the low-word wrap.
+TEST_F(PercentileVectorTest, OrderRunsOnAcrossTheLowWordWrap) {
+    const uint32_t id = create(600, 95);
+    for (uint64_t value : {0xFFFFFFF0ULL, 0x5ULL, 0xFFFFFFFFULL}) {
+        ASSERT_EQ(percentile_add(id, value), 0);
+    }
+    EXPECT_EQ(percentile_samples_for_test(id),
+              std::vector<uint64_t>({0x5, 0xFFFFFFFFULL, 0xFFFFFFF0ULL}));
+}
+
+// Samples more than half the low-word range apart are placed where the walk from the
+// largest entry stops, which follows no single order.
+TEST_F(PercentileVectorTest, SamplesFarApartPlacedWhereTheWalkStops) {
+    const uint32_t id = create(600, 95);
+    for (uint64_t value : {0x10ULL, 0xA0000000ULL, 0x50000000ULL}) {
+        ASSERT_EQ(percentile_add(id, value), 0);
+    }
+    EXPECT_EQ(percentile_samples_for_test(id),
+              std::vector<uint64_t>({0x50000000ULL, 0x10, 0xA0000000ULL}));
+}
+
+// Samples exactly half the low-word range apart do not stay ahead of each other: the
+// newer goes first.
+TEST_F(PercentileVectorTest, SamplesHalfTheRangeApartNewestFirst) {
+    const uint32_t id = create(600, 95);
+    for (uint64_t value : {0x0ULL, 0x80000000ULL, 0xC0000000ULL}) {
+        ASSERT_EQ(percentile_add(id, value), 0);
+    }
+    EXPECT_EQ(percentile_samples_for_test(id),
+              std::vector<uint64_t>({0xC0000000ULL, 0x80000000ULL, 0x0}));
+}
+
+// In a full vector a sample that lands on position keep - 1 is dropped at once.
+TEST_F(PercentileVectorTest, SampleLandingOnTheDropPositionIsNotKept) {
+    const uint32_t id = create(10, 95);  // keeps 3
+    for (uint64_t value : {10u, 9u, 1u, 5u}) {
+        ASSERT_EQ(percentile_add(id, value), 0);
+    }
+    EXPECT_EQ(percentile_samples_for_test(id), std::vector<uint64_t>({10, 9, 1}));
+}
+
+// In a full vector a sample equal in its low word to the last of the top entries goes
+// before it and pushes the older one out.
+TEST_F(PercentileVectorTest, EqualLowWordAtTheTopPushesTheOlderOut) {
+    const uint32_t id = create(10, 95);  // keeps 3
+    for (uint64_t value : {10ULL, 9ULL, 1ULL, 0x100000009ULL}) {
+        ASSERT_EQ(percentile_add(id, value), 0);
+    }
+    EXPECT_EQ(percentile_samples_for_test(id), std::vector<uint64_t>({10, 0x100000009ULL, 1}));
+}
+
 // The surplus entry dropped is the one at position keep - 1, not the last.
 TEST_F(PercentileVectorTest, SurplusDroppedAtPositionKeepMinusOne) {
     const uint32_t id = create(600, 95);

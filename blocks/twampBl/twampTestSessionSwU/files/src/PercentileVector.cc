@@ -4,21 +4,28 @@
 
 namespace {
 
-// One vector. Its samples are individually allocated uint64_t values in a
-// list kept in descending order (largest first).
+// The samples are stored in the sequence's data pointers themselves, so that
+// an entry costs one tree node and no allocation of its own.
+static_assert(sizeof(gpointer) >= sizeof(uint64_t), "samples are kept in data pointers");
+
+// One vector. Its samples are in descending order (largest first) by the low
+// 32 bits, in the order staysAhead below defines.
 struct PercentileVectorRecord {
     uint32_t id;
-    GList* samples;
+    GSequence* samples;
     uint32_t size;   // most samples that may be added before a read
-    uint32_t keep;   // list entries retained
-    uint32_t count;  // samples added since the last read, not the list length
+    uint32_t keep;   // entries retained
+    uint32_t count;  // samples added since the last read, not the number of entries
     int32_t minPercentile;
+    // All samples since the last read lie within less than half the 32-bit
+    // range of each other, so the order is a true sort and a sample's place
+    // can be found by bisection; otherwise it is found by the walk.
+    bool ordered;
 };
 
 // The library state, one per process.
 struct PercentileLibraryState {
-    GList* vectors;
-    uint32_t vectorCount;
+    GHashTable* vectors;  // identifier -> PercentileVectorRecord
     uint32_t nextId;
 };
 
@@ -26,24 +33,43 @@ PercentileLibraryState* libraryState = nullptr;
 
 constexpr uint32_t kFirstId = 1;
 constexpr uint32_t kLastId = 0xFFFFFFFF;
+constexpr uint32_t kHalfRange = 0x80000000;
 constexpr int32_t kLowestCreatablePercentile = 1;
 constexpr int32_t kHighestPercentile = 100;
 constexpr int32_t kSmallestKeptPercentile = 0;
 // Spare entries kept beyond the top share the lowest percentile needs.
 constexpr double kSpareEntries = 2.0;
 
-GList* findVectorNode(uint32_t id) {
-    for (GList* node = g_list_first(libraryState->vectors); node != nullptr; node = node->next) {
-        if (static_cast<PercentileVectorRecord*>(node->data)->id == id) {
-            return node;
-        }
-    }
-    return nullptr;
+gpointer toData(uint64_t sample) {
+    return reinterpret_cast<gpointer>(static_cast<uintptr_t>(sample));
+}
+
+uint64_t sampleAt(GSequenceIter* entry) {
+    return static_cast<uint64_t>(reinterpret_cast<uintptr_t>(g_sequence_get(entry)));
+}
+
+// The ordering of the samples: an entry stays ahead of a new sample when the
+// signed 32-bit difference of their low 32 bits, entry minus sample, is
+// positive. A new sample therefore goes before the first entry not greater
+// than it (equal values: newest first). Cheap, and a true order while the
+// samples differ by less than 2^31 (35 minutes in microseconds); beyond that
+// it is not transitive, and only walking the entries from the front places a
+// sample where the order has always placed it.
+bool staysAhead(uint64_t entry, uint64_t sample) {
+    return static_cast<int32_t>(static_cast<uint32_t>(entry) - static_cast<uint32_t>(sample)) > 0;
+}
+
+// g_sequence_search calls this as (entry, new sample) and places the sample
+// before the first entry for which it is positive.
+gint searchOrder(gconstpointer entry, gconstpointer sample, gpointer /*unused*/) {
+    const auto entryValue = static_cast<uint64_t>(reinterpret_cast<uintptr_t>(entry));
+    const auto sampleValue = static_cast<uint64_t>(reinterpret_cast<uintptr_t>(sample));
+    return staysAhead(entryValue, sampleValue) ? -1 : 1;
 }
 
 PercentileVectorRecord* findVector(uint32_t id) {
-    GList* node = findVectorNode(id);
-    return node == nullptr ? nullptr : static_cast<PercentileVectorRecord*>(node->data);
+    return static_cast<PercentileVectorRecord*>(
+        g_hash_table_lookup(libraryState->vectors, GUINT_TO_POINTER(id)));
 }
 
 uint32_t followingId(uint32_t id) {
@@ -72,41 +98,104 @@ uint32_t keepFor(uint32_t size, int32_t minPercentile) {
     return static_cast<uint32_t>((100.0 - minPercentile) * size / 100.0 + 0.5 + kSpareEntries);
 }
 
-// GLib calls this as (new sample, list sample) and walks on while the result
-// is positive, so a new sample goes before the first entry not greater than
-// it (equal values: newest first). Only the low 32 bits are compared, as a
-// signed difference: cheap, and exact while samples differ by less than 2^31
-// (35 minutes in microseconds).
-gint compareDescending(gconstpointer newSample, gconstpointer listSample) {
-    const auto newLow = static_cast<uint32_t>(*static_cast<const uint64_t*>(newSample));
-    const auto listLow = static_cast<uint32_t>(*static_cast<const uint64_t*>(listSample));
-    return static_cast<int32_t>(listLow - newLow);
+GSequenceIter* lastEntry(const PercentileVectorRecord& vector) {
+    return g_sequence_iter_prev(g_sequence_get_end_iter(vector.samples));
 }
 
-// Once more samples were added than are kept, drops the entry at position
-// keep - 1, so the list holds the keep - 1 largest samples and one trailing
-// entry.
-void dropSurplus(PercentileVectorRecord* vector) {
+// The first and last entries of a vector that has some.
+struct VectorEnds {
+    GSequenceIter* first;
+    GSequenceIter* last;
+};
+
+// Whether an ordered vector stays ordered with the new sample. Its samples
+// span the low words from the last entry's up to the first's, so the new one
+// must lie less than half the range above the last or below the first.
+bool staysOrderedWith(const VectorEnds& ends, uint64_t sample) {
+    const auto low = static_cast<uint32_t>(sample);
+    const auto first = static_cast<uint32_t>(sampleAt(ends.first));
+    const auto last = static_cast<uint32_t>(sampleAt(ends.last));
+    return static_cast<uint32_t>(low - last) < kHalfRange ||
+           static_cast<uint32_t>(first - low) < kHalfRange;
+}
+
+// Where the walk from the front stops for the sample: before the first entry
+// it does not stay behind. A sample that beats the first entry (rising
+// delays) needs no search; an ordered vector is bisected; otherwise the
+// entries are walked.
+GSequenceIter* placeFor(const PercentileVectorRecord& vector, GSequenceIter* first,
+                        uint64_t sample) {
+    if (!staysAhead(sampleAt(first), sample)) {
+        return first;
+    }
+    if (vector.ordered) {
+        return g_sequence_search(vector.samples, toData(sample), searchOrder, nullptr);
+    }
+    GSequenceIter* entry = first;
+    while (!g_sequence_iter_is_end(entry) && staysAhead(sampleAt(entry), sample)) {
+        entry = g_sequence_iter_next(entry);
+    }
+    return entry;
+}
+
+// Once more samples were added than are kept, the entry at position keep - 1
+// is dropped, so the vector holds the keep - 1 largest samples and one
+// trailing entry.
+void insertAndDropSurplus(PercentileVectorRecord* vector, GSequenceIter* first, uint64_t sample) {
+    g_sequence_insert_before(placeFor(*vector, first, sample), toData(sample));
     if (vector->count <= vector->keep) {
         return;
     }
-    GList* surplus = g_list_nth(vector->samples, vector->keep - 1);
-    if (surplus == nullptr) {
+    GSequenceIter* surplus =
+        g_sequence_get_iter_at_pos(vector->samples, static_cast<gint>(vector->keep - 1));
+    if (!g_sequence_iter_is_end(surplus)) {
+        g_sequence_remove(surplus);
+    }
+}
+
+// The same for a full ordered vector (keep entries, keep >= 2), with the
+// common cases settled by two comparisons: a sample below the last entry
+// replaces it, and one that would land on position keep - 1 would be dropped
+// at once. Otherwise the entry now at keep - 2 is the one pushed to keep - 1.
+void insertIntoFullOrdered(PercentileVectorRecord* vector, const VectorEnds& ends,
+                           uint64_t sample) {
+    if (staysAhead(sampleAt(ends.last), sample)) {
+        g_sequence_set(ends.last, toData(sample));
         return;
     }
-    vector->samples = g_list_remove_link(vector->samples, surplus);
-    g_list_free_full(surplus, g_free);
+    GSequenceIter* surplus = g_sequence_iter_prev(ends.last);
+    if (staysAhead(sampleAt(surplus), sample)) {
+        return;
+    }
+    g_sequence_insert_before(placeFor(*vector, ends.first, sample), toData(sample));
+    g_sequence_remove(surplus);
+}
+
+// Adds the sample, count already raised for it.
+void insertSample(PercentileVectorRecord* vector, uint64_t sample) {
+    if (g_sequence_is_empty(vector->samples)) {
+        g_sequence_append(vector->samples, toData(sample));
+        return;
+    }
+    const VectorEnds ends{g_sequence_get_begin_iter(vector->samples), lastEntry(*vector)};
+    vector->ordered = vector->ordered && staysOrderedWith(ends, sample);
+    if (vector->ordered && vector->count > vector->keep) {
+        insertIntoFullOrdered(vector, ends, sample);
+    } else {
+        insertAndDropSurplus(vector, ends.first, sample);
+    }
 }
 
 void emptyVector(PercentileVectorRecord* vector) {
-    g_list_free_full(vector->samples, g_free);
-    vector->samples = nullptr;
+    g_sequence_remove_range(g_sequence_get_begin_iter(vector->samples),
+                            g_sequence_get_end_iter(vector->samples));
     vector->count = 0;
+    vector->ordered = true;
 }
 
 void freeVector(gpointer data) {
     auto* vector = static_cast<PercentileVectorRecord*>(data);
-    g_list_free_full(vector->samples, g_free);
+    g_sequence_free(vector->samples);
     g_free(vector);
 }
 
@@ -127,31 +216,30 @@ bool allAnswerable(const PercentileVectorRecord& vector, int32_t requestCount,
     return true;
 }
 
-// The list entry holding the percentile: the largest for 100, the last for 0,
+// The entry holding the percentile: the largest for 100, the last for 0,
 // otherwise the entry whose rank from the top matches the percentile.
-GList* entryFor(const PercentileVectorRecord& vector, int32_t percentile) {
+GSequenceIter* entryFor(const PercentileVectorRecord& vector, int32_t percentile) {
     if (percentile == kHighestPercentile) {
-        return g_list_first(vector.samples);
+        return g_sequence_get_begin_iter(vector.samples);
     }
     if (percentile == kSmallestKeptPercentile) {
-        return g_list_last(vector.samples);
+        return lastEntry(vector);
     }
     const auto below = static_cast<uint32_t>(percentile / 100.0 * vector.count + 0.5);
-    GList* entry = g_list_nth(vector.samples, vector.count - below);
-    if (entry == nullptr) {
+    const uint32_t position = vector.count - below;
+    if (position >= static_cast<uint32_t>(g_sequence_get_length(vector.samples))) {
         // Only a low lowest percentile with few samples gets here: a
         // percentile whose rank falls below the smallest kept sample is that
         // sample.
-        entry = g_list_last(vector.samples);
+        return lastEntry(vector);
     }
-    return entry;
+    return g_sequence_get_iter_at_pos(vector.samples, static_cast<gint>(position));
 }
 
 void answer(const PercentileVectorRecord& vector, int32_t requestCount,
             PercentileRequest* requests) {
     for (int32_t i = 0; i < requestCount; ++i) {
-        GList* entry = entryFor(vector, requests[i].percentile);
-        requests[i].value = *static_cast<const uint64_t*>(entry->data);
+        requests[i].value = sampleAt(entryFor(vector, requests[i].percentile));
     }
 }
 
@@ -159,10 +247,9 @@ void answer(const PercentileVectorRecord& vector, int32_t requestCount,
 
 bool percentile_init() {
     if (libraryState == nullptr) {
-        libraryState =
-            static_cast<PercentileLibraryState*>(g_malloc(sizeof(PercentileLibraryState)));
-        libraryState->vectors = nullptr;
-        libraryState->vectorCount = 0;
+        libraryState = g_new(PercentileLibraryState, 1);
+        libraryState->vectors =
+            g_hash_table_new_full(g_direct_hash, g_direct_equal, nullptr, freeVector);
         libraryState->nextId = kFirstId;
     }
     return true;
@@ -172,7 +259,7 @@ bool percentile_uninit() {
     if (libraryState == nullptr) {
         return true;
     }
-    g_list_free_full(libraryState->vectors, freeVector);
+    g_hash_table_destroy(libraryState->vectors);
     g_free(libraryState);
     libraryState = nullptr;
     return true;
@@ -197,15 +284,15 @@ int32_t percentile_create(uint32_t size, int32_t minPercentile, uint32_t* idOut)
     if (!chooseId(&id)) {
         return kPercentileNoFreeId;
     }
-    auto* vector = static_cast<PercentileVectorRecord*>(g_malloc(sizeof(PercentileVectorRecord)));
+    auto* vector = g_new(PercentileVectorRecord, 1);
     vector->id = id;
-    vector->samples = nullptr;
+    vector->samples = g_sequence_new(nullptr);
     vector->size = size;
     vector->keep = keepFor(size, minPercentile);
     vector->count = 0;
     vector->minPercentile = minPercentile;
-    libraryState->vectors = g_list_append(libraryState->vectors, vector);
-    ++libraryState->vectorCount;
+    vector->ordered = true;
+    g_hash_table_insert(libraryState->vectors, GUINT_TO_POINTER(id), vector);
     *idOut = id;
     return kPercentileOk;
 }
@@ -221,11 +308,8 @@ int32_t percentile_add(uint32_t id, uint64_t value) {
     if (vector->count >= vector->size) {
         return kPercentileVectorFull;
     }
-    auto* sample = static_cast<uint64_t*>(g_malloc(sizeof(uint64_t)));
-    *sample = value;
-    vector->samples = g_list_insert_sorted(vector->samples, sample, compareDescending);
     ++vector->count;
-    dropSurplus(vector);
+    insertSample(vector, value);
     return kPercentileOk;
 }
 
@@ -261,13 +345,10 @@ int32_t percentile_remove(uint32_t id) {
     if (libraryState == nullptr) {
         return kPercentileNotInitialized;
     }
-    GList* node = findVectorNode(id);
-    if (node == nullptr) {
+    // The table frees the record with its samples.
+    if (!g_hash_table_remove(libraryState->vectors, GUINT_TO_POINTER(id))) {
         return kPercentileNoSuchVector;
     }
-    libraryState->vectors = g_list_remove_link(libraryState->vectors, node);
-    g_list_free_full(node, freeVector);
-    --libraryState->vectorCount;
     return kPercentileOk;
 }
 
@@ -281,8 +362,9 @@ std::vector<uint64_t> percentile_samples_for_test(uint32_t id) {
     if (vector == nullptr) {
         return samples;
     }
-    for (GList* node = g_list_first(vector->samples); node != nullptr; node = node->next) {
-        samples.push_back(*static_cast<const uint64_t*>(node->data));
+    for (GSequenceIter* entry = g_sequence_get_begin_iter(vector->samples);
+         !g_sequence_iter_is_end(entry); entry = g_sequence_iter_next(entry)) {
+        samples.push_back(sampleAt(entry));
     }
     return samples;
 }

@@ -7,8 +7,13 @@
 // every sample. Reading a vector answers the requested percentiles and ends
 // the interval: the samples are dropped and the vector starts anew.
 //
-// The library keeps its vectors in GLib lists, all memory from g_malloc.
-// One thread only; there is no lock.
+// The library keeps each vector's samples in a GLib sequence (a balanced tree
+// with positions), so that adding a sample and reading a percentile cost
+// O(log n) in the entries kept, and finds a vector by its identifier in a GLib
+// hash table. Only samples more than half the 32-bit range apart (the order
+// compares low words by their signed difference) are placed by a walk over
+// the entries instead. All memory comes from GLib's allocators. One thread
+// only; there is no lock.
 #ifndef TWAMP_PERCENTILE_VECTOR_H
 #define TWAMP_PERCENTILE_VECTOR_H
 
@@ -60,7 +65,7 @@ int32_t percentile_get(uint32_t id, int32_t requestCount, PercentileRequest* req
 int32_t percentile_remove(uint32_t id);
 
 #ifdef TWAMP_UNIT_TEST
-// Unit tests only: the kept samples of the vector in list order (largest
+// Unit tests only: the kept samples of the vector in order (largest
 // first), empty when there is no such vector. Its length shows how many
 // entries the vector keeps.
 std::vector<uint64_t> percentile_samples_for_test(uint32_t id);
