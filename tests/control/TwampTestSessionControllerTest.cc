@@ -15,6 +15,7 @@
 #include "MockTwampTestSession.h"
 #include "MockTwampTestSessionController.h"
 #include "MockTwampTestSessionFactory.h"
+#include "PercentileVector.h"
 #include "RandomFd.h"
 #include "RealtimeClock.h"
 #include "SessionTestDoubles.h"
@@ -238,6 +239,7 @@ TEST_F(TwampTestSessionControllerTest, TwoCreatesWithSameKey) {
 // only the session created before it, and the refused one closed nothing
 // because it opened nothing.
 TEST_F(TwampTestSessionControllerTest, SessionWithoutDescriptorIsNotKept) {
+    ASSERT_TRUE(percentile_init());
     MockTwampTestSession* running = newSession();
     control_test::FakeSessionSystemCalls systemCalls;
     systemCalls.timerCreateErrno = EMFILE;
@@ -265,6 +267,7 @@ TEST_F(TwampTestSessionControllerTest, SessionWithoutDescriptorIsNotKept) {
                   "for dstIpAddress 192.0.2.1, dstUdpPort 862 refused: timerfd_create failed: "
                   "Too many open files"}),
               TraceRecorder::twampMessages("ERROR"));
+    EXPECT_TRUE(percentile_uninit());
 }
 
 // Two delete signals for one key: the first destroys the session, the second does nothing.

@@ -390,7 +390,7 @@ class EpollMultiplexerSystemTest : public ::testing::Test {
         handler.onInput = [this](int fd) { order.push_back(fd); };
     }
 
-    IoMultiplexer mux;
+    IoMultiplexer mux{std::make_unique<EpollPoller>(), IoMultiplexer::ServeRule::EveryReady};
     EventFdHandler first;
     EventFdHandler second;
     EventFdHandler third;

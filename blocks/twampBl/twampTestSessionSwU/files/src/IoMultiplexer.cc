@@ -3,8 +3,6 @@
 #include <algorithm>
 #include <utility>
 
-#include "EpollPoller.h"
-
 namespace {
 
 void eraseGeneration(std::vector<uint64_t>& generations, uint64_t generation) {
@@ -25,9 +23,6 @@ Iterator findReady(Iterator begin, Iterator end, const std::set<int>& readyFds) 
 unsigned IoMultiplexer::FdWatch::events() const {
     return (readers.empty() ? 0U : IoPoller::kRead) | (writers.empty() ? 0U : IoPoller::kWrite);
 }
-
-IoMultiplexer::IoMultiplexer()
-    : IoMultiplexer(std::make_unique<EpollPoller>(), ServeRule::EveryReady) {}
 
 IoMultiplexer::IoMultiplexer(SelectFunction selectFunction)
     : IoMultiplexer(std::make_unique<SelectPoller>(std::move(selectFunction)),

@@ -48,11 +48,10 @@ class IoMultiplexer {
         OneReady,    // one ready descriptor per call, round robin
     };
 
-    // The daemon's loop: epoll, every ready descriptor per wake-up.
-    IoMultiplexer();
     // The select loop, one ready descriptor per call, over the given select.
-    explicit IoMultiplexer(SelectFunction selectFunction);
-    // Any poller under either rule; the multiplexer owns the poller.
+    explicit IoMultiplexer(SelectFunction selectFunction = ::select);
+    // Any poller under either rule; the multiplexer owns the poller. The
+    // daemon's loop is an EpollPoller serving every ready descriptor.
     IoMultiplexer(std::unique_ptr<IoPoller> poller, ServeRule rule);
     IoMultiplexer(const IoMultiplexer&) = delete;
     IoMultiplexer& operator=(const IoMultiplexer&) = delete;

@@ -276,9 +276,11 @@ bool TwampTestSession::init() {
         TRACE_ERROR("Failed getaddrinfo: %s", gai_strerror(rc));
         return false;
     }
-    // The descriptor comes first: a session refused for want of one has not
-    // yet taken the socket's routing of its destination, which its removal
-    // would take away from a running session towards the same reflector.
+    initPmStates();
+    // The descriptor comes before the socket: a session refused for want of
+    // one has not yet taken the socket's routing of its destination, which
+    // its removal would take away from a running session towards the same
+    // reflector.
     if (!createTimer()) {
         return false;
     }
@@ -287,7 +289,6 @@ bool TwampTestSession::init() {
         return false;
     }
     registerWithSocket();
-    initPmStates();
     if (!setAndStartTimer()) {
         return false;
     }
