@@ -43,13 +43,14 @@ class FakeClock : public Clock {
     int failErrno = 0;
 };
 
-// Records registrations instead of watching descriptors.
+// Records registrations instead of watching descriptors; AdoptedMockController
+// lets every registration succeed.
 class MockIoMultiplexer : public IoMultiplexer {
   public:
     // IoMultiplexer
-    MOCK_METHOD(void, registerReadHandler, (IoHandler * handler), (override));
+    MOCK_METHOD(bool, registerReadHandler, (IoHandler * handler), (override));
     MOCK_METHOD(void, removeReadHandler, (IoHandler * handler), (override));
-    MOCK_METHOD(void, registerWriteHandler, (IoHandler * handler), (override));
+    MOCK_METHOD(bool, registerWriteHandler, (IoHandler * handler), (override));
     MOCK_METHOD(void, removeWriteHandler, (IoHandler * handler), (override));
     MOCK_METHOD(bool, handleEvents, (), (override));
 };
@@ -77,6 +78,10 @@ class AdoptedMockController {
   public:
     AdoptedMockController() {
         ON_CALL(controller, getIoMultiplexer()).WillByDefault(::testing::ReturnRef(multiplexer));
+        ON_CALL(multiplexer, registerReadHandler(::testing::_))
+            .WillByDefault(::testing::Return(true));
+        ON_CALL(multiplexer, registerWriteHandler(::testing::_))
+            .WillByDefault(::testing::Return(true));
         ON_CALL(controller, getUdpSocket()).WillByDefault(::testing::ReturnRef(udpSocket));
         ON_CALL(controller, getRandomFd()).WillByDefault(::testing::ReturnRef(randomFd));
         TwampTestSessionController::resetInstanceForTest();

@@ -3,6 +3,7 @@
 #include <cerrno>
 #include <cstdint>
 #include <cstring>
+#include <functional>
 #include <memory>
 #include <ostream>
 #include <string>
@@ -13,12 +14,14 @@
 
 #include "ControlTestDoubles.h"
 #include "FakeItc.h"
+#include "FakeSaLog.h"
 #include "MockTwampTestSession.h"
 #include "MockTwampTestSessionFactory.h"
 #include "PmPeriodRecord.h"
 #include "SessionKey.h"
 #include "TraceRecorder.h"
 #include "TwtsiSignals.h"
+#include "tn_log_internal.h"
 
 namespace {
 
@@ -33,6 +36,7 @@ using ::testing::SaveArg;
 using ::testing::StrEq;
 using twamp_test::FakeItc;
 using twamp_test::FakeItcSent;
+using twamp_test::FakeSaLog;
 using twamp_test::MockTwampTestSession;
 using twamp_test::MockTwampTestSessionFactory;
 using twamp_test::TraceRecorder;
@@ -213,6 +217,12 @@ TEST_F(ItcDispatcherTest, InitRegistersMailboxDescriptor) {
     EXPECT_EQ(std::set<int>{17}, dispatcher.getReadFds());
 }
 
+// A mailbox descriptor the loop cannot watch fails init.
+TEST_F(ItcDispatcherTest, InitFailsWhenMailboxCannotBeWatched) {
+    EXPECT_CALL(env.multiplexer, registerReadHandler(&dispatcher)).WillOnce(Return(false));
+    EXPECT_FALSE(dispatcher.init("twamp_1"));
+}
+
 // Before init no descriptor is watched.
 TEST_F(ItcDispatcherTest, NoDescriptorBeforeInit) {
     EXPECT_EQ(std::set<int>{}, dispatcher.getReadFds());
@@ -374,27 +384,78 @@ TEST_F(ItcDispatcherTest, CreateAddressWithTerminator) {
     EXPECT_EQ("2001:db8::7", createdAddress);
 }
 
-class ItcDispatcherRejectedPacketSizeTest : public ItcDispatcherTest,
+// The dispatcher with the operator log open over the fake log service.
+class ItcDispatcherRefusalTest : public ItcDispatcherTest {
+  protected:
+    void SetUp() override {
+        ItcDispatcherTest::SetUp();
+        FakeSaLog::reset();
+        tn_log_uninit();
+        ASSERT_TRUE(tn_log_init());
+        FakeSaLog::forgetCalls();
+    }
+    void TearDown() override {
+        tn_log_uninit();
+        FakeSaLog::reset();
+        ItcDispatcherTest::TearDown();
+    }
+
+    // Handles one create signal of key 1 after the test changed it.
+    void handleCreate(const std::function<void(twtsiCreateTwampTestSession&)>& change) {
+        twtsiCreateTwampTestSession create = createSignal(makeKey(1));
+        change(create);
+        FakeItc::queueSignal(create, kManager);
+        EXPECT_TRUE(dispatcher.handleInput(42));
+    }
+
+    // The create of key 1 is refused: no session is built or registered.
+    void expectRefused() {
+        EXPECT_CALL(factory, createTwampTestSession(_, _, _, _, _, _, _, _, _)).Times(0);
+        EXPECT_CALL(env.controller, addTwampTestSession(_, _)).Times(0);
+    }
+
+    // The create of key 1 is accepted: a session is built and registered.
+    void expectAccepted() {
+        sessions.push_back(std::make_unique<NiceMock<MockTwampTestSession>>(clock));
+        EXPECT_CALL(factory, createTwampTestSession(_, _, _, _, _, _, _, _, _))
+            .WillOnce(Return(sessions.back().get()));
+        EXPECT_CALL(env.controller, addTwampTestSession(KeyIs(makeKey(1)), sessions.back().get()));
+    }
+
+    // The one operator-log record of a refused create of key 1 towards 192.0.2.7 port 862.
+    static void expectRefusalRecord(const std::string& reason) {
+        const auto& records = FakeSaLog::records();
+        ASSERT_EQ(1u, records.size());
+        EXPECT_EQ("TnApplicationLog", records[0].streamName);
+        EXPECT_EQ("TWAMP", records[0].userName);
+        EXPECT_EQ(SA_LOG_SEV_ERROR, records[0].severity);
+        EXPECT_EQ(
+            "TwampTestSession: create of sessionId 0102030405060708090a0b0c0d0e0f10 for "
+            "dstIpAddress 192.0.2.7, dstUdpPort 862 refused: " +
+                reason,
+            records[0].text);
+    }
+};
+
+class ItcDispatcherRejectedPacketSizeTest : public ItcDispatcherRefusalTest,
                                             public ::testing::WithParamInterface<int32_t> {};
 
-// A packet size outside 41 to 65507 creates no session and is traced with the value.
+// A packet size outside 41 to 65507 creates no session, is traced with the
+// value and written to the application log.
 TEST_P(ItcDispatcherRejectedPacketSizeTest, CreatesNoSession) {
-    EXPECT_CALL(factory, createTwampTestSession(_, _, _, _, _, _, _, _, _)).Times(0);
-    EXPECT_CALL(env.controller, addTwampTestSession(_, _)).Times(0);
-    twtsiCreateTwampTestSession create = createSignal(makeKey(1));
-    create.packetSize = GetParam();
-    FakeItc::queueSignal(create, kManager);
-    EXPECT_TRUE(dispatcher.handleInput(42));
+    expectRefused();
+    handleCreate([](twtsiCreateTwampTestSession& create) { create.packetSize = GetParam(); });
     EXPECT_EQ(std::vector<std::string>{"handleTwtsiCreateTwampTestSession(): Invalid packetSize " +
                                        std::to_string(GetParam()) + ", allowed 41 to 65507"},
               TraceRecorder::twampMessages("ERROR"));
+    expectRefusalRecord("packetSize " + std::to_string(GetParam()) + ", allowed 41 to 65507");
     EXPECT_EQ(std::vector<uint32_t>{0x01A11401u}, FakeItc::freedSignalNumbers());
 }
 
 INSTANTIATE_TEST_SUITE_P(OutOfRange, ItcDispatcherRejectedPacketSizeTest,
                          ::testing::Values(13, 40, 65508, -1));
 
-class ItcDispatcherAcceptedPacketSizeTest : public ItcDispatcherTest,
+class ItcDispatcherAcceptedPacketSizeTest : public ItcDispatcherRefusalTest,
                                             public ::testing::WithParamInterface<int32_t> {};
 
 // The bounds 41 and 65507 themselves are accepted.
@@ -403,14 +464,135 @@ TEST_P(ItcDispatcherAcceptedPacketSizeTest, CreatesSession) {
     EXPECT_CALL(factory, createTwampTestSession(_, _, _, _, _, GetParam(), _, _, _))
         .WillOnce(Return(sessions.back().get()));
     EXPECT_CALL(env.controller, addTwampTestSession(KeyIs(makeKey(1)), sessions.back().get()));
-    twtsiCreateTwampTestSession create = createSignal(makeKey(1));
-    create.packetSize = GetParam();
-    FakeItc::queueSignal(create, kManager);
-    dispatcher.handleInput(42);
+    handleCreate([](twtsiCreateTwampTestSession& create) { create.packetSize = GetParam(); });
     EXPECT_TRUE(TraceRecorder::twampMessages("ERROR").empty());
+    EXPECT_TRUE(FakeSaLog::records().empty());
 }
 
 INSTANTIATE_TEST_SUITE_P(Bounds, ItcDispatcherAcceptedPacketSizeTest, ::testing::Values(41, 65507));
+
+// A rate above 10000 packets per second creates no session, traced and logged.
+TEST_F(ItcDispatcherRefusalTest, RateAboveLimitRefused) {
+    expectRefused();
+    handleCreate([](twtsiCreateTwampTestSession& create) { create.packetsPerSecond = 10001; });
+    EXPECT_EQ(std::vector<std::string>{"handleTwtsiCreateTwampTestSession(): Invalid "
+                                       "packetsPerSecond 10001, allowed 0 to 10000"},
+              TraceRecorder::twampMessages("ERROR"));
+    expectRefusalRecord("packetsPerSecond 10001, allowed 0 to 10000");
+}
+
+// Rates 0 and 1 (one packet a second) and the limit 10000 are accepted.
+TEST_F(ItcDispatcherRefusalTest, RatesUpToLimitAccepted) {
+    for (const uint32_t rate : {0u, 1u, 10000u}) {
+        expectAccepted();
+        handleCreate(
+            [rate](twtsiCreateTwampTestSession& create) { create.packetsPerSecond = rate; });
+    }
+    EXPECT_TRUE(TraceRecorder::twampMessages("ERROR").empty());
+    EXPECT_TRUE(FakeSaLog::records().empty());
+}
+
+// A start offset beyond 2499 with 400 us slots creates no session.
+TEST_F(ItcDispatcherRefusalTest, StartOffsetBeyondLimitRefused) {
+    expectRefused();
+    handleCreate([](twtsiCreateTwampTestSession& create) {
+        create.spreadingBase = 0;
+        create.startOffset = 2500;
+    });
+    EXPECT_EQ(std::vector<std::string>{"handleTwtsiCreateTwampTestSession(): Invalid startOffset "
+                                       "2500, allowed 0 to 2499 with spreadingBase 0"},
+              TraceRecorder::twampMessages("ERROR"));
+    expectRefusalRecord("startOffset 2500, allowed 0 to 2499 with spreadingBase 0");
+}
+
+// A start offset beyond 5555 with spreading base 5000 (180 us slots) creates no session.
+TEST_F(ItcDispatcherRefusalTest, DenseStartOffsetBeyondLimitRefused) {
+    expectRefused();
+    handleCreate([](twtsiCreateTwampTestSession& create) {
+        create.spreadingBase = 5000;
+        create.startOffset = 5556;
+    });
+    EXPECT_EQ(std::vector<std::string>{"handleTwtsiCreateTwampTestSession(): Invalid startOffset "
+                                       "5556, allowed 0 to 5555 with spreadingBase 5000"},
+              TraceRecorder::twampMessages("ERROR"));
+    expectRefusalRecord("startOffset 5556, allowed 0 to 5555 with spreadingBase 5000");
+}
+
+// The last slot of each spreading base is accepted: 2499 with 400 us slots,
+// 5555 with spreading base 5000.
+TEST_F(ItcDispatcherRefusalTest, LastStartSlotsAccepted) {
+    expectAccepted();
+    handleCreate([](twtsiCreateTwampTestSession& create) {
+        create.spreadingBase = 4999;
+        create.startOffset = 2499;
+    });
+    expectAccepted();
+    handleCreate([](twtsiCreateTwampTestSession& create) {
+        create.spreadingBase = 5000;
+        create.startOffset = 5555;
+    });
+    EXPECT_TRUE(TraceRecorder::twampMessages("ERROR").empty());
+    EXPECT_TRUE(FakeSaLog::records().empty());
+}
+
+// A DSCP above 63 creates no session; 63 is accepted.
+TEST_F(ItcDispatcherRefusalTest, DscpAboveLimitRefused) {
+    expectRefused();
+    handleCreate([](twtsiCreateTwampTestSession& create) { create.dscp = 64; });
+    EXPECT_EQ(std::vector<std::string>{"handleTwtsiCreateTwampTestSession(): Invalid dscp 64, "
+                                       "allowed 0 to 63"},
+              TraceRecorder::twampMessages("ERROR"));
+    expectRefusalRecord("dscp 64, allowed 0 to 63");
+}
+
+// The highest DSCP, 63, is accepted.
+TEST_F(ItcDispatcherRefusalTest, HighestDscpAccepted) {
+    expectAccepted();
+    handleCreate([](twtsiCreateTwampTestSession& create) { create.dscp = 63; });
+    EXPECT_TRUE(TraceRecorder::twampMessages("ERROR").empty());
+}
+
+// A create for a key already registered builds no second session.
+TEST_F(ItcDispatcherRefusalTest, KeyInUseRefused) {
+    registerSession(makeKey(1));
+    expectRefused();
+    handleCreate([](twtsiCreateTwampTestSession&) {});
+    EXPECT_EQ(std::vector<std::string>{"handleTwtsiCreateTwampTestSession(): Session "
+                                       "0102030405060708090a0b0c0d0e0f10 already exists"},
+              TraceRecorder::twampMessages("ERROR"));
+    expectRefusalRecord("sessionId already in use");
+}
+
+// A session that got no descriptor is refused: destroyed, not registered,
+// traced and logged with its key, destination and reason.
+TEST_F(ItcDispatcherRefusalTest, SessionWithoutDescriptorRefused) {
+    auto* session = new NiceMock<MockTwampTestSession>(clock);
+    EXPECT_CALL(factory, createTwampTestSession(_, _, _, _, _, _, _, _, _))
+        .WillOnce(Return(session));
+    EXPECT_CALL(*session, init()).WillOnce(Return(false));
+    ON_CALL(*session, getDescriptorFailure())
+        .WillByDefault(Return("timerfd_create failed: Too many open files"));
+    EXPECT_CALL(*session, destroyed());
+    EXPECT_CALL(env.controller, addTwampTestSession(_, _)).Times(0);
+
+    handleCreate([](twtsiCreateTwampTestSession&) {});
+
+    EXPECT_EQ(std::vector<std::string>{"handleTwtsiCreateTwampTestSession(): Session "
+                                       "0102030405060708090a0b0c0d0e0f10 for dstIpAddress "
+                                       "192.0.2.7, dstUdpPort 862 refused: timerfd_create "
+                                       "failed: Too many open files"},
+              TraceRecorder::twampMessages("ERROR"));
+    expectRefusalRecord("timerfd_create failed: Too many open files");
+}
+
+// A session whose init failed for another reason is registered, without a record.
+TEST_F(ItcDispatcherRefusalTest, OtherInitFailureStillRegistered) {
+    MockTwampTestSession& session = expectCreate();
+    EXPECT_CALL(session, init()).WillOnce(Return(false));
+    EXPECT_CALL(env.controller, addTwampTestSession(KeyIs(makeKey(1)), &session));
+    handleCreate([](twtsiCreateTwampTestSession&) {});
+    EXPECT_TRUE(FakeSaLog::records().empty());
+}
 
 // ---- delete ----
 

@@ -9,12 +9,16 @@
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
 
+#include "EventFdHandler.h"
 #include "FakeItc.h"
 #include "ItcDispatcher.h"
 #include "MockTwampTestSession.h"
 #include "MockTwampTestSessionController.h"
 #include "MockTwampTestSessionFactory.h"
+#include "PercentileVector.h"
 #include "RandomFd.h"
+#include "RealtimeClock.h"
+#include "SessionTestDoubles.h"
 #include "SessionKey.h"
 #include "TraceRecorder.h"
 #include "TwtsiSignals.h"
@@ -188,6 +192,9 @@ TEST_F(TwampTestSessionControllerTest, KeysOrderedAsUnsignedBytes) {
 
 // The sessions are destroyed before the dispatcher deletes the mailbox.
 TEST_F(TwampTestSessionControllerTest, SessionsDestroyedBeforeDispatcher) {
+    // The controller's loop watches real descriptors only.
+    const twamp_test::EventFdHandler mailbox;
+    FakeItc::setFd(mailbox.fd);
     ASSERT_TRUE(controller->getItcDispatcher()->init("twamp"));
     MockTwampTestSession* session = newSession();
     controller->addTwampTestSession(keyEndingIn(1), session);
@@ -211,22 +218,56 @@ TEST_F(TwampTestSessionControllerTest, DispatcherUsesTheGivenFactory) {
     EXPECT_EQ(session, controller->getTwampTestSession(keyEndingIn(1)));
 }
 
-// Two create signals with one key: both sessions are built and started,
-// only the first stays registered.
+// Two create signals with one key: the second builds no session, and the
+// first stays registered.
 TEST_F(TwampTestSessionControllerTest, TwoCreatesWithSameKey) {
     MockTwampTestSession* first = newSession();
-    std::unique_ptr<MockTwampTestSession> second(newSession());
-    EXPECT_CALL(factory, createTwampTestSession(_, _, _, _, _, _, _, _, _))
-        .WillOnce(Return(first))
-        .WillOnce(Return(second.get()));
+    EXPECT_CALL(factory, createTwampTestSession(_, _, _, _, _, _, _, _, _)).WillOnce(Return(first));
     EXPECT_CALL(*first, init()).WillOnce(Return(true));
-    EXPECT_CALL(*second, init()).WillOnce(Return(true));
     FakeItc::queueSignal(createSignal(keyEndingIn(1)), kManager);
     FakeItc::queueSignal(createSignal(keyEndingIn(1)), kManager);
     controller->getItcDispatcher()->handleInput(42);
     controller->getItcDispatcher()->handleInput(42);
     EXPECT_EQ(first, controller->getTwampTestSession(keyEndingIn(1)));
+    EXPECT_EQ(std::vector<std::string>{"handleTwtsiCreateTwampTestSession(): Session "
+                                       "11111111111111111111111111111101 already exists"},
+              TraceRecorder::twampMessages("ERROR"));
     EXPECT_TRUE(FakeItc::sent().empty());
+}
+
+// A real session that gets no timer descriptor is refused: the registry keeps
+// only the session created before it, and the refused one closed nothing
+// because it opened nothing.
+TEST_F(TwampTestSessionControllerTest, SessionWithoutDescriptorIsNotKept) {
+    ASSERT_TRUE(percentile_init());
+    MockTwampTestSession* running = newSession();
+    control_test::FakeSessionSystemCalls systemCalls;
+    systemCalls.timerCreateErrno = EMFILE;
+    EXPECT_CALL(factory, createTwampTestSession(_, _, _, _, _, _, _, _, _))
+        .WillOnce(Return(running))
+        .WillOnce(Invoke([&systemCalls](const char* address, const char* port, uint32_t rate,
+                                        uint32_t spare1, uint32_t spare2, int32_t size,
+                                        uint32_t dscp, uint32_t offset, uint32_t base) {
+            return new TwampTestSession(address, port, rate, spare1, spare2, size, dscp, offset,
+                                        base, RealtimeClock::instance(), &systemCalls);
+        }));
+    FakeItc::queueSignal(createSignal(keyEndingIn(1)), kManager);
+    FakeItc::queueSignal(createSignal(keyEndingIn(2)), kManager);
+
+    controller->getItcDispatcher()->handleInput(42);
+    controller->getItcDispatcher()->handleInput(42);
+
+    EXPECT_EQ(running, controller->getTwampTestSession(keyEndingIn(1)));
+    EXPECT_EQ(nullptr, controller->getTwampTestSession(keyEndingIn(2)));
+    EXPECT_EQ(std::vector<int>{}, systemCalls.closedFds);
+    EXPECT_EQ(0, controller->getIoMultiplexer().getMaxFd());
+    EXPECT_EQ((std::vector<std::string>{
+                  "init(): Failed timerfd_create: errno 24 - Too many open files",
+                  "handleTwtsiCreateTwampTestSession(): Session 11111111111111111111111111111102 "
+                  "for dstIpAddress 192.0.2.1, dstUdpPort 862 refused: timerfd_create failed: "
+                  "Too many open files"}),
+              TraceRecorder::twampMessages("ERROR"));
+    EXPECT_TRUE(percentile_uninit());
 }
 
 // Two delete signals for one key: the first destroys the session, the second does nothing.

@@ -27,6 +27,7 @@ using control_test::minuteOfHour;
 using control_test::SessionTestBase;
 using ::testing::_;
 using ::testing::Mock;
+using ::testing::Return;
 using twamp_test::TraceRecorder;
 using Messages = std::vector<std::string>;
 
@@ -91,6 +92,42 @@ TEST_F(TwampTestSessionTimerTest, TimerCreateFailure) {
     EXPECT_EQ(Messages{"init(): Failed timerfd_create: errno 24 - Too many open files"},
               TraceRecorder::twampMessages("ERROR"));
     EXPECT_TRUE(systemCalls.settimeValues.empty());
+}
+
+// A session without a timer descriptor says why, and has not taken the
+// socket's routing of its destination.
+TEST_F(TwampTestSessionTimerTest, TimerCreateFailureIsDescriptorFailure) {
+    auto session = makeSession();
+    systemCalls.timerCreateErrno = EMFILE;
+    EXPECT_CALL(env.udpSocket, addMessageReceiver(_, _)).Times(0);
+    EXPECT_FALSE(session->init());
+    EXPECT_EQ("timerfd_create failed: Too many open files", session->getDescriptorFailure());
+}
+
+// A timer the event loop cannot watch fails init as a descriptor failure,
+// before the session takes the socket's routing, and is not armed.
+TEST_F(TwampTestSessionTimerTest, UnwatchableTimerIsDescriptorFailure) {
+    auto session = makeSession();
+    EXPECT_CALL(env.multiplexer, registerReadHandler(session.get())).WillOnce(Return(false));
+    EXPECT_CALL(env.udpSocket, addMessageReceiver(_, _)).Times(0);
+    EXPECT_FALSE(session->init());
+    EXPECT_EQ("the event loop cannot watch its packet timer", session->getDescriptorFailure());
+    EXPECT_TRUE(systemCalls.settimeValues.empty());
+}
+
+// A started session reports no descriptor failure.
+TEST_F(TwampTestSessionTimerTest, StartedSessionHasNoDescriptorFailure) {
+    auto session = makeSession();
+    ASSERT_TRUE(session->init());
+    EXPECT_EQ("", session->getDescriptorFailure());
+}
+
+// A failure to arm the timer is no descriptor failure.
+TEST_F(TwampTestSessionTimerTest, ArmingFailureIsNoDescriptorFailure) {
+    auto session = makeSession();
+    systemCalls.settimeErrno = EINVAL;
+    EXPECT_FALSE(session->init());
+    EXPECT_EQ("", session->getDescriptorFailure());
 }
 
 // The destructor closes the timer through the system calls.

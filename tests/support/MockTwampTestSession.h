@@ -8,6 +8,7 @@
 #include <sys/socket.h>
 
 #include <set>
+#include <string>
 
 #include <gmock/gmock.h>
 
@@ -51,6 +52,7 @@ class MockTwampTestSession : public TwampTestSession {
 
     // TwampTestSession
     MOCK_METHOD(bool, init, (), (override));
+    MOCK_METHOD(std::string, getDescriptorFailure, (), (const, override));
     MOCK_METHOD(void, receiveMessage, (struct msghdr * msg), (override));
     MOCK_METHOD(void, receiveErrQueueMessage, (struct msghdr * msg, ssize_t length), (override));
     MOCK_METHOD(const PmPeriodRecord*, getPmCounters, (bool completedIntervalOnly), (override));

@@ -1,10 +1,8 @@
 #include "IoMultiplexer.h"
 
-#include <sys/eventfd.h>
 #include <unistd.h>
 
 #include <cerrno>
-#include <csignal>
 #include <cstdint>
 #include <set>
 #include <string>
@@ -15,8 +13,10 @@
 
 #include "IoHandler.h"
 #include "IoHandlerFd.h"
+#include "EventFdHandler.h"
 #include "MockIoHandler.h"
 #include "TraceRecorder.h"
+#include "WaitWatchdog.h"
 
 namespace {
 
@@ -24,7 +24,9 @@ using ::testing::InSequence;
 using ::testing::Invoke;
 using ::testing::NiceMock;
 using ::testing::Return;
+using twamp_test::EventFdHandler;
 using twamp_test::MockIoHandler;
+using twamp_test::WaitWatchdog;
 
 // What the multiplexer handed to one select call.
 struct SelectCall {
@@ -165,24 +167,34 @@ TEST_F(IoMultiplexerTest, NegativeDescriptorsAreSkipped) {
     EXPECT_EQ(std::set<int>{5}, calls[0].readFds);
 }
 
-// A descriptor select() cannot watch is traced and left out, so no fd_set is overrun.
-TEST_F(IoMultiplexerTest, DescriptorsAtOrAboveSelectLimitAreNotWatched) {
+// A descriptor select() cannot watch fails the registration, traced; none of
+// the handler's descriptors is watched then, so no fd_set is overrun.
+TEST_F(IoMultiplexerTest, DescriptorsAtOrAboveSelectLimitFailRegistration) {
     twamp_test::TraceRecorder::reset();
     giveReadFds(handlerA, {7, FD_SETSIZE, FD_SETSIZE + 5});
-    mux.registerReadHandler(&handlerA);
 
+    EXPECT_FALSE(mux.registerReadHandler(&handlerA));
     EXPECT_TRUE(mux.handleEvents());
 
-    EXPECT_EQ(7, mux.getMaxFd());
+    EXPECT_EQ(0, mux.getMaxFd());
     ASSERT_EQ(1u, calls.size());
-    EXPECT_EQ(8, calls[0].nfds);
-    EXPECT_EQ(std::set<int>{7}, calls[0].readFds);
+    EXPECT_EQ(1, calls[0].nfds);
+    EXPECT_EQ(std::set<int>{}, calls[0].readFds);
     EXPECT_EQ((std::vector<std::string>{
-                  "addEntries(): Descriptor 1024 not watched: select() handles descriptors "
-                  "below 1024",
-                  "addEntries(): Descriptor 1029 not watched: select() handles descriptors "
+                  "setEvents(): Descriptor 1024 not watched: select() handles descriptors "
                   "below 1024"}),
               twamp_test::TraceRecorder::twampMessages("ERROR"));
+}
+
+// A registration whose descriptors select() can watch succeeds.
+TEST_F(IoMultiplexerTest, RegistrationBelowSelectLimitSucceeds) {
+    giveReadFds(handlerA, {7, FD_SETSIZE - 1});
+    giveWriteFds(handlerB, {9});
+
+    EXPECT_TRUE(mux.registerReadHandler(&handlerA));
+    EXPECT_TRUE(mux.registerWriteHandler(&handlerB));
+
+    EXPECT_EQ(FD_SETSIZE - 1, mux.getMaxFd());
 }
 
 // The descriptors of one handler become entries in ascending order, served in that order.
@@ -563,56 +575,6 @@ TEST(IoHandlerFdTest, KeepsHandlerAndDescriptor) {
     EXPECT_EQ(12, copy.fd);
 }
 
-// Interrupts a real select that would block for good: SIGALRM without SA_RESTART makes it
-// fail with EINTR, so a broken multiplexer fails the test instead of hanging it.
-class SelectWatchdog {
-  public:
-    explicit SelectWatchdog(unsigned int seconds) {
-        struct sigaction action = {};
-        action.sa_handler = [](int) {};
-        sigemptyset(&action.sa_mask);
-        sigaction(SIGALRM, &action, &previous);
-        alarm(seconds);
-    }
-    ~SelectWatchdog() {
-        alarm(0);
-        sigaction(SIGALRM, &previous, nullptr);
-    }
-    SelectWatchdog(const SelectWatchdog&) = delete;
-    SelectWatchdog& operator=(const SelectWatchdog&) = delete;
-
-  private:
-    struct sigaction previous = {};
-};
-
-// An eventfd that becomes readable, owned by a real handler on the real select.
-class EventFdHandler : public IoHandler {
-  public:
-    EventFdHandler() : fd(eventfd(0, EFD_NONBLOCK | EFD_CLOEXEC)) {}
-    ~EventFdHandler() override {
-        if (fd >= 0) {
-            close(fd);
-        }
-    }
-    EventFdHandler(const EventFdHandler&) = delete;
-    EventFdHandler& operator=(const EventFdHandler&) = delete;
-
-    std::set<int> getReadFds() const override { return {fd}; }
-
-    bool handleInput(int readyFd) override {
-        servedFds.push_back(readyFd);
-        uint64_t count = 0;
-        return read(readyFd, &count, sizeof(count)) == static_cast<ssize_t>(sizeof(count));
-    }
-
-    bool signal(uint64_t count) {
-        return write(fd, &count, sizeof(count)) == static_cast<ssize_t>(sizeof(count));
-    }
-
-    const int fd;
-    std::vector<int> servedFds;
-};
-
 // On the real select a readable eventfd is handed to its handler.
 TEST(IoMultiplexerSystemTest, ReadableEventFdIsServed) {
     IoMultiplexer mux;
@@ -623,7 +585,7 @@ TEST(IoMultiplexerSystemTest, ReadableEventFdIsServed) {
     mux.registerReadHandler(&idle);
     mux.registerReadHandler(&busy);
     ASSERT_TRUE(busy.signal(1));
-    const SelectWatchdog watchdog(10);
+    const WaitWatchdog watchdog(10);
 
     EXPECT_TRUE(mux.handleEvents());
 
@@ -644,7 +606,7 @@ TEST(IoMultiplexerSystemTest, ClosedDescriptorMakesSelectFail) {
     mux.registerReadHandler(&handler);
     close(pipeFds[0]);
     close(pipeFds[1]);
-    const SelectWatchdog watchdog(10);
+    const WaitWatchdog watchdog(10);
 
     EXPECT_FALSE(mux.handleEvents());
     mux.removeReadHandler(&handler);

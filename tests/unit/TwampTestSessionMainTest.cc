@@ -1,14 +1,17 @@
 #include <gtest/gtest.h>
 
 #include <fcntl.h>
+#include <sys/resource.h>
 #include <sys/stat.h>
 #include <unistd.h>
 
+#include <cerrno>
 #include <cstdio>
 #include <string>
 #include <vector>
 
 #include "DefaultNamespaceHandle.h"
+#include "ResourceLimitSystemCalls.h"
 #include "TraceRecorder.h"
 #include "TwampTestSessionMain.h"
 
@@ -145,6 +148,79 @@ TEST_F(TwampTestSessionMainTest, CloseFailureIsTraced) {
     EXPECT_EQ((std::vector<std::string>{
                   "closeNs(): Can't close namespace: errno=\"Bad file descriptor(9)\""}),
               TraceRecorder::twampMessages("ERROR"));
+}
+
+// Descriptor limits as the test sets them; records what start-up asks to set.
+class FakeResourceLimits : public ResourceLimitSystemCalls {
+  public:
+    // ResourceLimitSystemCalls
+    int getOpenFileLimit(struct rlimit* limit) override {
+        if (getErrno != 0) {
+            errno = getErrno;
+            return -1;
+        }
+        *limit = current;
+        return 0;
+    }
+    int setOpenFileLimit(const struct rlimit* limit) override {
+        setLimits.push_back(*limit);
+        if (setErrno != 0) {
+            errno = setErrno;
+            return -1;
+        }
+        current = *limit;
+        return 0;
+    }
+
+    struct rlimit current = {1024, 524288};
+    int getErrno = 0;
+    int setErrno = 0;
+    std::vector<struct rlimit> setLimits;
+};
+
+// The soft descriptor limit is raised to the hard limit, traced at INFO.
+TEST_F(TwampTestSessionMainTest, OpenFileLimitRaisedToHardLimit) {
+    FakeResourceLimits limits;
+    EXPECT_TRUE(raiseOpenFileLimit(limits));
+    ASSERT_EQ(1u, limits.setLimits.size());
+    EXPECT_EQ(524288u, limits.setLimits[0].rlim_cur);
+    EXPECT_EQ(524288u, limits.setLimits[0].rlim_max);
+    EXPECT_EQ((std::vector<std::string>{
+                  "raiseOpenFileLimit(): Open descriptor limit raised from 1024 to 524288"}),
+              TraceRecorder::twampMessages("INFO"));
+}
+
+// A soft limit already at the hard limit is left alone and named at INFO.
+TEST_F(TwampTestSessionMainTest, OpenFileLimitAlreadyAtHardLimit) {
+    FakeResourceLimits limits;
+    limits.current = {20000, 20000};
+    EXPECT_TRUE(raiseOpenFileLimit(limits));
+    EXPECT_TRUE(limits.setLimits.empty());
+    EXPECT_EQ((std::vector<std::string>{
+                  "raiseOpenFileLimit(): Open descriptor limit 20000 is the hard limit"}),
+              TraceRecorder::twampMessages("INFO"));
+}
+
+// A failing getrlimit is traced with the errno text and nothing is set.
+TEST_F(TwampTestSessionMainTest, OpenFileLimitReadFailureIsTraced) {
+    FakeResourceLimits limits;
+    limits.getErrno = EFAULT;
+    EXPECT_FALSE(raiseOpenFileLimit(limits));
+    EXPECT_TRUE(limits.setLimits.empty());
+    EXPECT_EQ((std::vector<std::string>{
+                  "raiseOpenFileLimit(): Failed getrlimit RLIMIT_NOFILE: errno 14 - Bad address"}),
+              TraceRecorder::twampMessages("ERROR"));
+}
+
+// A failing setrlimit is traced with both limits and the errno text.
+TEST_F(TwampTestSessionMainTest, OpenFileLimitRaiseFailureIsTraced) {
+    FakeResourceLimits limits;
+    limits.setErrno = EPERM;
+    EXPECT_FALSE(raiseOpenFileLimit(limits));
+    EXPECT_EQ((std::vector<std::string>{"raiseOpenFileLimit(): Failed setrlimit RLIMIT_NOFILE from "
+                                        "1024 to 524288: errno 1 - Operation not permitted"}),
+              TraceRecorder::twampMessages("ERROR"));
+    EXPECT_TRUE(TraceRecorder::twampMessages("INFO").empty());
 }
 
 }  // namespace

@@ -1,166 +1,243 @@
 #include "IoMultiplexer.h"
 
-#include <cstddef>
+#include <algorithm>
 #include <utility>
-
-#include "TraceFacade.h"
 
 namespace {
 
-// Finds the first entry in [begin, end) whose descriptor is ready.
-bool findReady(const std::vector<IoHandlerFd>& list, const fd_set& readySet, std::size_t begin,
-               std::size_t end, std::size_t& index) {
-    for (std::size_t i = begin; i < end; ++i) {
-        if (list[i].fd >= 0 && FD_ISSET(list[i].fd, &readySet)) {
-            index = i;
-            return true;
-        }
-    }
-    return false;
+void eraseGeneration(std::vector<uint64_t>& generations, uint64_t generation) {
+    generations.erase(std::remove(generations.begin(), generations.end(), generation),
+                      generations.end());
 }
 
-void addToSet(const std::vector<IoHandlerFd>& list, fd_set& set) {
-    for (const IoHandlerFd& entry : list) {
-        if (entry.fd >= 0) {
-            FD_SET(entry.fd, &set);
-        }
-    }
+// The first entry in [begin, end) whose descriptor is ready.
+template <typename Iterator>
+Iterator findReady(Iterator begin, Iterator end, const std::set<int>& readyFds) {
+    return std::find_if(begin, end, [&readyFds](const auto& entry) {
+        return readyFds.count(entry.second.fd) != 0;
+    });
 }
 
 }  // namespace
 
-IoMultiplexer::IoMultiplexer(SelectFunction selectFunction)
-    : selectFunction(std::move(selectFunction)) {
-    FD_ZERO(&readSet);
-    FD_ZERO(&writeSet);
-    FD_ZERO(&exceptSet);
+unsigned IoMultiplexer::FdWatch::events() const {
+    return (readers.empty() ? 0U : IoPoller::kRead) | (writers.empty() ? 0U : IoPoller::kWrite);
 }
+
+IoMultiplexer::IoMultiplexer(SelectFunction selectFunction)
+    : IoMultiplexer(std::make_unique<SelectPoller>(std::move(selectFunction)),
+                    ServeRule::OneReady) {}
+
+IoMultiplexer::IoMultiplexer(std::unique_ptr<IoPoller> poller, ServeRule rule)
+    : poller(std::move(poller)), rule(rule) {}
 
 IoMultiplexer::~IoMultiplexer() = default;
 
-void IoMultiplexer::registerReadHandler(IoHandler* handler) {
-    addEntries(readList, handler, handler->getReadFds());
+bool IoMultiplexer::registerReadHandler(IoHandler* handler) {
+    return addEntries(readEntries, handler, handler->getReadFds(), false);
 }
 
 void IoMultiplexer::removeReadHandler(IoHandler* handler) {
-    removeEntries(readList, readCursor, handler);
+    removeEntries(readEntries, handler, 0, false);
 }
 
-void IoMultiplexer::registerWriteHandler(IoHandler* handler) {
-    addEntries(writeList, handler, handler->getWriteFds());
+bool IoMultiplexer::registerWriteHandler(IoHandler* handler) {
+    return addEntries(writeEntries, handler, handler->getWriteFds(), true);
 }
 
 void IoMultiplexer::removeWriteHandler(IoHandler* handler) {
-    removeEntries(writeList, writeCursor, handler);
+    removeEntries(writeEntries, handler, 0, true);
 }
 
 bool IoMultiplexer::handleEvents() {
-    buildReadySets();
-    // No time-out: all timing comes from timerfd descriptors in the read list.
-    if (selectFunction(maxFd + 1, &readSet, &writeSet, &exceptSet, nullptr) < 0) {
-        // Any failure, EINTR included, ends the loop of the process.
+    if (!poller->wait(ready)) {
         return false;
     }
-    const bool writeListFirst = (writeFirst != 0);
-    if (!dispatchFirstReady(writeListFirst)) {
-        dispatchFirstReady(!writeListFirst);
+    if (rule == ServeRule::EveryReady) {
+        serveEveryReady();
+    } else {
+        serveOneReady();
     }
-    writeFirst = (writeFirst == 0) ? 1 : 0;
     return true;
 }
 
 int IoMultiplexer::getMaxFd() const {
-    return maxFd;
+    return watches.empty() ? 0 : watches.rbegin()->first;
 }
 
-void IoMultiplexer::addEntries(std::vector<IoHandlerFd>& list, IoHandler* handler,
-                               const std::set<int>& fds) {
+// ---- Registration ----
+
+bool IoMultiplexer::addEntries(EntryMap& entries, IoHandler* handler, const std::set<int>& fds,
+                               bool isWrite) {
+    const uint64_t firstGeneration = nextGeneration;
     for (const int fd : fds) {
         if (fd < 0) {
             continue;
         }
-        // select() cannot watch a descriptor at or above FD_SETSIZE: putting
-        // one into an fd_set would write past its end.
-        if (fd >= FD_SETSIZE) {
-            TRACE_ERROR("Descriptor %d not watched: select() handles descriptors below %d", fd,
-                        FD_SETSIZE);
+        const uint64_t generation = nextGeneration++;
+        if (!watchFd(fd, generation, isWrite)) {
+            // All or nothing: the caller sees one answer for the whole handler.
+            removeEntries(entries, handler, firstGeneration, isWrite);
+            return false;
+        }
+        entries.emplace(generation, IoHandlerFd(handler, fd));
+    }
+    return true;
+}
+
+void IoMultiplexer::removeEntries(EntryMap& entries, IoHandler* handler, uint64_t fromGeneration,
+                                  bool isWrite) {
+    auto entry = entries.lower_bound(fromGeneration);
+    while (entry != entries.end()) {
+        if (entry->second.handler != handler) {
+            ++entry;
             continue;
         }
-        list.emplace_back(handler, fd);
-        if (fd > maxFd) {
-            maxFd = fd;
-        }
+        unwatchFd(entry->second.fd, entry->first, isWrite);
+        entry = entries.erase(entry);
     }
 }
 
-void IoMultiplexer::removeEntries(std::vector<IoHandlerFd>& list, unsigned int& cursor,
-                                  IoHandler* handler) {
-    std::size_t i = 0;
-    while (i < list.size()) {
-        if (list[i].handler != handler) {
-            ++i;
-            continue;
-        }
-        // Keep the search resuming at the entry that followed the one served last.
-        if (i < cursor) {
-            --cursor;
-        }
-        const int erasedFd = list[i].fd;
-        list.erase(list.begin() + static_cast<std::ptrdiff_t>(i));
-        if (erasedFd == maxFd) {
-            recomputeMaxFd();
-        }
+// The poller hears of a descriptor only when the directions watched on it
+// change: several entries on one descriptor share one registration.
+bool IoMultiplexer::watchFd(int fd, uint64_t generation, bool isWrite) {
+    FdWatch& watch = watches[fd];
+    std::vector<uint64_t>& generations = isWrite ? watch.writers : watch.readers;
+    const unsigned previous = watch.events();
+    generations.push_back(generation);
+    const unsigned events = watch.events();
+    if (events == previous || poller->setEvents(fd, previous, events)) {
+        return true;
+    }
+    generations.pop_back();
+    if (watch.events() == 0) {
+        watches.erase(fd);
+    }
+    return false;
+}
+
+void IoMultiplexer::unwatchFd(int fd, uint64_t generation, bool isWrite) {
+    auto found = watches.find(fd);
+    if (found == watches.end()) {
+        return;
+    }
+    FdWatch& watch = found->second;
+    const unsigned previous = watch.events();
+    eraseGeneration(isWrite ? watch.writers : watch.readers, generation);
+    const unsigned events = watch.events();
+    if (events != previous) {
+        // A failure is traced by the poller; the entry is gone all the same.
+        poller->setEvents(fd, previous, events);
+    }
+    if (events == 0) {
+        watches.erase(found);
     }
 }
 
-void IoMultiplexer::recomputeMaxFd() {
-    maxFd = 0;
-    for (const std::vector<IoHandlerFd>* list : {&readList, &writeList}) {
-        for (const IoHandlerFd& entry : *list) {
-            if (entry.fd > maxFd) {
-                maxFd = entry.fd;
+// ---- Every ready descriptor per wake-up ----
+
+void IoMultiplexer::serveEveryReady() {
+    collectBatch();
+    for (const BatchEntry& item : batch) {
+        serveBatchEntry(item);
+    }
+}
+
+// Takes the entries to call before any is called: what the handlers register
+// meanwhile waits for the next wake-up.
+void IoMultiplexer::collectBatch() {
+    batch.clear();
+    const std::size_t count = ready.size();
+    if (count == 0) {
+        return;
+    }
+    const std::size_t start = rotation % count;
+    ++rotation;
+    for (std::size_t i = 0; i < count; ++i) {
+        const IoReadiness& readiness = ready[(start + i) % count];
+        auto watch = watches.find(readiness.fd);
+        if (watch == watches.end()) {
+            continue;
+        }
+        if ((readiness.events & IoPoller::kRead) != 0) {
+            for (const uint64_t generation : watch->second.readers) {
+                batch.push_back({generation, false});
+            }
+        }
+        if ((readiness.events & IoPoller::kWrite) != 0) {
+            for (const uint64_t generation : watch->second.writers) {
+                batch.push_back({generation, true});
             }
         }
     }
 }
 
-void IoMultiplexer::buildReadySets() {
-    FD_ZERO(&readSet);
-    FD_ZERO(&writeSet);
-    FD_ZERO(&exceptSet);
-    addToSet(writeList, writeSet);
-    addToSet(readList, readSet);
-}
-
-bool IoMultiplexer::dispatchFirstReady(bool fromWriteList) {
-    if (fromWriteList) {
-        return dispatchFrom(writeList, writeSet, writeCursor, true);
+// An earlier handler of the same wake-up may have removed the entry; its
+// generation then names no entry, even if its descriptor number was reused.
+void IoMultiplexer::serveBatchEntry(const BatchEntry& item) {
+    const EntryMap& entries = item.isWrite ? writeEntries : readEntries;
+    auto entry = entries.find(item.generation);
+    if (entry == entries.end()) {
+        return;
     }
-    return dispatchFrom(readList, readSet, readCursor, false);
+    call(entry->second, item.isWrite);
 }
 
-bool IoMultiplexer::dispatchFrom(std::vector<IoHandlerFd>& list, const fd_set& readySet,
-                                 unsigned int& cursor, bool isWriteList) {
-    if (cursor >= list.size()) {
+// ---- One ready descriptor per call ----
+
+void IoMultiplexer::serveOneReady() {
+    std::set<int> readyRead;
+    std::set<int> readyWrite;
+    for (const IoReadiness& readiness : ready) {
+        if ((readiness.events & IoPoller::kRead) != 0) {
+            readyRead.insert(readiness.fd);
+        }
+        if ((readiness.events & IoPoller::kWrite) != 0) {
+            readyWrite.insert(readiness.fd);
+        }
+    }
+    const bool writeListFirst = (writeFirst != 0);
+    const bool served = writeListFirst ? serveOneFrom(writeEntries, readyWrite, writeCursor, true)
+                                       : serveOneFrom(readEntries, readyRead, readCursor, false);
+    if (!served) {
+        if (writeListFirst) {
+            serveOneFrom(readEntries, readyRead, readCursor, false);
+        } else {
+            serveOneFrom(writeEntries, readyWrite, writeCursor, true);
+        }
+    }
+    writeFirst = (writeFirst == 0) ? 1 : 0;
+}
+
+// Round robin: from behind the entry served last to the end, then wrap round.
+// Removed entries need no cursor care: the search resumes at the first
+// generation behind the cursor, whichever entries are left.
+bool IoMultiplexer::serveOneFrom(EntryMap& entries, const std::set<int>& readyFds, uint64_t& cursor,
+                                 bool isWrite) {
+    auto start = entries.upper_bound(cursor);
+    if (start == entries.end()) {
         cursor = 0;
+        start = entries.begin();
     }
-    if (list.empty()) {
-        return false;
+    auto found = findReady(start, entries.end(), readyFds);
+    if (found == entries.end()) {
+        found = findReady(entries.begin(), start, readyFds);
+        if (found == start) {
+            return false;
+        }
     }
-    // Round robin: from the cursor to the end, then wrap round to the cursor.
-    const std::size_t start = cursor;
-    std::size_t found = 0;
-    if (!findReady(list, readySet, start, list.size(), found) &&
-        !(start != 0 && findReady(list, readySet, 0, start, found))) {
-        return false;
-    }
-    cursor = static_cast<unsigned int>(found + 1);
+    cursor = found->first;
     // The handler runs last: it may register or remove entries, even its own.
-    const IoHandlerFd entry = list[found];
-    if (isWriteList) {
-        entry.handler->handleOutput(entry.fd);
-    } else {
-        entry.handler->handleInput(entry.fd);
-    }
+    call(found->second, isWrite);
     return true;
+}
+
+void IoMultiplexer::call(const IoHandlerFd& entry, bool isWrite) {
+    // A copy: the handler may remove the entry it is called for.
+    const IoHandlerFd target = entry;
+    if (isWrite) {
+        target.handler->handleOutput(target.fd);
+    } else {
+        target.handler->handleInput(target.fd);
+    }
 }

@@ -1,6 +1,8 @@
 #include "ItcDispatcher.h"
 
 #include <cerrno>
+#include <cstdarg>
+#include <cstdio>
 #include <cstring>
 #include <memory>
 
@@ -12,13 +14,18 @@
 #include "TwampTestSessionController.h"
 #include "TwampTestSessionFactory.h"
 #include "TwtsiSignals.h"
+#include "tn_log_internal.h"
 
 namespace {
 
-// The smallest test packet that still holds a whole reflected packet, and
-// the largest UDP payload of an IPv4 datagram.
-constexpr int32_t kMinPacketSize = 41;
-constexpr int32_t kMaxPacketSize = 65507;
+// Refusals found in a helper are traced on behalf of the signal's handler.
+constexpr const char* kCreateHandler = "handleTwtsiCreateTwampTestSession";
+
+// Operator-log records of a refused create: severity error, application log.
+constexpr SaLogSeverityT kRefusalLogSeverity = SA_LOG_SEV_ERROR;
+constexpr const char* kOperatorLogUser = "TWAMP";
+// Room for the longest reason: two 10-digit numbers and the text around them.
+constexpr std::size_t kReasonSize = 128;
 
 static_assert(sizeof(PmPeriodRecord) == sizeof(twtsiGetTwampTestSessionPmCountersRsp{}.counters),
               "a reply carries one period record");
@@ -60,8 +67,90 @@ void maskBin(twtsiGetTwampTestSessionPmCountersRsp& reply, int bin) {
     }
 }
 
-bool isPacketSizeAllowed(int32_t packetSize) {
-    return packetSize >= kMinPacketSize && packetSize <= kMaxPacketSize;
+// The 16 key bytes as 32 lower-case hex digits, as managers write them.
+std::string toHex(const uint8_t (&sessionId)[TWTSI_SESSION_ID_SIZE]) {
+    static const char kDigits[] = "0123456789abcdef";
+    std::string text;
+    for (const uint8_t byte : sessionId) {
+        text.push_back(kDigits[byte >> 4]);
+        text.push_back(kDigits[byte & 0x0F]);
+    }
+    return text;
+}
+
+std::string formatReason(const char* format, ...) __attribute__((format(printf, 1, 2)));
+
+std::string formatReason(const char* format, ...) {
+    char reason[kReasonSize];
+    va_list arguments;
+    va_start(arguments, format);
+    std::vsnprintf(reason, sizeof(reason), format, arguments);
+    va_end(arguments);
+    return reason;
+}
+
+uint32_t maxStartOffsetFor(uint32_t spreadingBase) {
+    return spreadingBase == TWTSI_DENSE_SPREADING_BASE ? TWTSI_MAX_START_OFFSET_DENSE
+                                                       : TWTSI_MAX_START_OFFSET;
+}
+
+// The first field of a create signal outside what a session can keep, as
+// "field value, allowed range"; empty when every field is inside. The start
+// slot must fall inside the first second of the minute, or arming the timer
+// fails; faster rates than one timer can keep would only count as overruns.
+std::string findLimitViolation(const twtsiCreateTwampTestSession& create) {
+    if (create.packetSize < TWTSI_MIN_PACKET_SIZE || create.packetSize > TWTSI_MAX_PACKET_SIZE) {
+        return formatReason("packetSize %d, allowed %d to %d", create.packetSize,
+                            TWTSI_MIN_PACKET_SIZE, TWTSI_MAX_PACKET_SIZE);
+    }
+    if (create.packetsPerSecond > TWTSI_MAX_PACKETS_PER_SECOND) {
+        return formatReason("packetsPerSecond %u, allowed 0 to %u", create.packetsPerSecond,
+                            TWTSI_MAX_PACKETS_PER_SECOND);
+    }
+    const uint32_t maxStartOffset = maxStartOffsetFor(create.spreadingBase);
+    if (create.startOffset > maxStartOffset) {
+        return formatReason("startOffset %u, allowed 0 to %u with spreadingBase %u",
+                            create.startOffset, maxStartOffset, create.spreadingBase);
+    }
+    if (create.dscp > TWTSI_MAX_DSCP) {
+        return formatReason("dscp %u, allowed 0 to %u", create.dscp, TWTSI_MAX_DSCP);
+    }
+    return std::string();
+}
+
+// A create signal with its address and port as text.
+struct CreateRequest {
+    const twtsiCreateTwampTestSession& create;
+    const char* dstIpAddress;
+    const char* dstUdpPort;
+};
+
+// Every refused create leaves this one record for the operator.
+void logRefusedCreate(const CreateRequest& request, const std::string& reason) {
+    tn_log_internal_log(
+        kRefusalLogSeverity, kTnApplicationLogMask, kOperatorLogUser,
+        tn_log_format("TwampTestSession: create of sessionId %s for dstIpAddress %s, "
+                      "dstUdpPort %s refused: %s",
+                      toHex(request.create.sessionId).c_str(), request.dstIpAddress,
+                      request.dstUdpPort, reason.c_str()));
+}
+
+bool isCreateAllowed(const CreateRequest& request) {
+    const std::string violation = findLimitViolation(request.create);
+    if (!violation.empty()) {
+        TRACE_ERROR_AS(kCreateHandler, "Invalid %s", violation.c_str());
+        logRefusedCreate(request, violation);
+        return false;
+    }
+    // The first session of a key stays; a second one would run unreachable.
+    const SessionKey key = toSessionKey(request.create.sessionId);
+    if (TwampTestSessionController::getInstance()->getTwampTestSession(key) != nullptr) {
+        TRACE_ERROR_AS(kCreateHandler, "Session %s already exists",
+                       toHex(request.create.sessionId).c_str());
+        logRefusedCreate(request, "sessionId already in use");
+        return false;
+    }
+    return true;
 }
 
 }  // namespace
@@ -87,8 +176,7 @@ bool ItcDispatcher::init(const std::string& serviceName) {
     mailboxId = itc_create_mailbox(serviceName.c_str(), 0);
     itcFd = itc_get_fd();
     readFds.insert(itcFd);
-    TwampTestSessionController::getInstance()->getIoMultiplexer().registerReadHandler(this);
-    return true;
+    return TwampTestSessionController::getInstance()->getIoMultiplexer().registerReadHandler(this);
 }
 
 bool ItcDispatcher::handleInput(int /*fd*/) {
@@ -138,24 +226,34 @@ void ItcDispatcher::dispatch(union itc_msg* signal) {
 void ItcDispatcher::handleTwtsiCreateTwampTestSession(union itc_msg* signal) {
     TRACE_LAB("Received twtsiCreateTwampTestSession ");
     const twtsiCreateTwampTestSession& create = signal->twtsiCreateTwampTestSession;
-    if (!isPacketSizeAllowed(create.packetSize)) {
-        TRACE_ERROR("Invalid packetSize %d, allowed %d to %d", create.packetSize, kMinPacketSize,
-                    kMaxPacketSize);
-        return;
-    }
     // The manager may have left out the terminator: read at most the field.
     char dstIpAddress[TWTSI_DST_IP_ADDRESS_SIZE + 1];
     std::memcpy(dstIpAddress, create.dstIpAddress, TWTSI_DST_IP_ADDRESS_SIZE);
     dstIpAddress[TWTSI_DST_IP_ADDRESS_SIZE] = '\0';
     const std::string dstUdpPort = std::to_string(create.dstUdpPort);
+    const CreateRequest request{create, dstIpAddress, dstUdpPort.c_str()};
+    if (!isCreateAllowed(request)) {
+        return;
+    }
 
-    TwampTestSession* session = factory->createTwampTestSession(
+    std::unique_ptr<TwampTestSession> session(factory->createTwampTestSession(
         dstIpAddress, dstUdpPort.c_str(), create.packetsPerSecond, create.spare1, create.spare2,
-        create.packetSize, create.dscp, create.startOffset, create.spreadingBase);
-    // A session whose address could not be resolved is registered all the same.
-    session->init();
+        create.packetSize, create.dscp, create.startOffset, create.spreadingBase));
+    // A session whose address could not be resolved is registered all the
+    // same; one without a descriptor could never send and is refused: its
+    // destruction leaves the loop and closes what it opened.
+    if (!session->init()) {
+        const std::string descriptorFailure = session->getDescriptorFailure();
+        if (!descriptorFailure.empty()) {
+            TRACE_ERROR("Session %s for dstIpAddress %s, dstUdpPort %s refused: %s",
+                        toHex(create.sessionId).c_str(), dstIpAddress, dstUdpPort.c_str(),
+                        descriptorFailure.c_str());
+            logRefusedCreate(request, descriptorFailure);
+            return;
+        }
+    }
     TwampTestSessionController::getInstance()->addTwampTestSession(toSessionKey(create.sessionId),
-                                                                   session);
+                                                                   session.release());
 }
 
 void ItcDispatcher::handleTwtsiDeleteTwampTestSession(union itc_msg* signal) {

@@ -291,18 +291,29 @@ bool TwampTestSession::handleOutput(int /*fd*/) {
     return true;
 }
 
+std::string TwampTestSession::getDescriptorFailure() const {
+    return descriptorFailure;
+}
+
 bool TwampTestSession::init() {
     const int rc = resolveDestination();
     if (rc != 0) {
         TRACE_ERROR("Failed getaddrinfo: %s", gai_strerror(rc));
         return false;
     }
-    registerWithSocket();
     initPmStates();
+    // The descriptor comes before the socket: a session refused for want of
+    // one has not yet taken the socket's routing of its destination, which
+    // its removal would take away from a running session towards the same
+    // reflector.
     if (!createTimer()) {
         return false;
     }
-    TwampTestSessionController::getInstance()->getIoMultiplexer().registerReadHandler(this);
+    if (!TwampTestSessionController::getInstance()->getIoMultiplexer().registerReadHandler(this)) {
+        descriptorFailure = "the event loop cannot watch its packet timer";
+        return false;
+    }
+    registerWithSocket();
     if (!setAndStartTimer()) {
         return false;
     }
@@ -700,6 +711,7 @@ bool TwampTestSession::createTimer() {
     if (timerFd == -1) {
         const int error = errno;
         TRACE_ERROR_AS(kInit, "Failed timerfd_create: errno %d - %s", error, strerror(error));
+        descriptorFailure = std::string("timerfd_create failed: ") + strerror(error);
         return false;
     }
     return true;

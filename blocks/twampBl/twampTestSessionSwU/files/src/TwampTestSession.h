@@ -90,6 +90,9 @@ class TwampTestSession : public IoHandler, public MessageReceiver {
 
     // Starts the session; true when it was started.
     virtual bool init();
+    // Why init failed for want of a descriptor (no packet timer, or the
+    // event loop cannot watch it); empty when it did not fail so.
+    virtual std::string getDescriptorFailure() const;
 
     // MessageReceiver
     // A reflected test packet for the destination address.
@@ -297,6 +300,7 @@ class TwampTestSession : public IoHandler, public MessageReceiver {
     uint64_t timerOverruns = 0;
     int timerFd = -1;
     std::set<int> readFds;
+    std::string descriptorFailure;
     alignas(struct cmsghdr) uint8_t controlBuffer[kControlBufferSize];
     struct sockaddr_storage dstAddress;
     uint32_t dstAddressLength = 0;

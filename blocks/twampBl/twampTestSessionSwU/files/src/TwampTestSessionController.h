@@ -8,6 +8,7 @@
 #include <map>
 #include <memory>
 
+#include "EpollPoller.h"
 #include "IoMultiplexer.h"
 #include "RandomFd.h"
 #include "SessionKey.h"
@@ -50,7 +51,9 @@ class TwampTestSessionController : public TwampTestSessionControllerInterface {
   private:
     // Declared in this order on purpose: the dispatcher is created last but
     // must be gone before the registry, the socket and the multiplexer.
-    IoMultiplexer ioMultiplexer;
+    // The daemon's loop: epoll, every ready descriptor per wake-up.
+    IoMultiplexer ioMultiplexer{std::make_unique<EpollPoller>(),
+                                IoMultiplexer::ServeRule::EveryReady};
     std::unique_ptr<ItcDispatcher> itcDispatcher;
     UdpSocket udpSocket;
     RandomFd randomFd;

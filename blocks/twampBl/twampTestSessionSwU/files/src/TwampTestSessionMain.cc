@@ -130,6 +130,30 @@ bool parseIsIpsecTunnel(const char* text) {
     return std::strtoul(text, nullptr, 0) == 1;
 }
 
+bool raiseOpenFileLimit(ResourceLimitSystemCalls& systemCalls) {
+    struct rlimit limit = {};
+    if (systemCalls.getOpenFileLimit(&limit) != 0) {
+        const int error = errno;
+        TRACE_ERROR("Failed getrlimit RLIMIT_NOFILE: errno %d - %s", error, std::strerror(error));
+        return false;
+    }
+    const auto current = static_cast<unsigned long long>(limit.rlim_cur);
+    const auto hard = static_cast<unsigned long long>(limit.rlim_max);
+    if (limit.rlim_cur == limit.rlim_max) {
+        TRACE_INFO("Open descriptor limit %llu is the hard limit", hard);
+        return true;
+    }
+    limit.rlim_cur = limit.rlim_max;
+    if (systemCalls.setOpenFileLimit(&limit) != 0) {
+        const int error = errno;
+        TRACE_ERROR("Failed setrlimit RLIMIT_NOFILE from %llu to %llu: errno %d - %s", current,
+                    hard, error, std::strerror(error));
+        return false;
+    }
+    TRACE_INFO("Open descriptor limit raised from %llu to %llu", current, hard);
+    return true;
+}
+
 void runTwampTestSession(int argc, char* argv[]) {
     std::fprintf(stderr, "argc= %u\n", static_cast<unsigned>(argc));
     for (int i = 0; i < argc; ++i) {
@@ -146,6 +170,9 @@ void runTwampTestSession(int argc, char* argv[]) {
         TRACE_ERROR_AS(kMain, "tn_log_init failed ");
         FATAL_RESTART("tn_log_init failed ");
     }
+
+    // Every session costs a descriptor: a router runs a couple of thousand.
+    raiseOpenFileLimit();
 
     // The namespace is joined before the socket and the mailbox exist, so
     // that both live in it.

@@ -5,6 +5,8 @@
 
 #include <glib.h>
 
+#include "ResourceLimitSystemCalls.h"
+
 // GLib default log handler: traces every GLib message (errors and criticals at
 // ERROR, warnings, messages and infos at INFO, debug at LAB) and aborts after
 // a fatal one, whether or not its event is enabled. userData is unused.
@@ -21,6 +23,12 @@ void closeNs(int fd);
 
 // The isIpsecTunnel argument: true exactly when strtoul in base 0 gives 1.
 bool parseIsIpsecTunnel(const char* text);
+
+// Raises the soft limit on open descriptors to the hard limit, since every
+// test session costs one descriptor (its packet timer). The limit in force
+// afterwards is traced at INFO; a failure is traced at ERROR, and start-up
+// goes on under the old limit. True when the soft limit is the hard one.
+bool raiseOpenFileLimit(ResourceLimitSystemCalls& systemCalls = ResourceLimitSystemCalls::real());
 
 // The whole life of the daemon process; ends with exit(1) on a wrong argument
 // count, exit(0) when the event loop ends, or waits for a restart after a
