@@ -25,48 +25,9 @@
 #include "IoHandler.h"
 #include "MessageReceiver.h"
 #include "ReceiverKey.h"
+#include "SocketSystemCalls.h"
 
 class IoMultiplexer;
-
-// The system calls of the socket. The base class calls the real ones; tests
-// override single calls to drive bind failures, clocks and received messages
-// without sleeping or depending on the network.
-class SocketSystemCalls {
-  public:
-    virtual ~SocketSystemCalls();
-
-    // ::getaddrinfo
-    virtual int getaddrinfo(const char* node, const char* service, const struct addrinfo* hints,
-                            struct addrinfo** result);
-    // ::freeaddrinfo
-    virtual void freeaddrinfo(struct addrinfo* result);
-    // ::socket
-    virtual int socket(int domain, int type, int protocol);
-    // ::bind
-    virtual int bind(int fd, const struct sockaddr* address, socklen_t length);
-    // ::close
-    virtual int close(int fd);
-    // ::sleep
-    virtual unsigned int sleep(unsigned int seconds);
-    // ::clock_gettime
-    virtual int clockGettime(clockid_t clock, struct timespec* time);
-    // ::timerfd_create
-    virtual int timerfdCreate(int clock, int flags);
-    // ::timerfd_settime
-    virtual int timerfdSettime(int fd, int flags, const struct itimerspec* newValue,
-                               struct itimerspec* oldValue);
-    // ::read
-    virtual ssize_t read(int fd, void* buffer, std::size_t count);
-    // ::recvmsg
-    virtual ssize_t recvmsg(int fd, struct msghdr* msg, int flags);
-    // ::setsockopt
-    virtual int setsockopt(int fd, int level, int name, const void* value, socklen_t length);
-    // ::fcntl with one int argument (0 for commands without one).
-    virtual int fcntl(int fd, int command, int argument);
-
-    // The process's instance calling the real system calls.
-    static SocketSystemCalls& real();
-};
 
 class UdpSocket : public IoHandler {
   public:
