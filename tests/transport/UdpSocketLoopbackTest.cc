@@ -206,7 +206,7 @@ TEST_F(UdpSocketLoopbackTest, DatagramFromOtherPortFindsNoReceiver) {
     ASSERT_TRUE(stranger.sendTo(socketAddress, "reflected"));
     ASSERT_TRUE(waitFor(udpSocket->getSocketFd(), POLLIN));
     EXPECT_TRUE(udpSocket->handleInput(udpSocket->getSocketFd()));
-    EXPECT_EQ(std::vector<std::string>{"handleMessage(): Failed to find message receiver"},
+    EXPECT_EQ(std::vector<std::string>{"handleInput(): Failed to find message receiver"},
               TraceRecorder::twampMessages("LAB"));
     EXPECT_EQ(1U, udpSocket->getMessageCount());
 }

@@ -574,7 +574,7 @@ TEST_F(UdpSocketTest, ReceiveBufferFailureTraced) {
     ON_CALL(systemCalls, setsockopt).WillByDefault(failWith(ENOBUFS));
     succeedEveryBind();
     ASSERT_TRUE(udpSocket->init("127.0.0.1", "5000", false));
-    EXPECT_EQ(std::vector<std::string>{"enlargeReceiveBuffer(): Failed to enlarge the socket "
+    EXPECT_EQ(std::vector<std::string>{"socketConfiguration(): Failed to enlarge the socket "
                                        "receive buffer: errno 105 - No buffer space available"},
               TraceRecorder::twampMessages("LAB"));
 }
@@ -608,16 +608,17 @@ TEST_F(UdpSocketTest, Ipv4OptionFailuresTraced) {
     ON_CALL(systemCalls, setsockopt).WillByDefault(failWith(EPERM));
     succeedEveryBind();
     ASSERT_TRUE(udpSocket->init("127.0.0.1", "5000", false));
-    EXPECT_EQ((std::vector<std::string>{
-                  "enableTimestamping(): Failed setsockopt SO_TIMESTAMPING: errno 1 - Operation "
-                  "not permitted",
-                  "setIpv4Options(): Failed to set socket option IP_TTL: errno 1 - Operation not "
-                  "permitted",
-                  "setIpv4Options(): Failed to set socket option IP_RECVTTL: errno 1 - Operation "
-                  "not permitted",
-                  "setIpv4Options(): Failed to set socket option IP_RECVTOS: errno 1 - Operation "
-                  "not permitted"}),
-              TraceRecorder::twampMessages("ERROR"));
+    EXPECT_EQ(
+        (std::vector<std::string>{
+            "socketConfiguration(): Failed setsockopt SO_TIMESTAMPING: errno 1 - Operation "
+            "not permitted",
+            "socketConfiguration(): Failed to set socket option IP_TTL: errno 1 - Operation not "
+            "permitted",
+            "socketConfiguration(): Failed to set socket option IP_RECVTTL: errno 1 - Operation "
+            "not permitted",
+            "socketConfiguration(): Failed to set socket option IP_RECVTOS: errno 1 - Operation "
+            "not permitted"}),
+        TraceRecorder::twampMessages("ERROR"));
     EXPECT_EQ(udpSocket->getSocketFd(), multiplexer.getMaxFd());
 }
 
@@ -626,14 +627,15 @@ TEST_F(UdpSocketTest, Ipv6OptionFailuresTraced) {
     ON_CALL(systemCalls, setsockopt).WillByDefault(failWith(ENOPROTOOPT));
     succeedEveryBind();
     ASSERT_TRUE(udpSocket->init("::1", "5000", false));
-    EXPECT_EQ((std::vector<std::string>{
-                  "enableTimestamping(): Failed setsockopt SO_TIMESTAMPING: errno 92 - Protocol "
-                  "not available",
-                  "setIpv6Options(): Failed to set socket option IPV6_RECVHOPLIMIT: errno 92 - "
-                  "Protocol not available",
-                  "setIpv6Options(): Failed to set socket option IPV6_RECVTCLASS: errno 92 - "
-                  "Protocol not available"}),
-              TraceRecorder::twampMessages("ERROR"));
+    EXPECT_EQ(
+        (std::vector<std::string>{
+            "socketConfiguration(): Failed setsockopt SO_TIMESTAMPING: errno 92 - Protocol "
+            "not available",
+            "socketConfiguration(): Failed to set socket option IPV6_RECVHOPLIMIT: errno 92 - "
+            "Protocol not available",
+            "socketConfiguration(): Failed to set socket option IPV6_RECVTCLASS: errno 92 - "
+            "Protocol not available"}),
+        TraceRecorder::twampMessages("ERROR"));
 }
 
 // The socket is made non-blocking by adding O_NONBLOCK to its flags.
@@ -656,7 +658,7 @@ TEST_F(UdpSocketTest, NonBlockingFailureTraced) {
     ON_CALL(systemCalls, fcntl(_, F_SETFL, _)).WillByDefault(failWith(EBADF));
     succeedEveryBind();
     ASSERT_TRUE(udpSocket->init("127.0.0.1", "5000", false));
-    EXPECT_EQ(std::vector<std::string>{"makeNonBlocking(): Failed fcntl: errno 9 - Bad file "
+    EXPECT_EQ(std::vector<std::string>{"socketConfiguration(): Failed fcntl: errno 9 - Bad file "
                                        "descriptor"},
               TraceRecorder::twampMessages("ERROR"));
 }
@@ -737,7 +739,7 @@ TEST_F(UdpSocketTest, PacketFromOtherPortFindsNoReceiver) {
     udpSocket->addMessageReceiver(ipv4Key("198.18.0.2", 862), &receiver);
     packets.push_back({ipv4Key("198.18.0.2", 863), {1, 2, 3}});
     udpSocket->handleInput(udpSocket->getSocketFd());
-    EXPECT_EQ(std::vector<std::string>{"handleMessage(): Failed to find message receiver"},
+    EXPECT_EQ(std::vector<std::string>{"handleInput(): Failed to find message receiver"},
               TraceRecorder::twampMessages("LAB"));
     EXPECT_EQ(1U, udpSocket->getMessageCount());
 }
@@ -764,7 +766,7 @@ TEST_F(UdpSocketTest, RemoveMessageReceiverErases) {
     udpSocket->removeMessageReceiver(ipv4Key("198.18.0.2", 862));
     packets.push_back({ipv4Key("198.18.0.2", 862), {1}});
     udpSocket->handleInput(udpSocket->getSocketFd());
-    EXPECT_EQ(std::vector<std::string>{"handleMessage(): Failed to find message receiver"},
+    EXPECT_EQ(std::vector<std::string>{"handleInput(): Failed to find message receiver"},
               TraceRecorder::twampMessages("LAB"));
 }
 
@@ -799,7 +801,7 @@ TEST_F(UdpSocketTest, ErrQueueMessageWithoutReceiverTraced) {
     errQueue.push_back(
         {ReceiverKey(), twamp_test::withEthernet(twamp_test::ipv4Packet(17, 18), 0x08, 0x00)});
     udpSocket->handleInput(udpSocket->getSocketFd());
-    EXPECT_EQ(std::vector<std::string>{"handleErrQueueMessage(): Failed to find message receiver"},
+    EXPECT_EQ(std::vector<std::string>{"handleInput(): Failed to find message receiver"},
               TraceRecorder::twampMessages("LAB"));
 }
 

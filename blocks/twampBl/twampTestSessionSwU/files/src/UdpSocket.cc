@@ -20,6 +20,10 @@ constexpr int kOptionOn = 1;
 // Room for several seconds of replies and timestamps of a fully loaded daemon.
 constexpr int kReceiveQueueBytes = 4 * 1024 * 1024;
 
+// Traces of the private steps below name the operation they belong to.
+constexpr const char* kSocketConfiguration = "socketConfiguration";
+constexpr const char* kHandleInput = "handleInput";
+
 }  // namespace
 
 // ---- Construction ----
@@ -83,7 +87,7 @@ void UdpSocket::handleErrQueueMessage() {
     }
     MessageReceiver* receiver = findMessageReceiver(key);
     if (receiver == nullptr) {
-        TRACE_LAB("Failed to find message receiver");
+        TRACE_LAB_AS(kHandleInput, "Failed to find message receiver");
         return;
     }
     receiver->receiveErrQueueMessage(&messageHeader, length);
@@ -97,7 +101,7 @@ void UdpSocket::handleMessage() {
     ++messageCount;
     MessageReceiver* receiver = findMessageReceiver(ReceiverKey(sourceAddress));
     if (receiver == nullptr) {
-        TRACE_LAB("Failed to find message receiver");
+        TRACE_LAB_AS(kHandleInput, "Failed to find message receiver");
         return;
     }
     receiver->receiveMessage(&messageHeader);
@@ -257,7 +261,8 @@ bool UdpSocket::makeNonBlocking() {
     const int nonBlocking = (flags == -1) ? O_NONBLOCK : (flags | O_NONBLOCK);
     if (systemCalls->fcntl(socketFd, F_SETFL, nonBlocking) == -1) {
         const int error = errno;
-        TRACE_ERROR("Failed fcntl: errno %d - %s", error, std::strerror(error));
+        TRACE_ERROR_AS(kSocketConfiguration, "Failed fcntl: errno %d - %s", error,
+                       std::strerror(error));
         return false;
     }
     return true;
@@ -267,8 +272,8 @@ bool UdpSocket::enableTimestamping() {
     const int value = TimestampSource::configureFromEnvironment().getOptionValue();
     if (!setIntOption(SOL_SOCKET, SO_TIMESTAMPING, value)) {
         const int error = errno;
-        TRACE_ERROR("Failed setsockopt SO_TIMESTAMPING: errno %d - %s", error,
-                    std::strerror(error));
+        TRACE_ERROR_AS(kSocketConfiguration, "Failed setsockopt SO_TIMESTAMPING: errno %d - %s",
+                       error, std::strerror(error));
         return false;
     }
     return true;
@@ -284,28 +289,30 @@ void UdpSocket::enlargeReceiveBuffer() {
         return;
     }
     const int error = errno;
-    TRACE_LAB("Failed to enlarge the socket receive buffer: errno %d - %s", error,
-              std::strerror(error));
+    TRACE_LAB_AS(kSocketConfiguration, "Failed to enlarge the socket receive buffer: errno %d - %s",
+                 error, std::strerror(error));
 }
 
 bool UdpSocket::setIpv4Options() {
     bool configured = true;
     if (!setIntOption(IPPROTO_IP, IP_TTL, kTtl)) {
         const int error = errno;
-        TRACE_ERROR("Failed to set socket option IP_TTL: errno %d - %s", error,
-                    std::strerror(error));
+        TRACE_ERROR_AS(kSocketConfiguration, "Failed to set socket option IP_TTL: errno %d - %s",
+                       error, std::strerror(error));
         configured = false;
     }
     if (!setIntOption(IPPROTO_IP, IP_RECVTTL, kOptionOn)) {
         const int error = errno;
-        TRACE_ERROR("Failed to set socket option IP_RECVTTL: errno %d - %s", error,
-                    std::strerror(error));
+        TRACE_ERROR_AS(kSocketConfiguration,
+                       "Failed to set socket option IP_RECVTTL: errno %d - %s", error,
+                       std::strerror(error));
         configured = false;
     }
     if (!setIntOption(IPPROTO_IP, IP_RECVTOS, kOptionOn)) {
         const int error = errno;
-        TRACE_ERROR("Failed to set socket option IP_RECVTOS: errno %d - %s", error,
-                    std::strerror(error));
+        TRACE_ERROR_AS(kSocketConfiguration,
+                       "Failed to set socket option IP_RECVTOS: errno %d - %s", error,
+                       std::strerror(error));
         configured = false;
     }
     return configured;
@@ -316,14 +323,16 @@ bool UdpSocket::setIpv6Options() {
     bool configured = true;
     if (!setIntOption(IPPROTO_IPV6, IPV6_RECVHOPLIMIT, kOptionOn)) {
         const int error = errno;
-        TRACE_ERROR("Failed to set socket option IPV6_RECVHOPLIMIT: errno %d - %s", error,
-                    std::strerror(error));
+        TRACE_ERROR_AS(kSocketConfiguration,
+                       "Failed to set socket option IPV6_RECVHOPLIMIT: errno %d - %s", error,
+                       std::strerror(error));
         configured = false;
     }
     if (!setIntOption(IPPROTO_IPV6, IPV6_RECVTCLASS, kOptionOn)) {
         const int error = errno;
-        TRACE_ERROR("Failed to set socket option IPV6_RECVTCLASS: errno %d - %s", error,
-                    std::strerror(error));
+        TRACE_ERROR_AS(kSocketConfiguration,
+                       "Failed to set socket option IPV6_RECVTCLASS: errno %d - %s", error,
+                       std::strerror(error));
         configured = false;
     }
     return configured;
