@@ -671,6 +671,40 @@ TEST_F(UdpSocketTest, ConfiguredSocketIsRegistered) {
     EXPECT_EQ(udpSocket->getSocketFd(), multiplexer.getMaxFd());
 }
 
+// ---- Applied TOS ----
+
+// No TOS is known before a session has set one.
+TEST_F(UdpSocketTest, AppliedTosUnknownAtFirst) {
+    bindIpv4();
+    EXPECT_EQ(-1, udpSocket->getAppliedTos());
+}
+
+// The TOS value recorded last is the one reported.
+TEST_F(UdpSocketTest, AppliedTosIsTheLastRecorded) {
+    bindIpv4();
+    udpSocket->setAppliedTos(184);
+    udpSocket->setAppliedTos(40);
+    EXPECT_EQ(40, udpSocket->getAppliedTos());
+}
+
+// A failed set, recorded as -1, makes the TOS unknown again.
+TEST_F(UdpSocketTest, AppliedTosUnknownAfterFailedSet) {
+    bindIpv4();
+    udpSocket->setAppliedTos(184);
+    udpSocket->setAppliedTos(-1);
+    EXPECT_EQ(-1, udpSocket->getAppliedTos());
+}
+
+// A socket bound by a late retry starts without a known TOS.
+TEST_F(UdpSocketTest, AppliedTosUnknownOnNewlyBoundSocket) {
+    failStartUp();
+    udpSocket->setAppliedTos(184);
+    succeedEveryBind();
+    ASSERT_TRUE(udpSocket->handleInput(udpSocket->getBindTimerFd()));
+    ASSERT_NE(-1, udpSocket->getSocketFd());
+    EXPECT_EQ(-1, udpSocket->getAppliedTos());
+}
+
 // ---- Receiving ----
 
 // Each receive resets the header: name 128, one buffer of 10000, control 256,

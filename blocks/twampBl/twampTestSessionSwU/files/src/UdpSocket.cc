@@ -159,6 +159,7 @@ bool UdpSocket::getBoundSocket(int attempts) {
     TRACE_INFO("Succeeded IP %s port %s socket bind after %d seconds", srcIpAddress, srcUdpPort,
                failedRounds);
     socketFd = boundFd;
+    appliedTos = -1;  // a new socket carries the default TOS until a session sets one
     readFds.insert(socketFd);
     family = addresses->ai_family;
     systemCalls->freeaddrinfo(addresses);
@@ -407,6 +408,14 @@ const char* UdpSocket::getSrcUdpPort() const {
 
 bool UdpSocket::isIpsecTunnel() const {
     return ipsecTunnel;
+}
+
+int UdpSocket::getAppliedTos() const {
+    return appliedTos;
+}
+
+void UdpSocket::setAppliedTos(int tos) {
+    appliedTos = tos;
 }
 
 int UdpSocket::getBindTimerFd() const {

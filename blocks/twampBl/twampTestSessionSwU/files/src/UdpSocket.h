@@ -75,6 +75,10 @@ class UdpSocket : public IoHandler {
     virtual const char* getSrcUdpPort() const;
     // The tunnel flag given to init; it changes no behaviour.
     virtual bool isIpsecTunnel() const;
+    // The IP_TOS value last set on the socket; -1 before any and after a failed set.
+    virtual int getAppliedTos() const;
+    // Records the IP_TOS value just set on the socket, -1 when the set failed.
+    virtual void setAppliedTos(int tos);
 
     // Up to attempts rounds over the resolved addresses, one second apart;
     // schedules a retry when all fail.
@@ -117,6 +121,9 @@ class UdpSocket : public IoHandler {
     int bindTimerFd = -1;
     std::set<int> readFds;
     int family = 0;
+    // Sessions share the socket's one TOS byte; knowing it spares a
+    // setsockopt before every packet when the value would not change.
+    int appliedTos = -1;
     uint64_t messageCount = 0;
     uint64_t errQueueMessageCount = 0;
     alignas(struct cmsghdr) uint8_t controlBuffer[kControlBufferSize];
