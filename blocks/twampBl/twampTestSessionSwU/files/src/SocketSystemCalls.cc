@@ -47,10 +47,6 @@ ssize_t SocketSystemCalls::read(int fd, void* buffer, std::size_t count) {
     return ::read(fd, buffer, count);
 }
 
-ssize_t SocketSystemCalls::recvmsg(int fd, struct msghdr* msg, int flags) {
-    return ::recvmsg(fd, msg, flags);
-}
-
 int SocketSystemCalls::recvmmsg(int fd, struct mmsghdr* messages, unsigned int length, int flags,
                                 struct timespec* timeout) {
     return ::recvmmsg(fd, messages, length, flags, timeout);

@@ -38,8 +38,6 @@ class SocketSystemCalls {
                                struct itimerspec* oldValue);
     // ::read
     virtual ssize_t read(int fd, void* buffer, std::size_t count);
-    // ::recvmsg
-    virtual ssize_t recvmsg(int fd, struct msghdr* msg, int flags);
     // ::recvmmsg
     virtual int recvmmsg(int fd, struct mmsghdr* messages, unsigned int length, int flags,
                          struct timespec* timeout);

@@ -4,6 +4,7 @@
 #include <netinet/in.h>
 #include <unistd.h>
 
+#include <algorithm>
 #include <cerrno>
 #include <cstring>
 
@@ -30,12 +31,7 @@ constexpr const char* kHandleInput = "handleInput";
 
 UdpSocket::UdpSocket(SocketSystemCalls* systemCalls)
     : systemCalls((systemCalls != nullptr) ? systemCalls : &SocketSystemCalls::real()),
-      receiveBuffer(kReceiveBufferSize) {
-    std::memset(controlBuffer, 0, sizeof(controlBuffer));
-    std::memset(&sourceAddress, 0, sizeof(sourceAddress));
-    std::memset(&ioVector, 0, sizeof(ioVector));
-    std::memset(&messageHeader, 0, sizeof(messageHeader));
-}
+      batch(kBatchSize, kReceiveBufferSize, kControlBufferSize) {}
 
 UdpSocket::~UdpSocket() {
     // The multiplexer must not keep descriptors that are about to be closed.
@@ -65,24 +61,64 @@ bool UdpSocket::handleInput(int fd) {
         retryBind();
         return true;
     }
-    // At most one of each per readiness event: whatever remains keeps the
-    // descriptor readable for the next round of the loop.
-    handleErrQueueMessage();
-    handleMessage();
+    // Rounds of error queue first, then packets: a transmit timestamp is
+    // usually read before its reply. Rounds go on while a batch comes back
+    // full, so a busy socket is emptied without a select per message, and
+    // stop at the bound of each queue, so a flood cannot hold the loop: what
+    // remains keeps the descriptor readable for the next round of the loop.
+    unsigned int errQueueLeft = kMaxMessagesPerReadiness;
+    unsigned int packetsLeft = kMaxMessagesPerReadiness;
+    bool more = true;
+    while (more) {
+        const bool moreErrQueue = drainBatch(MSG_ERRQUEUE, errQueueLeft);
+        const bool morePackets = drainBatch(0, packetsLeft);
+        more = moreErrQueue || morePackets;
+    }
     return true;
 }
 
-void UdpSocket::handleErrQueueMessage() {
-    const ssize_t length = receiveMessage(MSG_ERRQUEUE);
+// One batch of a queue within what is left of its bound; true when the
+// batch came back full, so that more may be waiting.
+bool UdpSocket::drainBatch(int flags, unsigned int& left) {
+    if (left == 0) {
+        return false;
+    }
+    const unsigned int limit = std::min(kBatchSize, left);
+    const int received = receiveMessage(flags, limit);
+    if (received < 1) {
+        return false;
+    }
+    const auto count = static_cast<unsigned int>(received);
+    left -= std::min(count, left);
+    for (unsigned int index = 0; index < count; ++index) {
+        if ((flags & MSG_ERRQUEUE) != 0) {
+            handleErrQueueMessage(batch.message(index), batch.length(index));
+        } else {
+            handleMessage(batch.message(index), batch.length(index));
+        }
+    }
+    return count >= limit;
+}
+
+// Control data cut short may have lost the timestamp or half of it: such a
+// message cannot be measured. A datagram longer than the buffer (MSG_TRUNC)
+// is handed on with the bytes that fit: the fields read from replies and
+// looped-back frames lie at their start, and test packets larger than the
+// buffer (up to 65507 bytes) are normal, so it is not traced either.
+void UdpSocket::handleErrQueueMessage(struct msghdr* msg, std::size_t length) {
     if (length < 1) {
         return;
     }
     ++errQueueMessageCount;
-    const std::size_t frameLength = static_cast<std::size_t>(length);
+    if ((msg->msg_flags & MSG_CTRUNC) != 0) {
+        TRACE_LAB_AS(kHandleInput, "Error-queue message with truncated control data discarded");
+        return;
+    }
+    const auto* frame = static_cast<const uint8_t*>(msg->msg_iov[0].iov_base);
     ReceiverKey key;
     // Anything but a looped-back UDP frame of our family is skipped silently.
-    if (!isLoopedUdpFrame(receiveBuffer.data(), frameLength, family) ||
-        !getLoopedFrameDestination(key, receiveBuffer.data(), frameLength, family)) {
+    if (!isLoopedUdpFrame(frame, length, family) ||
+        !getLoopedFrameDestination(key, frame, length, family)) {
         return;
     }
     MessageReceiver* receiver = findMessageReceiver(key);
@@ -90,21 +126,25 @@ void UdpSocket::handleErrQueueMessage() {
         TRACE_LAB_AS(kHandleInput, "Failed to find message receiver");
         return;
     }
-    receiver->receiveErrQueueMessage(&messageHeader, length);
+    receiver->receiveErrQueueMessage(msg, static_cast<ssize_t>(length));
 }
 
-void UdpSocket::handleMessage() {
-    const ssize_t length = receiveMessage(0);
+void UdpSocket::handleMessage(struct msghdr* msg, std::size_t length) {
     if (length < 1) {
         return;
     }
     ++messageCount;
-    MessageReceiver* receiver = findMessageReceiver(ReceiverKey(sourceAddress));
+    if ((msg->msg_flags & MSG_CTRUNC) != 0) {
+        TRACE_LAB_AS(kHandleInput, "Received message with truncated control data discarded");
+        return;
+    }
+    const auto* source = static_cast<const struct sockaddr_storage*>(msg->msg_name);
+    MessageReceiver* receiver = findMessageReceiver(ReceiverKey(*source));
     if (receiver == nullptr) {
         TRACE_LAB_AS(kHandleInput, "Failed to find message receiver");
         return;
     }
-    receiver->receiveMessage(&messageHeader);
+    receiver->receiveMessage(msg);
 }
 
 MessageReceiver* UdpSocket::findMessageReceiver(const ReceiverKey& key) const {
@@ -359,28 +399,12 @@ void UdpSocket::removeMessageReceiver(const ReceiverKey& key) {
     receivers.erase(key);
 }
 
-void UdpSocket::resetMessageHeader() {
-    std::memset(&sourceAddress, 0, sizeof(sourceAddress));
-    std::memset(controlBuffer, 0, sizeof(controlBuffer));
-    std::memset(&messageHeader, 0, sizeof(messageHeader));
-    ioVector.iov_base = receiveBuffer.data();
-    ioVector.iov_len = receiveBuffer.size();
-    messageHeader.msg_name = &sourceAddress;
-    messageHeader.msg_iov = &ioVector;
-    messageHeader.msg_iovlen = 1;
-    messageHeader.msg_control = controlBuffer;
-}
-
-ssize_t UdpSocket::receiveMessage(int flags) {
-    resetMessageHeader();
-    messageHeader.msg_namelen = sizeof(sourceAddress);
-    ioVector.iov_len = kReceiveBufferSize;
-    messageHeader.msg_controllen = kControlBufferSize;
-    const ssize_t received = systemCalls->recvmsg(socketFd, &messageHeader, flags | MSG_DONTWAIT);
-    if (received >= 0) {
-        // The receiver sees exactly the datagram, never bytes of an earlier one.
-        ioVector.iov_len = static_cast<std::size_t>(received);
-    }
+int UdpSocket::receiveMessage(int flags, unsigned int limit) {
+    struct mmsghdr* headers = batch.prepare(limit);
+    const auto count = static_cast<unsigned int>(std::min<std::size_t>(limit, batch.capacity()));
+    const int received =
+        systemCalls->recvmmsg(socketFd, headers, count, flags | MSG_DONTWAIT, nullptr);
+    batch.settle(received);
     if (received < 0 && errno != ENOMSG && errno != EAGAIN) {
         const int error = errno;
         TRACE_LAB("Failed recvmsg: errno %d - %s", error, std::strerror(error));

@@ -5,7 +5,8 @@
 // configures kernel timestamping and the receive options, and routes what
 // arrives: reflected packets to the receiver registered for their source
 // address, transmit timestamps from the error queue to the receiver
-// registered for the destination of the looped-back frame.
+// registered for the destination of the looped-back frame. Each readiness
+// drains both queues in batches, up to a bound per queue.
 #ifndef TWAMP_UDP_SOCKET_H
 #define TWAMP_UDP_SOCKET_H
 
@@ -24,6 +25,7 @@
 
 #include "IoHandler.h"
 #include "MessageReceiver.h"
+#include "ReceiveBatch.h"
 #include "ReceiverKey.h"
 #include "SocketSystemCalls.h"
 
@@ -33,6 +35,10 @@ class UdpSocket : public IoHandler {
   public:
     static constexpr std::size_t kReceiveBufferSize = 10000;
     static constexpr std::size_t kControlBufferSize = 256;
+    // Messages read by one recvmmsg call.
+    static constexpr unsigned int kBatchSize = 64;
+    // Messages of each queue read in one readiness event at most.
+    static constexpr unsigned int kMaxMessagesPerReadiness = 256;
     static constexpr int kStartUpBindAttempts = 30;
     static constexpr time_t kBindRetrySeconds = 10;
 
@@ -46,7 +52,8 @@ class UdpSocket : public IoHandler {
     // IoHandler
     // The bound socket and the bind timer, whichever exist.
     std::set<int> getReadFds() const override;
-    // Bind timer: one bind round. Socket: one error-queue message, then one packet.
+    // Bind timer: one bind round. Socket: rounds of error-queue messages, then
+    // packets, in batches, while they keep coming, up to a bound per queue.
     bool handleInput(int fd) override;
 
     // The bound socket, -1 when not bound.
@@ -61,10 +68,9 @@ class UdpSocket : public IoHandler {
     virtual void addMessageReceiver(const ReceiverKey& key, MessageReceiver* receiver);
     // Stops routing packets of key.
     virtual void removeMessageReceiver(const ReceiverKey& key);
-    // One recvmsg (flags | MSG_DONTWAIT) into the message header; its result.
-    virtual ssize_t receiveMessage(int flags);
-    // Clears source address, control buffer and flags and rebuilds the header.
-    virtual void resetMessageHeader();
+    // One recvmmsg (flags | MSG_DONTWAIT) of at most limit messages (at most
+    // kBatchSize) into the batch; how many came, -1 on failure.
+    virtual int receiveMessage(int flags, unsigned int limit);
     // Resolution hints: passive, datagram, any family.
     virtual void getHints(struct addrinfo* hints) const;
     // Family of the bound socket (first resolved address), 0 before.
@@ -108,12 +114,13 @@ class UdpSocket : public IoHandler {
     bool setIpv6Options();
     bool setIntOption(int level, int name, int value);
     void registerWithMultiplexer();
-    void handleErrQueueMessage();
-    void handleMessage();
+    bool drainBatch(int flags, unsigned int& left);
+    void handleErrQueueMessage(struct msghdr* msg, std::size_t length);
+    void handleMessage(struct msghdr* msg, std::size_t length);
     MessageReceiver* findMessageReceiver(const ReceiverKey& key) const;
 
     SocketSystemCalls* systemCalls;
-    std::vector<uint8_t> receiveBuffer;
+    ReceiveBatch batch;
     const char* srcIpAddress = nullptr;  // the caller's string, not copied
     const char* srcUdpPort = nullptr;    // the caller's string, not copied
     bool ipsecTunnel = false;
@@ -126,10 +133,6 @@ class UdpSocket : public IoHandler {
     int appliedTos = -1;
     uint64_t messageCount = 0;
     uint64_t errQueueMessageCount = 0;
-    alignas(struct cmsghdr) uint8_t controlBuffer[kControlBufferSize];
-    struct sockaddr_storage sourceAddress;
-    struct iovec ioVector;
-    struct msghdr messageHeader;
     std::map<ReceiverKey, MessageReceiver*> receivers;  // receivers not owned
     IoMultiplexer* multiplexer = nullptr;               // where the socket registered, if anywhere
 };
