@@ -878,8 +878,19 @@ TEST_F(UdpSocketTest, PacketFromOtherPortFindsNoReceiver) {
     EXPECT_EQ(1U, udpSocket->getMessageCount());
 }
 
-// A second receiver under a key in use is ignored: the first one keeps the key.
-TEST_F(UdpSocketTest, AddMessageReceiverKeepsTheFirst) {
+// A lone receiver of a key gets its packets without being asked whether they are its own.
+TEST_F(UdpSocketTest, LoneReceiverIsNotAsked) {
+    bindIpv4();
+    scriptReceive();
+    StrictMock<MockMessageReceiver> receiver;
+    udpSocket->addMessageReceiver(ipv4Key("198.18.0.2", 862), &receiver);
+    queuePacket(ipv4Key("198.18.0.2", 862), {1});
+    EXPECT_CALL(receiver, receiveMessage(_));
+    udpSocket->handleInput(udpSocket->getSocketFd());
+}
+
+// Among receivers of one key, a packet goes to the one that owns it.
+TEST_F(UdpSocketTest, PacketGoesToTheReceiverThatOwnsIt) {
     bindIpv4();
     scriptReceive();
     StrictMock<MockMessageReceiver> first;
@@ -887,7 +898,55 @@ TEST_F(UdpSocketTest, AddMessageReceiverKeepsTheFirst) {
     udpSocket->addMessageReceiver(ipv4Key("198.18.0.2", 862), &first);
     udpSocket->addMessageReceiver(ipv4Key("198.18.0.2", 862), &second);
     queuePacket(ipv4Key("198.18.0.2", 862), {1});
+    EXPECT_CALL(first, ownsMessage(_)).WillOnce(Return(false));
+    EXPECT_CALL(second, ownsMessage(_)).WillOnce(Return(true));
+    EXPECT_CALL(second, receiveMessage(_));
+    udpSocket->handleInput(udpSocket->getSocketFd());
+}
+
+// Among receivers of one key, a looped-back frame goes to the one that owns
+// it, asked with the frame's byte count.
+TEST_F(UdpSocketTest, LoopedFrameGoesToTheReceiverThatOwnsIt) {
+    bindIpv4();
+    scriptReceive();
+    StrictMock<MockMessageReceiver> first;
+    StrictMock<MockMessageReceiver> second;
+    udpSocket->addMessageReceiver(ipv4Key("198.18.0.2", 862), &first);
+    udpSocket->addMessageReceiver(ipv4Key("198.18.0.2", 862), &second);
+    queueLoopedFrame(twamp_test::withEthernet(twamp_test::ipv4Packet(17, 18), 0x08, 0x00));
+    EXPECT_CALL(first, ownsErrQueueMessage(_, 60)).WillOnce(Return(false));
+    EXPECT_CALL(second, ownsErrQueueMessage(_, 60)).WillOnce(Return(true));
+    EXPECT_CALL(second, receiveErrQueueMessage(_, 60));
+    udpSocket->handleInput(udpSocket->getSocketFd());
+}
+
+// A packet that no receiver of its key owns goes to the first one registered.
+TEST_F(UdpSocketTest, PacketNobodyOwnsGoesToTheFirst) {
+    bindIpv4();
+    scriptReceive();
+    NiceMock<MockMessageReceiver> first;
+    NiceMock<MockMessageReceiver> second;
+    udpSocket->addMessageReceiver(ipv4Key("198.18.0.2", 862), &first);
+    udpSocket->addMessageReceiver(ipv4Key("198.18.0.2", 862), &second);
+    queuePacket(ipv4Key("198.18.0.2", 862), {1});
     EXPECT_CALL(first, receiveMessage(_));
+    EXPECT_CALL(second, receiveMessage(_)).Times(0);
+    udpSocket->handleInput(udpSocket->getSocketFd());
+    EXPECT_TRUE(TraceRecorder::twampMessages("LAB").empty());
+}
+
+// Removing one receiver of a key leaves the other, which then gets the key's
+// packets unasked.
+TEST_F(UdpSocketTest, RemovingOneReceiverLeavesTheOther) {
+    bindIpv4();
+    scriptReceive();
+    StrictMock<MockMessageReceiver> first;
+    StrictMock<MockMessageReceiver> second;
+    udpSocket->addMessageReceiver(ipv4Key("198.18.0.2", 862), &first);
+    udpSocket->addMessageReceiver(ipv4Key("198.18.0.2", 862), &second);
+    udpSocket->removeMessageReceiver(ipv4Key("198.18.0.2", 862), &first);
+    queuePacket(ipv4Key("198.18.0.2", 862), {1});
+    EXPECT_CALL(second, receiveMessage(_));
     udpSocket->handleInput(udpSocket->getSocketFd());
 }
 
@@ -897,7 +956,7 @@ TEST_F(UdpSocketTest, RemoveMessageReceiverErases) {
     scriptReceive();
     StrictMock<MockMessageReceiver> receiver;
     udpSocket->addMessageReceiver(ipv4Key("198.18.0.2", 862), &receiver);
-    udpSocket->removeMessageReceiver(ipv4Key("198.18.0.2", 862));
+    udpSocket->removeMessageReceiver(ipv4Key("198.18.0.2", 862), &receiver);
     queuePacket(ipv4Key("198.18.0.2", 862), {1});
     udpSocket->handleInput(udpSocket->getSocketFd());
     EXPECT_EQ(std::vector<std::string>{"handleInput(): Failed to find message receiver"},

@@ -345,6 +345,40 @@ void TwampTestSession::receiveErrQueueMessage(struct msghdr* msg, ssize_t length
               parityOf(minute));
 }
 
+// Several sessions may share one reflector address; the socket asks each
+// which reply is its own. The sequence number alone is not enough (every
+// session counts from 0), the T1 it was sent at tells them apart.
+bool TwampTestSession::ownsMessage(const struct msghdr* msg) const {
+    if (msg == nullptr || msg->msg_iov == nullptr || msg->msg_iovlen < 1 ||
+        msg->msg_iov[0].iov_len < TwampTestMessage::kPaddingOffset) {
+        return false;
+    }
+    const TwampTestMessage reply(static_cast<uint8_t*>(msg->msg_iov[0].iov_base),
+                                 msg->msg_iov[0].iov_len);
+    return isOutstanding(reply.getSenderSequenceNumber(), reply.getSenderTimestamp());
+}
+
+bool TwampTestSession::ownsErrQueueMessage(const struct msghdr* msg, ssize_t length) const {
+    if (msg == nullptr || msg->msg_iov == nullptr || msg->msg_iovlen < 1 || length < 0) {
+        return false;
+    }
+    const auto frameLength = static_cast<std::size_t>(length);
+    auto* frame = static_cast<uint8_t*>(msg->msg_iov[0].iov_base);
+    const int family = TwampTestSessionController::getInstance()->getUdpSocket().getFamily();
+    const std::size_t headerLength = getLoopedFrameHeaderLength(frame, frameLength, family);
+    if (frameLength < headerLength + OwampTestMessage::kErrorEstimateOffset) {
+        return false;
+    }
+    const OwampTestMessage sent(frame + headerLength, frameLength - headerLength);
+    return isOutstanding(sent.getSequenceNumber(), sent.getTimestamp());
+}
+
+// Packet seqNo sent at t1 is outstanding here, in the map of its minute.
+bool TwampTestSession::isOutstanding(uint32_t seqNo, uint64_t t1) const {
+    const OutstandingPacket* packet = findOutstandingPacket(parityOf(minuteOfNtp(t1)), seqNo);
+    return packet != nullptr && packet->getT1() == t1;
+}
+
 OutstandingPacket* TwampTestSession::findOutstandingPacket(int parity, uint32_t seqNo) const {
     const auto entry = outstandingPackets[parity].find(seqNo);
     return entry == outstandingPackets[parity].end() ? nullptr : entry->second.get();
@@ -556,7 +590,7 @@ void TwampTestSession::removeFromSocket() {
         return;
     }
     TwampTestSessionController::getInstance()->getUdpSocket().removeMessageReceiver(
-        ReceiverKey(dstAddress));
+        ReceiverKey(dstAddress), static_cast<MessageReceiver*>(this));
     registeredWithSocket = false;
 }
 

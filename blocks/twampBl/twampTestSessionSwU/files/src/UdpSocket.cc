@@ -121,7 +121,8 @@ void UdpSocket::handleErrQueueMessage(struct msghdr* msg, std::size_t length) {
         !getLoopedFrameDestination(key, frame, length, family)) {
         return;
     }
-    MessageReceiver* receiver = findMessageReceiver(key);
+    MessageReceiver* receiver =
+        receivers.findForErrQueueMessage(key, msg, static_cast<ssize_t>(length));
     if (receiver == nullptr) {
         TRACE_LAB_AS(kHandleInput, "Failed to find message receiver");
         return;
@@ -139,17 +140,12 @@ void UdpSocket::handleMessage(struct msghdr* msg, std::size_t length) {
         return;
     }
     const auto* source = static_cast<const struct sockaddr_storage*>(msg->msg_name);
-    MessageReceiver* receiver = findMessageReceiver(ReceiverKey(*source));
+    MessageReceiver* receiver = receivers.findForMessage(ReceiverKey(*source), msg);
     if (receiver == nullptr) {
         TRACE_LAB_AS(kHandleInput, "Failed to find message receiver");
         return;
     }
     receiver->receiveMessage(msg);
-}
-
-MessageReceiver* UdpSocket::findMessageReceiver(const ReceiverKey& key) const {
-    const auto entry = receivers.find(key);
-    return (entry == receivers.end()) ? nullptr : entry->second;
 }
 
 // ---- Binding ----
@@ -392,11 +388,11 @@ void UdpSocket::registerWithMultiplexer() {
 // ---- Receiving ----
 
 void UdpSocket::addMessageReceiver(const ReceiverKey& key, MessageReceiver* receiver) {
-    receivers.emplace(key, receiver);
+    receivers.add(key, receiver);
 }
 
-void UdpSocket::removeMessageReceiver(const ReceiverKey& key) {
-    receivers.erase(key);
+void UdpSocket::removeMessageReceiver(const ReceiverKey& key, MessageReceiver* receiver) {
+    receivers.remove(key, receiver);
 }
 
 int UdpSocket::receiveMessage(int flags, unsigned int limit) {

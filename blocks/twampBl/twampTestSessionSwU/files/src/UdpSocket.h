@@ -5,7 +5,8 @@
 // configures kernel timestamping and the receive options, and routes what
 // arrives: reflected packets to the receiver registered for their source
 // address, transmit timestamps from the error queue to the receiver
-// registered for the destination of the looped-back frame. Each readiness
+// registered for the destination of the looped-back frame (among several
+// receivers of one address, to the one whose packet it is). Each readiness
 // drains both queues in batches, up to a bound per queue.
 #ifndef TWAMP_UDP_SOCKET_H
 #define TWAMP_UDP_SOCKET_H
@@ -19,7 +20,6 @@
 #include <cstddef>
 #include <cstdint>
 #include <ctime>
-#include <map>
 #include <set>
 #include <vector>
 
@@ -27,6 +27,7 @@
 #include "MessageReceiver.h"
 #include "ReceiveBatch.h"
 #include "ReceiverKey.h"
+#include "ReceiverRegistry.h"
 #include "SocketSystemCalls.h"
 
 class IoMultiplexer;
@@ -64,10 +65,10 @@ class UdpSocket : public IoHandler {
     virtual bool socketConfiguration();
     // One bind round, on expiry of the bind timer.
     virtual bool retryBind();
-    // Routes packets of key to receiver unless the key is taken (the first one stays).
+    // Routes packets of key to receiver too, behind the receivers already there.
     virtual void addMessageReceiver(const ReceiverKey& key, MessageReceiver* receiver);
-    // Stops routing packets of key.
-    virtual void removeMessageReceiver(const ReceiverKey& key);
+    // Stops routing packets of key to receiver; the other receivers of key stay.
+    virtual void removeMessageReceiver(const ReceiverKey& key, MessageReceiver* receiver);
     // One recvmmsg (flags | MSG_DONTWAIT) of at most limit messages (at most
     // kBatchSize) into the batch; how many came, -1 on failure.
     virtual int receiveMessage(int flags, unsigned int limit);
@@ -117,7 +118,6 @@ class UdpSocket : public IoHandler {
     bool drainBatch(int flags, unsigned int& left);
     void handleErrQueueMessage(struct msghdr* msg, std::size_t length);
     void handleMessage(struct msghdr* msg, std::size_t length);
-    MessageReceiver* findMessageReceiver(const ReceiverKey& key) const;
 
     SocketSystemCalls* systemCalls;
     ReceiveBatch batch;
@@ -133,8 +133,8 @@ class UdpSocket : public IoHandler {
     int appliedTos = -1;
     uint64_t messageCount = 0;
     uint64_t errQueueMessageCount = 0;
-    std::map<ReceiverKey, MessageReceiver*> receivers;  // receivers not owned
-    IoMultiplexer* multiplexer = nullptr;               // where the socket registered, if anywhere
+    ReceiverRegistry receivers;
+    IoMultiplexer* multiplexer = nullptr;  // where the socket registered, if anywhere
 };
 
 #endif  // TWAMP_UDP_SOCKET_H
