@@ -63,7 +63,8 @@ class MockUdpSocket : public UdpSocket {
     MOCK_METHOD(int, getFamily, (), (const, override));
     MOCK_METHOD(void, addMessageReceiver, (const ReceiverKey& key, MessageReceiver* receiver),
                 (override));
-    MOCK_METHOD(void, removeMessageReceiver, (const ReceiverKey& key), (override));
+    MOCK_METHOD(void, removeMessageReceiver, (const ReceiverKey& key, MessageReceiver* receiver),
+                (override));
 };
 
 // Two keys are equal when neither orders before the other.

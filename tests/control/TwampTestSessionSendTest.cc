@@ -179,14 +179,17 @@ TEST_F(TwampTestSessionSendTest, RandomShortReadSendsNothing) {
               TraceRecorder::twampMessages("ERROR"));
 }
 
-// For IPv4 the socket's IP_TOS is set to dscp * 4 before each packet.
-TEST_F(TwampTestSessionSendTest, Ipv4SetsTosBeforeEachPacket) {
+// For IPv4 the shared socket's IP_TOS is set to dscp * 4 only when it holds another value.
+TEST_F(TwampTestSessionSendTest, Ipv4SetsTosOnlyWhenItChanges) {
     auto session = startSession();
     fire(*session, minuteOfHour(8));
     fire(*session, minuteOfHour(8), 100000000);
+    // Another session's packet left with another TOS in between.
+    env.udpSocket.setAppliedTos(0);
+    fire(*session, minuteOfHour(8), 200000000);
     const std::string tos =
         "setsockopt 7 " + std::to_string(IPPROTO_IP) + " " + std::to_string(IP_TOS) + " 184";
-    EXPECT_EQ((Messages{tos, "sendmsg 7", tos, "sendmsg 7"}), systemCalls.events);
+    EXPECT_EQ((Messages{tos, "sendmsg 7", "sendmsg 7", tos, "sendmsg 7"}), systemCalls.events);
     EXPECT_EQ(0u, systemCalls.sent[0].controlLength);
 }
 

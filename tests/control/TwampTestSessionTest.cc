@@ -204,13 +204,14 @@ TEST_F(TwampTestSessionTest, InitResolveFailure) {
               TraceRecorder::twampMessages("ERROR"));
 }
 
-// The destructor leaves the multiplexer and removes the socket registration.
+// The destructor leaves the multiplexer and removes its own socket registration.
 TEST_F(TwampTestSessionTest, DestructorRemovesRegistrations) {
     auto session = makeSession(clock);
     ASSERT_TRUE(session->init());
     EXPECT_CALL(env.multiplexer, removeReadHandler(session.get()));
     EXPECT_CALL(env.udpSocket,
-                removeMessageReceiver(SameReceiverKey(ReceiverKey(ipv4Address("127.0.0.1", 862)))));
+                removeMessageReceiver(SameReceiverKey(ReceiverKey(ipv4Address("127.0.0.1", 862))),
+                                      static_cast<MessageReceiver*>(session.get())));
     session.reset();
 }
 
@@ -218,7 +219,7 @@ TEST_F(TwampTestSessionTest, DestructorRemovesRegistrations) {
 TEST_F(TwampTestSessionTest, DestructorWithoutRegistration) {
     auto session = makeSession(clock);
     EXPECT_CALL(env.multiplexer, removeReadHandler(session.get()));
-    EXPECT_CALL(env.udpSocket, removeMessageReceiver(_)).Times(0);
+    EXPECT_CALL(env.udpSocket, removeMessageReceiver(_, _)).Times(0);
     session.reset();
 }
 

@@ -452,7 +452,7 @@ class SessionScenarioTest : public ::testing::Test {
     std::size_t missingReceiverTraces() const {
         const std::vector<std::string> messages = TraceRecorder::twampMessages("LAB");
         return std::count(messages.begin(), messages.end(),
-                          "handleMessage(): Failed to find message receiver");
+                          "handleInput(): Failed to find message receiver");
     }
 
     void runWholeMinuteScenario(int family, const char* daemonAddress);

@@ -16,6 +16,9 @@ class MockMessageReceiver : public MessageReceiver {
     // MessageReceiver
     MOCK_METHOD(void, receiveMessage, (struct msghdr * msg), (override));
     MOCK_METHOD(void, receiveErrQueueMessage, (struct msghdr * msg, ssize_t length), (override));
+    MOCK_METHOD(bool, ownsMessage, (const struct msghdr* msg), (const, override));
+    MOCK_METHOD(bool, ownsErrQueueMessage, (const struct msghdr* msg, ssize_t length),
+                (const, override));
 };
 
 }  // namespace twamp_test

@@ -74,8 +74,8 @@ class PeerSocket {
     bool bound = false;
 };
 
-// Waits until fd reports all of events (POLLIN, POLLERR), at most kPollTimeoutMs.
-bool waitFor(int fd, short events) {
+// Waits until fd reports events, all of them or any of them, at most kPollTimeoutMs.
+bool pollFor(int fd, short events, bool all) {
     struct pollfd watched {};
     watched.fd = fd;
     watched.events = POLLIN;
@@ -84,11 +84,22 @@ bool waitFor(int fd, short events) {
         if (poll(&watched, 1, 10) < 0) {
             return false;
         }
-        if ((watched.revents & events) == events) {
+        const short seen = watched.revents & events;
+        if (all ? (seen == events) : (seen != 0)) {
             return true;
         }
     }
     return false;
+}
+
+// Waits until fd reports all of events (POLLIN, POLLERR), at most kPollTimeoutMs.
+bool waitFor(int fd, short events) {
+    return pollFor(fd, events, true);
+}
+
+// Waits until fd has a datagram or an error-queue message, at most kPollTimeoutMs.
+bool waitForInput(int fd) {
+    return pollFor(fd, POLLIN | POLLERR, false);
 }
 
 // The first length bytes of the message's single buffer.
@@ -206,7 +217,7 @@ TEST_F(UdpSocketLoopbackTest, DatagramFromOtherPortFindsNoReceiver) {
     ASSERT_TRUE(stranger.sendTo(socketAddress, "reflected"));
     ASSERT_TRUE(waitFor(udpSocket->getSocketFd(), POLLIN));
     EXPECT_TRUE(udpSocket->handleInput(udpSocket->getSocketFd()));
-    EXPECT_EQ(std::vector<std::string>{"handleMessage(): Failed to find message receiver"},
+    EXPECT_EQ(std::vector<std::string>{"handleInput(): Failed to find message receiver"},
               TraceRecorder::twampMessages("LAB"));
     EXPECT_EQ(1U, udpSocket->getMessageCount());
 }
@@ -254,6 +265,89 @@ TEST_F(UdpSocketLoopbackTest, ErrQueueMessageAndReplyInOneCall) {
     EXPECT_EQ("reply", reply);
     EXPECT_EQ(1U, udpSocket->getErrQueueMessageCount());
     EXPECT_EQ(1U, udpSocket->getMessageCount());
+}
+
+// Serves the socket until count messages of both queues were handed on or
+// nothing more becomes readable.
+void serveUntil(UdpSocket& udpSocket, uint64_t count) {
+    while (udpSocket.getMessageCount() + udpSocket.getErrQueueMessageCount() < count &&
+           waitForInput(udpSocket.getSocketFd())) {
+        udpSocket.handleInput(udpSocket.getSocketFd());
+    }
+}
+
+// Many datagrams waiting together are each handed on with exactly their own
+// bytes, in the order they were sent.
+TEST_F(UdpSocketLoopbackTest, ManyDatagramsEachHandedOnWithItsBytes) {
+    bindSocket();
+    NiceMock<MockMessageReceiver> receiver;
+    udpSocket->addMessageReceiver(keyOf(localAddress(peer.fd)), &receiver);
+    std::vector<std::string> sent;
+    for (int index = 0; index < 200; ++index) {
+        sent.push_back(std::string(1 + index % 50, static_cast<char>('A' + index % 26)));
+        ASSERT_TRUE(peer.sendTo(socketAddress, sent.back()));
+    }
+    std::vector<std::string> received;
+    ON_CALL(receiver, receiveMessage(_)).WillByDefault([&received](struct msghdr* msg) {
+        received.push_back(payloadOf(msg, 0, msg->msg_iov[0].iov_len));
+    });
+    serveUntil(*udpSocket, 200);
+    EXPECT_EQ(sent, received);
+    EXPECT_TRUE(TraceRecorder::twampMessages("LAB").empty());
+}
+
+// A datagram longer than the receive buffer is handed on with its first
+// 10000 bytes, flagged MSG_TRUNC, without a trace.
+TEST_F(UdpSocketLoopbackTest, LongDatagramHandedOnTruncated) {
+    bindSocket();
+    StrictMock<MockMessageReceiver> receiver;
+    udpSocket->addMessageReceiver(keyOf(localAddress(peer.fd)), &receiver);
+    std::string datagram(65507, 'x');
+    datagram.replace(0, 4, "head");
+    ASSERT_TRUE(peer.sendTo(socketAddress, datagram));
+    ASSERT_TRUE(waitFor(udpSocket->getSocketFd(), POLLIN));
+    std::size_t length = 0;
+    int flags = 0;
+    std::string head;
+    EXPECT_CALL(receiver, receiveMessage(_)).WillOnce([&](struct msghdr* msg) {
+        length = msg->msg_iov[0].iov_len;
+        flags = msg->msg_flags & MSG_TRUNC;
+        head = payloadOf(msg, 0, 4);
+    });
+    udpSocket->handleInput(udpSocket->getSocketFd());
+    EXPECT_EQ(10000U, length);
+    EXPECT_EQ(MSG_TRUNC, flags);
+    EXPECT_EQ("head", head);
+    EXPECT_TRUE(TraceRecorder::records().empty());
+}
+
+// With software timestamps, several sent packets come back on the error
+// queue and each is handed on with its own frame and transmit timestamp.
+TEST_F(UdpSocketLoopbackTest, SeveralLoopedFramesEachWithItsTimestamp) {
+    setenv("TWAMP_TIMESTAMPING", "software", 1);
+    bindSocket();
+    NiceMock<MockMessageReceiver> receiver;
+    const struct sockaddr_in peerAddress = localAddress(peer.fd);
+    udpSocket->addMessageReceiver(keyOf(peerAddress), &receiver);
+    const std::vector<std::string> sent = {"one!", "two!", "six!"};
+    for (const std::string& payload : sent) {
+        ASSERT_EQ(
+            4, sendto(udpSocket->getSocketFd(), payload.data(), payload.size(), 0,
+                      reinterpret_cast<const struct sockaddr*>(&peerAddress), sizeof(peerAddress)));
+    }
+    std::vector<std::string> looped;
+    std::vector<uint64_t> timestamps;
+    ON_CALL(receiver, receiveErrQueueMessage(_, _))
+        .WillByDefault([&](struct msghdr* msg, ssize_t length) {
+            looped.push_back(payloadOf(msg, static_cast<std::size_t>(length) - 4, 4));
+            timestamps.push_back(getTxTimestamp(msg));
+        });
+    serveUntil(*udpSocket, 3);
+    EXPECT_EQ(sent, looped);
+    ASSERT_EQ(3U, timestamps.size());
+    EXPECT_NE(0U, timestamps[0]);
+    EXPECT_NE(0U, timestamps[1]);
+    EXPECT_NE(0U, timestamps[2]);
 }
 
 // A port already taken by another socket fails every round with errno 98.

@@ -22,7 +22,9 @@
 
 #include "IoMultiplexer.h"
 #include "MockMessageReceiver.h"
+#include "MockSocketSystemCalls.h"
 #include "MockTwampTestSessionController.h"
+#include "ScriptedReceiveQueues.h"
 #include "TestFrames.h"
 #include "TimestampSource.h"
 #include "TraceRecorder.h"
@@ -40,65 +42,11 @@ using ::testing::Return;
 using ::testing::ReturnRef;
 using ::testing::StrictMock;
 using twamp_test::MockMessageReceiver;
+using twamp_test::MockSocketSystemCalls;
 using twamp_test::MockTwampTestSessionController;
+using twamp_test::RecvmmsgCall;
+using twamp_test::ScriptedReceiveQueues;
 using twamp_test::TraceRecorder;
-
-// The socket's system calls; every call goes to the real one unless a test
-// scripts it (delegateToReal).
-class MockSocketSystemCalls : public SocketSystemCalls {
-  public:
-    MOCK_METHOD(int, getaddrinfo,
-                (const char* node, const char* service, const struct addrinfo* hints,
-                 struct addrinfo** result),
-                (override));
-    MOCK_METHOD(void, freeaddrinfo, (struct addrinfo * result), (override));
-    MOCK_METHOD(int, socket, (int domain, int type, int protocol), (override));
-    MOCK_METHOD(int, bind, (int fd, const struct sockaddr* address, socklen_t length), (override));
-    MOCK_METHOD(int, close, (int fd), (override));
-    MOCK_METHOD(unsigned int, sleep, (unsigned int seconds), (override));
-    MOCK_METHOD(int, clockGettime, (clockid_t clock, struct timespec* time), (override));
-    MOCK_METHOD(int, timerfdCreate, (int clock, int flags), (override));
-    MOCK_METHOD(int, timerfdSettime,
-                (int fd, int flags, const struct itimerspec* newValue, struct itimerspec* oldValue),
-                (override));
-    MOCK_METHOD(ssize_t, read, (int fd, void* buffer, std::size_t count), (override));
-    MOCK_METHOD(ssize_t, recvmsg, (int fd, struct msghdr* msg, int flags), (override));
-    MOCK_METHOD(int, setsockopt, (int fd, int level, int name, const void* value, socklen_t length),
-                (override));
-    MOCK_METHOD(int, fcntl, (int fd, int command, int argument), (override));
-
-    void delegateToReal() {
-        SocketSystemCalls& real = SocketSystemCalls::real();
-        ON_CALL(*this, getaddrinfo).WillByDefault([&real](auto... args) {
-            return real.getaddrinfo(args...);
-        });
-        ON_CALL(*this, freeaddrinfo).WillByDefault([&real](auto... args) {
-            real.freeaddrinfo(args...);
-        });
-        ON_CALL(*this, socket).WillByDefault([&real](auto... args) {
-            return real.socket(args...);
-        });
-        ON_CALL(*this, bind).WillByDefault([&real](auto... args) { return real.bind(args...); });
-        ON_CALL(*this, close).WillByDefault([&real](auto... args) { return real.close(args...); });
-        ON_CALL(*this, clockGettime).WillByDefault([&real](auto... args) {
-            return real.clockGettime(args...);
-        });
-        ON_CALL(*this, timerfdCreate).WillByDefault([&real](auto... args) {
-            return real.timerfdCreate(args...);
-        });
-        ON_CALL(*this, timerfdSettime).WillByDefault([&real](auto... args) {
-            return real.timerfdSettime(args...);
-        });
-        ON_CALL(*this, read).WillByDefault([&real](auto... args) { return real.read(args...); });
-        ON_CALL(*this, recvmsg).WillByDefault([&real](auto... args) {
-            return real.recvmsg(args...);
-        });
-        ON_CALL(*this, setsockopt).WillByDefault([&real](auto... args) {
-            return real.setsockopt(args...);
-        });
-        ON_CALL(*this, fcntl).WillByDefault([&real](auto... args) { return real.fcntl(args...); });
-    }
-};
 
 // Fails with errno set.
 auto failWith(int error) {
@@ -115,12 +63,6 @@ using OptionCall = std::tuple<int, int, int>;
 struct TimerSetting {
     int flags;
     struct itimerspec value;
-};
-
-// A received packet of the scripted recvmsg: its source and its bytes.
-struct ScriptedMessage {
-    ReceiverKey source;
-    std::vector<uint8_t> bytes;
 };
 
 ReceiverKey ipv4Key(const char* address, uint16_t port) {
@@ -187,24 +129,21 @@ class UdpSocketTest : public ::testing::Test {
             });
     }
 
-    // recvmsg hands out the error-queue and normal messages queued here.
+    // recvmmsg hands out the messages queued in kernelQueues.
     void scriptReceive() {
-        ON_CALL(systemCalls, recvmsg).WillByDefault([this](int, struct msghdr* msg, int flags) {
-            std::vector<ScriptedMessage>& queue =
-                ((flags & MSG_ERRQUEUE) != 0) ? errQueue : packets;
-            if (queue.empty()) {
-                errno = EAGAIN;
-                return static_cast<ssize_t>(-1);
-            }
-            const ScriptedMessage message = queue.front();
-            queue.erase(queue.begin());
-            std::memcpy(msg->msg_name, &message.source.getAddress(), sizeof(struct sockaddr_in));
-            msg->msg_namelen = sizeof(struct sockaddr_in);
-            if (!message.bytes.empty()) {
-                std::memcpy(msg->msg_iov[0].iov_base, message.bytes.data(), message.bytes.size());
-            }
-            return static_cast<ssize_t>(message.bytes.size());
+        ON_CALL(systemCalls, recvmmsg).WillByDefault([this](auto... args) {
+            return kernelQueues.recvmmsg(args...);
         });
+    }
+
+    // Queues a looped-back frame on the error queue.
+    void queueLoopedFrame(const std::vector<uint8_t>& frame) {
+        kernelQueues.queue(true, {ReceiverKey(), frame});
+    }
+
+    // Queues a datagram from source on the receive queue.
+    void queuePacket(const ReceiverKey& source, const std::vector<uint8_t>& bytes) {
+        kernelQueues.queue(false, {source, bytes});
     }
 
     // A socket bound (without binding) to 127.0.0.1 port 5000.
@@ -238,8 +177,7 @@ class UdpSocketTest : public ::testing::Test {
     struct timespec monotonicNow = {1234, 567890123};
     std::vector<TimerSetting> timerSettings;
     std::vector<OptionCall> options;
-    std::vector<ScriptedMessage> errQueue;
-    std::vector<ScriptedMessage> packets;
+    ScriptedReceiveQueues kernelQueues;
     std::vector<std::string> events;  // outlives the socket, whose destructor closes
     std::unique_ptr<UdpSocket> udpSocket;
 };
@@ -574,7 +512,7 @@ TEST_F(UdpSocketTest, ReceiveBufferFailureTraced) {
     ON_CALL(systemCalls, setsockopt).WillByDefault(failWith(ENOBUFS));
     succeedEveryBind();
     ASSERT_TRUE(udpSocket->init("127.0.0.1", "5000", false));
-    EXPECT_EQ(std::vector<std::string>{"enlargeReceiveBuffer(): Failed to enlarge the socket "
+    EXPECT_EQ(std::vector<std::string>{"socketConfiguration(): Failed to enlarge the socket "
                                        "receive buffer: errno 105 - No buffer space available"},
               TraceRecorder::twampMessages("LAB"));
 }
@@ -608,16 +546,17 @@ TEST_F(UdpSocketTest, Ipv4OptionFailuresTraced) {
     ON_CALL(systemCalls, setsockopt).WillByDefault(failWith(EPERM));
     succeedEveryBind();
     ASSERT_TRUE(udpSocket->init("127.0.0.1", "5000", false));
-    EXPECT_EQ((std::vector<std::string>{
-                  "enableTimestamping(): Failed setsockopt SO_TIMESTAMPING: errno 1 - Operation "
-                  "not permitted",
-                  "setIpv4Options(): Failed to set socket option IP_TTL: errno 1 - Operation not "
-                  "permitted",
-                  "setIpv4Options(): Failed to set socket option IP_RECVTTL: errno 1 - Operation "
-                  "not permitted",
-                  "setIpv4Options(): Failed to set socket option IP_RECVTOS: errno 1 - Operation "
-                  "not permitted"}),
-              TraceRecorder::twampMessages("ERROR"));
+    EXPECT_EQ(
+        (std::vector<std::string>{
+            "socketConfiguration(): Failed setsockopt SO_TIMESTAMPING: errno 1 - Operation "
+            "not permitted",
+            "socketConfiguration(): Failed to set socket option IP_TTL: errno 1 - Operation not "
+            "permitted",
+            "socketConfiguration(): Failed to set socket option IP_RECVTTL: errno 1 - Operation "
+            "not permitted",
+            "socketConfiguration(): Failed to set socket option IP_RECVTOS: errno 1 - Operation "
+            "not permitted"}),
+        TraceRecorder::twampMessages("ERROR"));
     EXPECT_EQ(udpSocket->getSocketFd(), multiplexer.getMaxFd());
 }
 
@@ -626,14 +565,15 @@ TEST_F(UdpSocketTest, Ipv6OptionFailuresTraced) {
     ON_CALL(systemCalls, setsockopt).WillByDefault(failWith(ENOPROTOOPT));
     succeedEveryBind();
     ASSERT_TRUE(udpSocket->init("::1", "5000", false));
-    EXPECT_EQ((std::vector<std::string>{
-                  "enableTimestamping(): Failed setsockopt SO_TIMESTAMPING: errno 92 - Protocol "
-                  "not available",
-                  "setIpv6Options(): Failed to set socket option IPV6_RECVHOPLIMIT: errno 92 - "
-                  "Protocol not available",
-                  "setIpv6Options(): Failed to set socket option IPV6_RECVTCLASS: errno 92 - "
-                  "Protocol not available"}),
-              TraceRecorder::twampMessages("ERROR"));
+    EXPECT_EQ(
+        (std::vector<std::string>{
+            "socketConfiguration(): Failed setsockopt SO_TIMESTAMPING: errno 92 - Protocol "
+            "not available",
+            "socketConfiguration(): Failed to set socket option IPV6_RECVHOPLIMIT: errno 92 - "
+            "Protocol not available",
+            "socketConfiguration(): Failed to set socket option IPV6_RECVTCLASS: errno 92 - "
+            "Protocol not available"}),
+        TraceRecorder::twampMessages("ERROR"));
 }
 
 // The socket is made non-blocking by adding O_NONBLOCK to its flags.
@@ -656,7 +596,7 @@ TEST_F(UdpSocketTest, NonBlockingFailureTraced) {
     ON_CALL(systemCalls, fcntl(_, F_SETFL, _)).WillByDefault(failWith(EBADF));
     succeedEveryBind();
     ASSERT_TRUE(udpSocket->init("127.0.0.1", "5000", false));
-    EXPECT_EQ(std::vector<std::string>{"makeNonBlocking(): Failed fcntl: errno 9 - Bad file "
+    EXPECT_EQ(std::vector<std::string>{"socketConfiguration(): Failed fcntl: errno 9 - Bad file "
                                        "descriptor"},
               TraceRecorder::twampMessages("ERROR"));
 }
@@ -669,64 +609,260 @@ TEST_F(UdpSocketTest, ConfiguredSocketIsRegistered) {
     EXPECT_EQ(udpSocket->getSocketFd(), multiplexer.getMaxFd());
 }
 
+// ---- Applied TOS ----
+
+// No TOS is known before a session has set one.
+TEST_F(UdpSocketTest, AppliedTosUnknownAtFirst) {
+    bindIpv4();
+    EXPECT_EQ(-1, udpSocket->getAppliedTos());
+}
+
+// The TOS value recorded last is the one reported.
+TEST_F(UdpSocketTest, AppliedTosIsTheLastRecorded) {
+    bindIpv4();
+    udpSocket->setAppliedTos(184);
+    udpSocket->setAppliedTos(40);
+    EXPECT_EQ(40, udpSocket->getAppliedTos());
+}
+
+// A failed set, recorded as -1, makes the TOS unknown again.
+TEST_F(UdpSocketTest, AppliedTosUnknownAfterFailedSet) {
+    bindIpv4();
+    udpSocket->setAppliedTos(184);
+    udpSocket->setAppliedTos(-1);
+    EXPECT_EQ(-1, udpSocket->getAppliedTos());
+}
+
+// A socket bound by a late retry starts without a known TOS.
+TEST_F(UdpSocketTest, AppliedTosUnknownOnNewlyBoundSocket) {
+    failStartUp();
+    udpSocket->setAppliedTos(184);
+    succeedEveryBind();
+    ASSERT_TRUE(udpSocket->handleInput(udpSocket->getBindTimerFd()));
+    ASSERT_NE(-1, udpSocket->getSocketFd());
+    EXPECT_EQ(-1, udpSocket->getAppliedTos());
+}
+
 // ---- Receiving ----
 
-// Each receive resets the header: name 128, one buffer of 10000, control 256,
-// with MSG_DONTWAIT added; error queue first, then the normal queue.
-TEST_F(UdpSocketTest, ReceiveUsesFullBuffersWithoutWaiting) {
+// Each receive offers 64 headers, each with a name of 128 bytes, one buffer
+// of 10000 and control of 256, with MSG_DONTWAIT added and no time-out; the
+// error queue first, then the receive queue.
+TEST_F(UdpSocketTest, ReceiveOffersFullBatchesWithoutWaiting) {
     bindIpv4();
     std::vector<int> flagsSeen;
-    ON_CALL(systemCalls, recvmsg).WillByDefault([&flagsSeen](int, struct msghdr* msg, int flags) {
-        EXPECT_EQ(128U, msg->msg_namelen);
-        EXPECT_EQ(1U, msg->msg_iovlen);
-        EXPECT_EQ(10000U, msg->msg_iov[0].iov_len);
-        EXPECT_EQ(256U, msg->msg_controllen);
-        EXPECT_EQ(0, msg->msg_flags);
-        flagsSeen.push_back(flags);
-        errno = EAGAIN;
-        return static_cast<ssize_t>(-1);
-    });
+    ON_CALL(systemCalls, recvmmsg)
+        .WillByDefault([&flagsSeen](int, struct mmsghdr* messages, unsigned int length, int flags,
+                                    struct timespec* timeout) {
+            EXPECT_EQ(64U, length);
+            EXPECT_EQ(nullptr, timeout);
+            for (unsigned int index = 0; index < length; ++index) {
+                const struct msghdr& msg = messages[index].msg_hdr;
+                EXPECT_EQ(128U, msg.msg_namelen);
+                EXPECT_EQ(1U, msg.msg_iovlen);
+                EXPECT_EQ(10000U, msg.msg_iov[0].iov_len);
+                EXPECT_EQ(256U, msg.msg_controllen);
+                EXPECT_EQ(0, msg.msg_flags);
+            }
+            flagsSeen.push_back(flags);
+            errno = EAGAIN;
+            return -1;
+        });
     udpSocket->handleInput(udpSocket->getSocketFd());
     EXPECT_EQ((std::vector<int>{MSG_ERRQUEUE | MSG_DONTWAIT, MSG_DONTWAIT}), flagsSeen);
     EXPECT_TRUE(TraceRecorder::records().empty());
 }
 
-// A failing recvmsg is traced at LAB with its errno.
+// A failing recvmmsg is traced at LAB with its errno.
 TEST_F(UdpSocketTest, ReceiveFailureTraced) {
     bindIpv4();
-    ON_CALL(systemCalls, recvmsg).WillByDefault(failWith(EBADF));
-    EXPECT_EQ(-1, udpSocket->receiveMessage(0));
+    ON_CALL(systemCalls, recvmmsg).WillByDefault(failWith(EBADF));
+    EXPECT_EQ(-1, udpSocket->receiveMessage(0, 64));
     EXPECT_EQ(std::vector<std::string>{"receiveMessage(): Failed recvmsg: errno 9 - Bad file "
                                        "descriptor"},
+              TraceRecorder::twampMessages("LAB"));
+}
+
+// A failing receive ends the readiness: one trace per queue, no retry.
+TEST_F(UdpSocketTest, ReceiveFailureEndsTheReadiness) {
+    bindIpv4();
+    ON_CALL(systemCalls, recvmmsg).WillByDefault(failWith(ENOBUFS));
+    EXPECT_CALL(systemCalls, recvmmsg(_, _, _, _, _)).Times(2);
+    EXPECT_TRUE(udpSocket->handleInput(udpSocket->getSocketFd()));
+    EXPECT_EQ((std::vector<std::string>{"receiveMessage(): Failed recvmsg: errno 105 - No buffer "
+                                        "space available",
+                                        "receiveMessage(): Failed recvmsg: errno 105 - No buffer "
+                                        "space available"}),
               TraceRecorder::twampMessages("LAB"));
 }
 
 // ENOMSG and EAGAIN mean "nothing there" and are not traced.
 TEST_F(UdpSocketTest, ReceiveNothingThereNotTraced) {
     bindIpv4();
-    ON_CALL(systemCalls, recvmsg).WillByDefault(failWith(ENOMSG));
-    EXPECT_EQ(-1, udpSocket->receiveMessage(MSG_ERRQUEUE));
-    ON_CALL(systemCalls, recvmsg).WillByDefault(failWith(EAGAIN));
-    EXPECT_EQ(-1, udpSocket->receiveMessage(0));
+    ON_CALL(systemCalls, recvmmsg).WillByDefault(failWith(ENOMSG));
+    EXPECT_EQ(-1, udpSocket->receiveMessage(MSG_ERRQUEUE, 64));
+    ON_CALL(systemCalls, recvmmsg).WillByDefault(failWith(EAGAIN));
+    EXPECT_EQ(-1, udpSocket->receiveMessage(0, 64));
     EXPECT_TRUE(TraceRecorder::records().empty());
 }
 
-// A packet goes to the receiver registered for its source address, with the socket's header.
+// A receive never offers more headers than one batch holds.
+TEST_F(UdpSocketTest, ReceiveLimitedToTheBatch) {
+    bindIpv4();
+    scriptReceive();
+    udpSocket->receiveMessage(0, 1000);
+    EXPECT_EQ((std::vector<RecvmmsgCall>{{MSG_DONTWAIT, 64}}), kernelQueues.calls);
+}
+
+// A packet goes to the receiver registered for its source address.
 TEST_F(UdpSocketTest, PacketRoutedBySourceAddress) {
     bindIpv4();
     scriptReceive();
     StrictMock<MockMessageReceiver> receiver;
     udpSocket->addMessageReceiver(ipv4Key("198.18.0.2", 862), &receiver);
-    packets.push_back({ipv4Key("198.18.0.2", 862), {1, 2, 3}});
+    queuePacket(ipv4Key("198.18.0.2", 862), {1, 2, 3});
     std::vector<uint8_t> received;
     EXPECT_CALL(receiver, receiveMessage(_)).WillOnce([&received](struct msghdr* msg) {
         const uint8_t* data = static_cast<const uint8_t*>(msg->msg_iov[0].iov_base);
-        received.assign(data, data + 3);
+        received.assign(data, data + msg->msg_iov[0].iov_len);
     });
     EXPECT_TRUE(udpSocket->handleInput(udpSocket->getSocketFd()));
     EXPECT_EQ((std::vector<uint8_t>{1, 2, 3}), received);
     EXPECT_EQ(1U, udpSocket->getMessageCount());
     EXPECT_EQ(0U, udpSocket->getErrQueueMessageCount());
+}
+
+// The bytes in the single I/O vector of a handed-on message.
+std::vector<uint8_t> bytesOf(const struct msghdr* msg) {
+    const auto* data = static_cast<const uint8_t*>(msg->msg_iov[0].iov_base);
+    return std::vector<uint8_t>(data, data + msg->msg_iov[0].iov_len);
+}
+
+// The control data of a handed-on message.
+std::vector<uint8_t> controlOf(const struct msghdr* msg) {
+    const auto* data = static_cast<const uint8_t*>(msg->msg_control);
+    return std::vector<uint8_t>(data, data + msg->msg_controllen);
+}
+
+// The IPv4 source address and port of a handed-on message, as text.
+std::string sourceOf(const struct msghdr* msg) {
+    struct sockaddr_in source {};
+    std::memcpy(&source, msg->msg_name, sizeof(source));
+    char text[INET_ADDRSTRLEN] = {};
+    inet_ntop(AF_INET, &source.sin_addr, text, sizeof(text));
+    return std::string(text) + ":" + std::to_string(ntohs(source.sin_port));
+}
+
+// Each message of a batch comes with a header of its own: its source, exactly
+// its bytes and its control data, still intact when the next one is handed on.
+TEST_F(UdpSocketTest, EachMessageHasAHeaderOfItsOwn) {
+    bindIpv4();
+    scriptReceive();
+    NiceMock<MockMessageReceiver> first;
+    NiceMock<MockMessageReceiver> second;
+    udpSocket->addMessageReceiver(ipv4Key("198.18.0.2", 862), &first);
+    udpSocket->addMessageReceiver(ipv4Key("198.18.0.3", 862), &second);
+    kernelQueues.queue(false, {ipv4Key("198.18.0.2", 862), {1, 2, 3}, {0xA1, 0xA2}});
+    kernelQueues.queue(false, {ipv4Key("198.18.0.3", 862), {4, 5}, {0xB1}});
+    std::vector<struct msghdr*> headers;
+    const auto keep = [&headers](struct msghdr* msg) { headers.push_back(msg); };
+    ON_CALL(first, receiveMessage(_)).WillByDefault(keep);
+    ON_CALL(second, receiveMessage(_)).WillByDefault(keep);
+    udpSocket->handleInput(udpSocket->getSocketFd());
+    ASSERT_EQ(2U, headers.size());
+    EXPECT_EQ("198.18.0.2:862", sourceOf(headers[0]));
+    EXPECT_EQ((std::vector<uint8_t>{1, 2, 3}), bytesOf(headers[0]));
+    EXPECT_EQ((std::vector<uint8_t>{0xA1, 0xA2}), controlOf(headers[0]));
+    EXPECT_EQ("198.18.0.3:862", sourceOf(headers[1]));
+    EXPECT_EQ((std::vector<uint8_t>{4, 5}), bytesOf(headers[1]));
+    EXPECT_EQ((std::vector<uint8_t>{0xB1}), controlOf(headers[1]));
+}
+
+// A shorter datagram after a longer one is handed on with its own length only.
+TEST_F(UdpSocketTest, ShorterDatagramSeesOnlyItsBytes) {
+    bindIpv4();
+    scriptReceive();
+    NiceMock<MockMessageReceiver> receiver;
+    udpSocket->addMessageReceiver(ipv4Key("198.18.0.2", 862), &receiver);
+    std::vector<std::vector<uint8_t>> received;
+    ON_CALL(receiver, receiveMessage(_)).WillByDefault([&received](struct msghdr* msg) {
+        received.push_back(bytesOf(msg));
+    });
+    queuePacket(ipv4Key("198.18.0.2", 862), {1, 2, 3, 4, 5, 6});
+    udpSocket->handleInput(udpSocket->getSocketFd());
+    queuePacket(ipv4Key("198.18.0.2", 862), {7, 8});
+    udpSocket->handleInput(udpSocket->getSocketFd());
+    EXPECT_EQ((std::vector<std::vector<uint8_t>>{{1, 2, 3, 4, 5, 6}, {7, 8}}), received);
+}
+
+// A datagram longer than the buffer (MSG_TRUNC) is handed on with the 10000
+// bytes that fit, without a trace.
+TEST_F(UdpSocketTest, LongDatagramHandedOnTruncated) {
+    bindIpv4();
+    scriptReceive();
+    StrictMock<MockMessageReceiver> receiver;
+    udpSocket->addMessageReceiver(ipv4Key("198.18.0.2", 862), &receiver);
+    queuePacket(ipv4Key("198.18.0.2", 862), std::vector<uint8_t>(65507, 0x5A));
+    std::size_t length = 0;
+    int flags = 0;
+    EXPECT_CALL(receiver, receiveMessage(_)).WillOnce([&](struct msghdr* msg) {
+        length = msg->msg_iov[0].iov_len;
+        flags = msg->msg_flags;
+    });
+    udpSocket->handleInput(udpSocket->getSocketFd());
+    EXPECT_EQ(10000U, length);
+    EXPECT_EQ(MSG_TRUNC, flags);
+    EXPECT_EQ(1U, udpSocket->getMessageCount());
+    EXPECT_TRUE(TraceRecorder::records().empty());
+}
+
+// A byte count larger than the buffer is not believed: the message is handed
+// on with the buffer's 10000 bytes.
+TEST_F(UdpSocketTest, ByteCountBeyondTheBufferNotBelieved) {
+    bindIpv4();
+    scriptReceive();
+    StrictMock<MockMessageReceiver> receiver;
+    udpSocket->addMessageReceiver(ipv4Key("198.18.0.2", 862), &receiver);
+    kernelQueues.queue(false, {ipv4Key("198.18.0.2", 862), {1, 2, 3}, {}, 0, 20000});
+    std::size_t length = 0;
+    EXPECT_CALL(receiver, receiveMessage(_)).WillOnce([&length](struct msghdr* msg) {
+        length = msg->msg_iov[0].iov_len;
+    });
+    udpSocket->handleInput(udpSocket->getSocketFd());
+    EXPECT_EQ(10000U, length);
+}
+
+// A packet whose control data was cut (MSG_CTRUNC) is counted, dropped and
+// traced at LAB: its timestamps cannot be trusted.
+TEST_F(UdpSocketTest, PacketWithTruncatedControlDropped) {
+    bindIpv4();
+    scriptReceive();
+    StrictMock<MockMessageReceiver> receiver;
+    udpSocket->addMessageReceiver(ipv4Key("198.18.0.2", 862), &receiver);
+    kernelQueues.queue(false, {ipv4Key("198.18.0.2", 862), {1, 2, 3}, std::vector<uint8_t>(300)});
+    udpSocket->handleInput(udpSocket->getSocketFd());
+    EXPECT_EQ(std::vector<std::string>{"handleInput(): Received message with truncated control "
+                                       "data discarded"},
+              TraceRecorder::twampMessages("LAB"));
+    EXPECT_EQ(1U, udpSocket->getMessageCount());
+}
+
+// An error-queue message whose control data was cut (MSG_CTRUNC) is counted,
+// dropped and traced at LAB.
+TEST_F(UdpSocketTest, ErrQueueMessageWithTruncatedControlDropped) {
+    bindIpv4();
+    scriptReceive();
+    StrictMock<MockMessageReceiver> receiver;
+    udpSocket->addMessageReceiver(ipv4Key("198.18.0.2", 862), &receiver);
+    kernelQueues.queue(true, {ReceiverKey(),
+                              twamp_test::withEthernet(twamp_test::ipv4Packet(17, 18), 0x08, 0x00),
+                              {},
+                              MSG_CTRUNC});
+    udpSocket->handleInput(udpSocket->getSocketFd());
+    EXPECT_EQ(std::vector<std::string>{"handleInput(): Error-queue message with truncated control "
+                                       "data discarded"},
+              TraceRecorder::twampMessages("LAB"));
+    EXPECT_EQ(1U, udpSocket->getErrQueueMessageCount());
 }
 
 // A packet whose source port differs from the registered one finds no receiver.
@@ -735,23 +871,82 @@ TEST_F(UdpSocketTest, PacketFromOtherPortFindsNoReceiver) {
     scriptReceive();
     StrictMock<MockMessageReceiver> receiver;
     udpSocket->addMessageReceiver(ipv4Key("198.18.0.2", 862), &receiver);
-    packets.push_back({ipv4Key("198.18.0.2", 863), {1, 2, 3}});
+    queuePacket(ipv4Key("198.18.0.2", 863), {1, 2, 3});
     udpSocket->handleInput(udpSocket->getSocketFd());
-    EXPECT_EQ(std::vector<std::string>{"handleMessage(): Failed to find message receiver"},
+    EXPECT_EQ(std::vector<std::string>{"handleInput(): Failed to find message receiver"},
               TraceRecorder::twampMessages("LAB"));
     EXPECT_EQ(1U, udpSocket->getMessageCount());
 }
 
-// A second receiver under a key in use is ignored: the first one keeps the key.
-TEST_F(UdpSocketTest, AddMessageReceiverKeepsTheFirst) {
+// A lone receiver of a key gets its packets without being asked whether they are its own.
+TEST_F(UdpSocketTest, LoneReceiverIsNotAsked) {
+    bindIpv4();
+    scriptReceive();
+    StrictMock<MockMessageReceiver> receiver;
+    udpSocket->addMessageReceiver(ipv4Key("198.18.0.2", 862), &receiver);
+    queuePacket(ipv4Key("198.18.0.2", 862), {1});
+    EXPECT_CALL(receiver, receiveMessage(_));
+    udpSocket->handleInput(udpSocket->getSocketFd());
+}
+
+// Among receivers of one key, a packet goes to the one that owns it.
+TEST_F(UdpSocketTest, PacketGoesToTheReceiverThatOwnsIt) {
     bindIpv4();
     scriptReceive();
     StrictMock<MockMessageReceiver> first;
     StrictMock<MockMessageReceiver> second;
     udpSocket->addMessageReceiver(ipv4Key("198.18.0.2", 862), &first);
     udpSocket->addMessageReceiver(ipv4Key("198.18.0.2", 862), &second);
-    packets.push_back({ipv4Key("198.18.0.2", 862), {1}});
+    queuePacket(ipv4Key("198.18.0.2", 862), {1});
+    EXPECT_CALL(first, ownsMessage(_)).WillOnce(Return(false));
+    EXPECT_CALL(second, ownsMessage(_)).WillOnce(Return(true));
+    EXPECT_CALL(second, receiveMessage(_));
+    udpSocket->handleInput(udpSocket->getSocketFd());
+}
+
+// Among receivers of one key, a looped-back frame goes to the one that owns
+// it, asked with the frame's byte count.
+TEST_F(UdpSocketTest, LoopedFrameGoesToTheReceiverThatOwnsIt) {
+    bindIpv4();
+    scriptReceive();
+    StrictMock<MockMessageReceiver> first;
+    StrictMock<MockMessageReceiver> second;
+    udpSocket->addMessageReceiver(ipv4Key("198.18.0.2", 862), &first);
+    udpSocket->addMessageReceiver(ipv4Key("198.18.0.2", 862), &second);
+    queueLoopedFrame(twamp_test::withEthernet(twamp_test::ipv4Packet(17, 18), 0x08, 0x00));
+    EXPECT_CALL(first, ownsErrQueueMessage(_, 60)).WillOnce(Return(false));
+    EXPECT_CALL(second, ownsErrQueueMessage(_, 60)).WillOnce(Return(true));
+    EXPECT_CALL(second, receiveErrQueueMessage(_, 60));
+    udpSocket->handleInput(udpSocket->getSocketFd());
+}
+
+// A packet that no receiver of its key owns goes to the first one registered.
+TEST_F(UdpSocketTest, PacketNobodyOwnsGoesToTheFirst) {
+    bindIpv4();
+    scriptReceive();
+    NiceMock<MockMessageReceiver> first;
+    NiceMock<MockMessageReceiver> second;
+    udpSocket->addMessageReceiver(ipv4Key("198.18.0.2", 862), &first);
+    udpSocket->addMessageReceiver(ipv4Key("198.18.0.2", 862), &second);
+    queuePacket(ipv4Key("198.18.0.2", 862), {1});
     EXPECT_CALL(first, receiveMessage(_));
+    EXPECT_CALL(second, receiveMessage(_)).Times(0);
+    udpSocket->handleInput(udpSocket->getSocketFd());
+    EXPECT_TRUE(TraceRecorder::twampMessages("LAB").empty());
+}
+
+// Removing one receiver of a key leaves the other, which then gets the key's
+// packets unasked.
+TEST_F(UdpSocketTest, RemovingOneReceiverLeavesTheOther) {
+    bindIpv4();
+    scriptReceive();
+    StrictMock<MockMessageReceiver> first;
+    StrictMock<MockMessageReceiver> second;
+    udpSocket->addMessageReceiver(ipv4Key("198.18.0.2", 862), &first);
+    udpSocket->addMessageReceiver(ipv4Key("198.18.0.2", 862), &second);
+    udpSocket->removeMessageReceiver(ipv4Key("198.18.0.2", 862), &first);
+    queuePacket(ipv4Key("198.18.0.2", 862), {1});
+    EXPECT_CALL(second, receiveMessage(_));
     udpSocket->handleInput(udpSocket->getSocketFd());
 }
 
@@ -761,10 +956,10 @@ TEST_F(UdpSocketTest, RemoveMessageReceiverErases) {
     scriptReceive();
     StrictMock<MockMessageReceiver> receiver;
     udpSocket->addMessageReceiver(ipv4Key("198.18.0.2", 862), &receiver);
-    udpSocket->removeMessageReceiver(ipv4Key("198.18.0.2", 862));
-    packets.push_back({ipv4Key("198.18.0.2", 862), {1}});
+    udpSocket->removeMessageReceiver(ipv4Key("198.18.0.2", 862), &receiver);
+    queuePacket(ipv4Key("198.18.0.2", 862), {1});
     udpSocket->handleInput(udpSocket->getSocketFd());
-    EXPECT_EQ(std::vector<std::string>{"handleMessage(): Failed to find message receiver"},
+    EXPECT_EQ(std::vector<std::string>{"handleInput(): Failed to find message receiver"},
               TraceRecorder::twampMessages("LAB"));
 }
 
@@ -772,7 +967,7 @@ TEST_F(UdpSocketTest, RemoveMessageReceiverErases) {
 TEST_F(UdpSocketTest, EmptyDatagramIgnored) {
     bindIpv4();
     scriptReceive();
-    packets.push_back({ipv4Key("198.18.0.2", 862), {}});
+    queuePacket(ipv4Key("198.18.0.2", 862), {});
     udpSocket->handleInput(udpSocket->getSocketFd());
     EXPECT_EQ(0U, udpSocket->getMessageCount());
     EXPECT_TRUE(TraceRecorder::records().empty());
@@ -784,22 +979,33 @@ TEST_F(UdpSocketTest, ErrQueueMessageRoutedByLoopedDestination) {
     scriptReceive();
     StrictMock<MockMessageReceiver> receiver;
     udpSocket->addMessageReceiver(ipv4Key("198.18.0.2", 862), &receiver);
-    errQueue.push_back(
-        {ReceiverKey(), twamp_test::withEthernet(twamp_test::ipv4Packet(17, 18), 0x08, 0x00)});
+    queueLoopedFrame(twamp_test::withEthernet(twamp_test::ipv4Packet(17, 18), 0x08, 0x00));
     EXPECT_CALL(receiver, receiveErrQueueMessage(_, 60));
     udpSocket->handleInput(udpSocket->getSocketFd());
     EXPECT_EQ(1U, udpSocket->getErrQueueMessageCount());
     EXPECT_EQ(0U, udpSocket->getMessageCount());
 }
 
+// A looped-back frame longer than the buffer is handed on with the 10000
+// bytes that fit, and that count.
+TEST_F(UdpSocketTest, LongLoopedFrameHandedOnTruncated) {
+    bindIpv4();
+    scriptReceive();
+    StrictMock<MockMessageReceiver> receiver;
+    udpSocket->addMessageReceiver(ipv4Key("198.18.0.2", 862), &receiver);
+    queueLoopedFrame(twamp_test::withEthernet(twamp_test::ipv4Packet(17, 65507 - 28), 0x08, 0x00));
+    EXPECT_CALL(receiver, receiveErrQueueMessage(_, 10000));
+    udpSocket->handleInput(udpSocket->getSocketFd());
+    EXPECT_TRUE(TraceRecorder::records().empty());
+}
+
 // A looped-back frame without a receiver for its destination is traced at LAB.
 TEST_F(UdpSocketTest, ErrQueueMessageWithoutReceiverTraced) {
     bindIpv4();
     scriptReceive();
-    errQueue.push_back(
-        {ReceiverKey(), twamp_test::withEthernet(twamp_test::ipv4Packet(17, 18), 0x08, 0x00)});
+    queueLoopedFrame(twamp_test::withEthernet(twamp_test::ipv4Packet(17, 18), 0x08, 0x00));
     udpSocket->handleInput(udpSocket->getSocketFd());
-    EXPECT_EQ(std::vector<std::string>{"handleErrQueueMessage(): Failed to find message receiver"},
+    EXPECT_EQ(std::vector<std::string>{"handleInput(): Failed to find message receiver"},
               TraceRecorder::twampMessages("LAB"));
 }
 
@@ -809,33 +1015,163 @@ TEST_F(UdpSocketTest, ErrQueueMessageOfOtherProtocolSkipped) {
     scriptReceive();
     StrictMock<MockMessageReceiver> receiver;
     udpSocket->addMessageReceiver(ipv4Key("198.18.0.2", 862), &receiver);
-    errQueue.push_back(
-        {ReceiverKey(), twamp_test::withEthernet(twamp_test::ipv4Packet(6, 18), 0x08, 0x00)});
+    queueLoopedFrame(twamp_test::withEthernet(twamp_test::ipv4Packet(6, 18), 0x08, 0x00));
     udpSocket->handleInput(udpSocket->getSocketFd());
     EXPECT_EQ(1U, udpSocket->getErrQueueMessageCount());
     EXPECT_TRUE(TraceRecorder::records().empty());
 }
 
-// One readiness event handles one error-queue message and then one packet.
-TEST_F(UdpSocketTest, ErrQueueMessageThenPacketInOneCall) {
+// ---- Draining ----
+
+// Error-queue messages and packets pending together are all handled in one
+// call, the error queue first; two short batches make two receives.
+TEST_F(UdpSocketTest, BothQueuesDrainedInOneCall) {
     bindIpv4();
     scriptReceive();
     StrictMock<MockMessageReceiver> receiver;
     udpSocket->addMessageReceiver(ipv4Key("198.18.0.2", 862), &receiver);
     const std::vector<uint8_t> frame =
         twamp_test::withEthernet(twamp_test::ipv4Packet(17, 18), 0x08, 0x00);
-    errQueue.push_back({ReceiverKey(), frame});
-    errQueue.push_back({ReceiverKey(), frame});
-    packets.push_back({ipv4Key("198.18.0.2", 862), {1}});
-    packets.push_back({ipv4Key("198.18.0.2", 862), {2}});
+    queueLoopedFrame(frame);
+    queueLoopedFrame(frame);
+    queuePacket(ipv4Key("198.18.0.2", 862), {1});
+    queuePacket(ipv4Key("198.18.0.2", 862), {2});
     {
         InSequence order;
-        EXPECT_CALL(receiver, receiveErrQueueMessage(_, 60));
-        EXPECT_CALL(receiver, receiveMessage(_));
+        EXPECT_CALL(receiver, receiveErrQueueMessage(_, 60)).Times(2);
+        EXPECT_CALL(receiver, receiveMessage(_)).Times(2);
     }
     udpSocket->handleInput(udpSocket->getSocketFd());
-    EXPECT_EQ(1U, errQueue.size());
-    EXPECT_EQ(1U, packets.size());
+    EXPECT_EQ((std::vector<RecvmmsgCall>{{MSG_ERRQUEUE | MSG_DONTWAIT, 64}, {MSG_DONTWAIT, 64}}),
+              kernelQueues.calls);
+    EXPECT_EQ(2U, udpSocket->getErrQueueMessageCount());
+    EXPECT_EQ(2U, udpSocket->getMessageCount());
+}
+
+// Fixture of the draining tests: n packets from the registered reflector,
+// each one byte of its index, counted by a receiver.
+class UdpSocketDrainTest : public UdpSocketTest {
+  protected:
+    void SetUp() override {
+        UdpSocketTest::SetUp();
+        bindIpv4();
+        scriptReceive();
+        udpSocket->addMessageReceiver(ipv4Key("198.18.0.2", 862), &receiver);
+        ON_CALL(receiver, receiveMessage(_)).WillByDefault([this](struct msghdr*) {
+            order.push_back('p');
+        });
+        ON_CALL(receiver, receiveErrQueueMessage(_, _))
+            .WillByDefault([this](struct msghdr*, ssize_t) { order.push_back('e'); });
+    }
+
+    // count packets as one batch of the kernel's receive queue.
+    void queuePackets(std::size_t count) {
+        for (std::size_t index = 0; index < count; ++index) {
+            queuePacket(ipv4Key("198.18.0.2", 862), {static_cast<uint8_t>(index)});
+        }
+        kernelQueues.endBatch(false);
+    }
+
+    // count looped-back frames as one batch of the error queue.
+    void queueFrames(std::size_t count) {
+        const std::vector<uint8_t> frame =
+            twamp_test::withEthernet(twamp_test::ipv4Packet(17, 18), 0x08, 0x00);
+        for (std::size_t index = 0; index < count; ++index) {
+            queueLoopedFrame(frame);
+        }
+        kernelQueues.endBatch(true);
+    }
+
+    // Runs of equal letters in order: "64e64p" for 64 'e' then 64 'p'.
+    std::string runs() const {
+        std::string text;
+        std::size_t index = 0;
+        while (index < order.size()) {
+            std::size_t end = index;
+            while (end < order.size() && order[end] == order[index]) {
+                ++end;
+            }
+            text += std::to_string(end - index) + order[index];
+            index = end;
+        }
+        return text;
+    }
+
+    NiceMock<MockMessageReceiver> receiver;
+    std::string order;  // 'e' per error-queue message, 'p' per packet, as handed on
+};
+
+// While batches come back full the rounds go on: 150 waiting packets are
+// read as 64, 64 and 22 in one call, the error queue asked first each round.
+TEST_F(UdpSocketDrainTest, FullBatchesRepeatTheRound) {
+    queuePackets(150);
+    udpSocket->handleInput(udpSocket->getSocketFd());
+    EXPECT_EQ(150U, udpSocket->getMessageCount());
+    EXPECT_EQ((std::vector<RecvmmsgCall>{{MSG_ERRQUEUE | MSG_DONTWAIT, 64},
+                                         {MSG_DONTWAIT, 64},
+                                         {MSG_ERRQUEUE | MSG_DONTWAIT, 64},
+                                         {MSG_DONTWAIT, 64},
+                                         {MSG_ERRQUEUE | MSG_DONTWAIT, 64},
+                                         {MSG_DONTWAIT, 64}}),
+              kernelQueues.calls);
+}
+
+// A short batch means the queue was empty: what arrives after it waits for
+// the next readiness, so a quiet socket costs one receive per queue.
+TEST_F(UdpSocketDrainTest, ShortBatchesEndTheReadiness) {
+    queuePackets(3);
+    queuePackets(5);
+    udpSocket->handleInput(udpSocket->getSocketFd());
+    EXPECT_EQ(3U, udpSocket->getMessageCount());
+    EXPECT_EQ((std::vector<RecvmmsgCall>{{MSG_ERRQUEUE | MSG_DONTWAIT, 64}, {MSG_DONTWAIT, 64}}),
+              kernelQueues.calls);
+}
+
+// Every round takes the error queue first: its messages and the packets
+// are handed on in alternating batches.
+TEST_F(UdpSocketDrainTest, ErrorQueueFirstInEveryRound) {
+    queueFrames(70);
+    queuePackets(70);
+    udpSocket->handleInput(udpSocket->getSocketFd());
+    EXPECT_EQ("64e64p6e6p", runs());
+}
+
+// A flood is read up to 256 messages of each queue per readiness; the rest
+// stays queued for the next one.
+TEST_F(UdpSocketDrainTest, FloodBoundedPerReadiness) {
+    queueFrames(1000);
+    queuePackets(1000);
+    udpSocket->handleInput(udpSocket->getSocketFd());
+    EXPECT_EQ(256U, udpSocket->getErrQueueMessageCount());
+    EXPECT_EQ(256U, udpSocket->getMessageCount());
+    EXPECT_EQ(744U, kernelQueues.pending(true));
+    EXPECT_EQ(744U, kernelQueues.pending(false));
+    EXPECT_EQ(8U, kernelQueues.calls.size());
+}
+
+// A queue that runs dry does not stop the other, which goes on up to its bound.
+TEST_F(UdpSocketDrainTest, QueueRunningDryLeavesTheOtherDraining) {
+    queueFrames(100);
+    queuePackets(400);
+    udpSocket->handleInput(udpSocket->getSocketFd());
+    EXPECT_EQ(100U, udpSocket->getErrQueueMessageCount());
+    EXPECT_EQ(256U, udpSocket->getMessageCount());
+    EXPECT_EQ("64e64p36e192p", runs());
+}
+
+// The packets are handed on in the order the kernel queued them.
+TEST_F(UdpSocketDrainTest, PacketsHandedOnInQueueOrder) {
+    queuePackets(100);
+    std::vector<uint8_t> firstBytes;
+    ON_CALL(receiver, receiveMessage(_)).WillByDefault([&firstBytes](struct msghdr* msg) {
+        firstBytes.push_back(static_cast<const uint8_t*>(msg->msg_iov[0].iov_base)[0]);
+    });
+    udpSocket->handleInput(udpSocket->getSocketFd());
+    std::vector<uint8_t> expected(100);
+    for (std::size_t index = 0; index < expected.size(); ++index) {
+        expected[index] = static_cast<uint8_t>(index);
+    }
+    EXPECT_EQ(expected, firstBytes);
 }
 
 }  // namespace

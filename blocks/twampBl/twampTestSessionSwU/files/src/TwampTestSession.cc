@@ -404,6 +404,40 @@ void TwampTestSession::receiveErrQueueMessage(struct msghdr* msg, ssize_t length
     outstanding.releaseReply(seqNo);
 }
 
+// Several sessions may share one reflector address; the socket asks each
+// which reply is its own. The sequence number alone is not enough (every
+// session counts from 0), the T1 it was sent at tells them apart.
+bool TwampTestSession::ownsMessage(const struct msghdr* msg) const {
+    if (msg == nullptr || msg->msg_iov == nullptr || msg->msg_iovlen < 1 ||
+        msg->msg_iov[0].iov_len < TwampTestMessage::kPaddingOffset) {
+        return false;
+    }
+    const TwampTestMessage reply(static_cast<uint8_t*>(msg->msg_iov[0].iov_base),
+                                 msg->msg_iov[0].iov_len);
+    return isOutstanding(reply.getSenderSequenceNumber(), reply.getSenderTimestamp());
+}
+
+bool TwampTestSession::ownsErrQueueMessage(const struct msghdr* msg, ssize_t length) const {
+    if (msg == nullptr || msg->msg_iov == nullptr || msg->msg_iovlen < 1 || length < 0) {
+        return false;
+    }
+    const auto frameLength = static_cast<std::size_t>(length);
+    auto* frame = static_cast<uint8_t*>(msg->msg_iov[0].iov_base);
+    const int family = TwampTestSessionController::getInstance()->getUdpSocket().getFamily();
+    const std::size_t headerLength = getLoopedFrameHeaderLength(frame, frameLength, family);
+    if (frameLength < headerLength + OwampTestMessage::kErrorEstimateOffset) {
+        return false;
+    }
+    const OwampTestMessage sent(frame + headerLength, frameLength - headerLength);
+    return isOutstanding(sent.getSequenceNumber(), sent.getTimestamp());
+}
+
+// Packet seqNo sent at t1 is outstanding here.
+bool TwampTestSession::isOutstanding(uint32_t seqNo, uint64_t t1) const {
+    const SentPacket* sent = outstanding.find(seqNo);
+    return sent != nullptr && sent->t1 == t1;
+}
+
 SentPacket* TwampTestSession::findSentPacket(int parity, uint32_t seqNo) {
     SentPacket* sent = outstanding.find(seqNo);
     // Each minute parity keeps its own packets: a number found under the
@@ -610,11 +644,19 @@ int TwampTestSession::getActivePeriod() {
 
 bool TwampTestSession::setDscp(int socket) {
     const int tos = static_cast<int>(dscp << kDscpShift);
+    UdpSocket& udpSocket = TwampTestSessionController::getInstance()->getUdpSocket();
+    // The TOS belongs to the shared socket and stays set: a system call is
+    // needed only when the packet before left with another DSCP.
+    if (udpSocket.getAppliedTos() == tos) {
+        return true;
+    }
     if (systemCalls.setsockopt(socket, IPPROTO_IP, IP_TOS, &tos, sizeof(tos)) != 0) {
         const int error = errno;
+        udpSocket.setAppliedTos(-1);
         TRACE_ERROR("Failed to set socket option IP_TOS: errno %d - %s", error, strerror(error));
         return false;
     }
+    udpSocket.setAppliedTos(tos);
     return true;
 }
 
@@ -650,7 +692,7 @@ void TwampTestSession::removeFromSocket() {
         return;
     }
     TwampTestSessionController::getInstance()->getUdpSocket().removeMessageReceiver(
-        ReceiverKey(dstAddress));
+        ReceiverKey(dstAddress), static_cast<MessageReceiver*>(this));
     registeredWithSocket = false;
 }
 

@@ -99,6 +99,12 @@ class TwampTestSession : public IoHandler, public MessageReceiver {
     void receiveMessage(struct msghdr* msg) override;
     // A looped-back frame with its transmit timestamp.
     void receiveErrQueueMessage(struct msghdr* msg, ssize_t length) override;
+    // True when the reply's sender sequence number and sender timestamp
+    // name a packet outstanding here.
+    bool ownsMessage(const struct msghdr* msg) const override;
+    // True when the looped-back frame's sequence number and timestamp name a
+    // packet outstanding here.
+    bool ownsErrQueueMessage(const struct msghdr* msg, ssize_t length) const override;
 
     // Books a matched packet in the minute it was sent: analysed when its
     // round trip (T4 - T1Prime) is at most 4 s, otherwise discarded.
@@ -249,6 +255,7 @@ class TwampTestSession : public IoHandler, public MessageReceiver {
     void startMinute(uint32_t minute);
     void minuteTick(uint32_t minute);
     SentPacket* findSentPacket(int parity, uint32_t seqNo);
+    bool isOutstanding(uint32_t seqNo, uint64_t t1) const;
     bool isSequenceBroken(const OutstandingPacket& packet, int parity) const;
     bool isResponderRenumbered(const OutstandingPacket& packet, int parity) const;
     bool responderWentBack(const OutstandingPacket& packet, int parity) const;

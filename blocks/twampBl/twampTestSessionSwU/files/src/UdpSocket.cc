@@ -4,6 +4,7 @@
 #include <netinet/in.h>
 #include <unistd.h>
 
+#include <algorithm>
 #include <cerrno>
 #include <cstring>
 
@@ -20,82 +21,17 @@ constexpr int kOptionOn = 1;
 // Room for several seconds of replies and timestamps of a fully loaded daemon.
 constexpr int kReceiveQueueBytes = 4 * 1024 * 1024;
 
+// Traces of the private steps below name the operation they belong to.
+constexpr const char* kSocketConfiguration = "socketConfiguration";
+constexpr const char* kHandleInput = "handleInput";
+
 }  // namespace
-
-// ---- SocketSystemCalls ----
-
-SocketSystemCalls::~SocketSystemCalls() = default;
-
-int SocketSystemCalls::getaddrinfo(const char* node, const char* service,
-                                   const struct addrinfo* hints, struct addrinfo** result) {
-    return ::getaddrinfo(node, service, hints, result);
-}
-
-void SocketSystemCalls::freeaddrinfo(struct addrinfo* result) {
-    ::freeaddrinfo(result);
-}
-
-int SocketSystemCalls::socket(int domain, int type, int protocol) {
-    return ::socket(domain, type, protocol);
-}
-
-int SocketSystemCalls::bind(int fd, const struct sockaddr* address, socklen_t length) {
-    return ::bind(fd, address, length);
-}
-
-int SocketSystemCalls::close(int fd) {
-    return ::close(fd);
-}
-
-unsigned int SocketSystemCalls::sleep(unsigned int seconds) {
-    return ::sleep(seconds);
-}
-
-int SocketSystemCalls::clockGettime(clockid_t clock, struct timespec* time) {
-    return ::clock_gettime(clock, time);
-}
-
-int SocketSystemCalls::timerfdCreate(int clock, int flags) {
-    return ::timerfd_create(clock, flags);
-}
-
-int SocketSystemCalls::timerfdSettime(int fd, int flags, const struct itimerspec* newValue,
-                                      struct itimerspec* oldValue) {
-    return ::timerfd_settime(fd, flags, newValue, oldValue);
-}
-
-ssize_t SocketSystemCalls::read(int fd, void* buffer, std::size_t count) {
-    return ::read(fd, buffer, count);
-}
-
-ssize_t SocketSystemCalls::recvmsg(int fd, struct msghdr* msg, int flags) {
-    return ::recvmsg(fd, msg, flags);
-}
-
-int SocketSystemCalls::setsockopt(int fd, int level, int name, const void* value,
-                                  socklen_t length) {
-    return ::setsockopt(fd, level, name, value, length);
-}
-
-int SocketSystemCalls::fcntl(int fd, int command, int argument) {
-    return ::fcntl(fd, command, argument);
-}
-
-SocketSystemCalls& SocketSystemCalls::real() {
-    static SocketSystemCalls instance;
-    return instance;
-}
 
 // ---- Construction ----
 
 UdpSocket::UdpSocket(SocketSystemCalls* systemCalls)
     : systemCalls((systemCalls != nullptr) ? systemCalls : &SocketSystemCalls::real()),
-      receiveBuffer(kReceiveBufferSize) {
-    std::memset(controlBuffer, 0, sizeof(controlBuffer));
-    std::memset(&sourceAddress, 0, sizeof(sourceAddress));
-    std::memset(&ioVector, 0, sizeof(ioVector));
-    std::memset(&messageHeader, 0, sizeof(messageHeader));
-}
+      batch(kBatchSize, kReceiveBufferSize, kControlBufferSize) {}
 
 UdpSocket::~UdpSocket() {
     // The multiplexer must not keep descriptors that are about to be closed.
@@ -125,51 +61,91 @@ bool UdpSocket::handleInput(int fd) {
         retryBind();
         return true;
     }
-    // At most one of each per readiness event: whatever remains keeps the
-    // descriptor readable for the next round of the loop.
-    handleErrQueueMessage();
-    handleMessage();
+    // Rounds of error queue first, then packets: a transmit timestamp is
+    // usually read before its reply. Rounds go on while a batch comes back
+    // full, so a busy socket is emptied without a select per message, and
+    // stop at the bound of each queue, so a flood cannot hold the loop: what
+    // remains keeps the descriptor readable for the next round of the loop.
+    unsigned int errQueueLeft = kMaxMessagesPerReadiness;
+    unsigned int packetsLeft = kMaxMessagesPerReadiness;
+    bool more = true;
+    while (more) {
+        const bool moreErrQueue = drainBatch(MSG_ERRQUEUE, errQueueLeft);
+        const bool morePackets = drainBatch(0, packetsLeft);
+        more = moreErrQueue || morePackets;
+    }
     return true;
 }
 
-void UdpSocket::handleErrQueueMessage() {
-    const ssize_t length = receiveMessage(MSG_ERRQUEUE);
+// One batch of a queue within what is left of its bound; true when the
+// batch came back full, so that more may be waiting.
+bool UdpSocket::drainBatch(int flags, unsigned int& left) {
+    if (left == 0) {
+        return false;
+    }
+    const unsigned int limit = std::min(kBatchSize, left);
+    const int received = receiveMessage(flags, limit);
+    if (received < 1) {
+        return false;
+    }
+    const auto count = static_cast<unsigned int>(received);
+    left -= std::min(count, left);
+    for (unsigned int index = 0; index < count; ++index) {
+        if ((flags & MSG_ERRQUEUE) != 0) {
+            handleErrQueueMessage(batch.message(index), batch.length(index));
+        } else {
+            handleMessage(batch.message(index), batch.length(index));
+        }
+    }
+    return count >= limit;
+}
+
+// Control data cut short may have lost the timestamp or half of it: such a
+// message cannot be measured. A datagram longer than the buffer (MSG_TRUNC)
+// is handed on with the bytes that fit: the fields read from replies and
+// looped-back frames lie at their start, and test packets larger than the
+// buffer (up to 65507 bytes) are normal, so it is not traced either.
+void UdpSocket::handleErrQueueMessage(struct msghdr* msg, std::size_t length) {
     if (length < 1) {
         return;
     }
     ++errQueueMessageCount;
-    const std::size_t frameLength = static_cast<std::size_t>(length);
+    if ((msg->msg_flags & MSG_CTRUNC) != 0) {
+        TRACE_LAB_AS(kHandleInput, "Error-queue message with truncated control data discarded");
+        return;
+    }
+    const auto* frame = static_cast<const uint8_t*>(msg->msg_iov[0].iov_base);
     ReceiverKey key;
     // Anything but a looped-back UDP frame of our family is skipped silently.
-    if (!isLoopedUdpFrame(receiveBuffer.data(), frameLength, family) ||
-        !getLoopedFrameDestination(key, receiveBuffer.data(), frameLength, family)) {
+    if (!isLoopedUdpFrame(frame, length, family) ||
+        !getLoopedFrameDestination(key, frame, length, family)) {
         return;
     }
-    MessageReceiver* receiver = findMessageReceiver(key);
+    MessageReceiver* receiver =
+        receivers.findForErrQueueMessage(key, msg, static_cast<ssize_t>(length));
     if (receiver == nullptr) {
-        TRACE_LAB("Failed to find message receiver");
+        TRACE_LAB_AS(kHandleInput, "Failed to find message receiver");
         return;
     }
-    receiver->receiveErrQueueMessage(&messageHeader, length);
+    receiver->receiveErrQueueMessage(msg, static_cast<ssize_t>(length));
 }
 
-void UdpSocket::handleMessage() {
-    const ssize_t length = receiveMessage(0);
+void UdpSocket::handleMessage(struct msghdr* msg, std::size_t length) {
     if (length < 1) {
         return;
     }
     ++messageCount;
-    MessageReceiver* receiver = findMessageReceiver(ReceiverKey(sourceAddress));
-    if (receiver == nullptr) {
-        TRACE_LAB("Failed to find message receiver");
+    if ((msg->msg_flags & MSG_CTRUNC) != 0) {
+        TRACE_LAB_AS(kHandleInput, "Received message with truncated control data discarded");
         return;
     }
-    receiver->receiveMessage(&messageHeader);
-}
-
-MessageReceiver* UdpSocket::findMessageReceiver(const ReceiverKey& key) const {
-    const auto entry = receivers.find(key);
-    return (entry == receivers.end()) ? nullptr : entry->second;
+    const auto* source = static_cast<const struct sockaddr_storage*>(msg->msg_name);
+    MessageReceiver* receiver = receivers.findForMessage(ReceiverKey(*source), msg);
+    if (receiver == nullptr) {
+        TRACE_LAB_AS(kHandleInput, "Failed to find message receiver");
+        return;
+    }
+    receiver->receiveMessage(msg);
 }
 
 // ---- Binding ----
@@ -219,6 +195,7 @@ bool UdpSocket::getBoundSocket(int attempts) {
     TRACE_INFO("Succeeded IP %s port %s socket bind after %d seconds", srcIpAddress, srcUdpPort,
                failedRounds);
     socketFd = boundFd;
+    appliedTos = -1;  // a new socket carries the default TOS until a session sets one
     readFds.insert(socketFd);
     family = addresses->ai_family;
     systemCalls->freeaddrinfo(addresses);
@@ -321,7 +298,8 @@ bool UdpSocket::makeNonBlocking() {
     const int nonBlocking = (flags == -1) ? O_NONBLOCK : (flags | O_NONBLOCK);
     if (systemCalls->fcntl(socketFd, F_SETFL, nonBlocking) == -1) {
         const int error = errno;
-        TRACE_ERROR("Failed fcntl: errno %d - %s", error, std::strerror(error));
+        TRACE_ERROR_AS(kSocketConfiguration, "Failed fcntl: errno %d - %s", error,
+                       std::strerror(error));
         return false;
     }
     return true;
@@ -331,8 +309,8 @@ bool UdpSocket::enableTimestamping() {
     const int value = TimestampSource::configureFromEnvironment().getOptionValue();
     if (!setIntOption(SOL_SOCKET, SO_TIMESTAMPING, value)) {
         const int error = errno;
-        TRACE_ERROR("Failed setsockopt SO_TIMESTAMPING: errno %d - %s", error,
-                    std::strerror(error));
+        TRACE_ERROR_AS(kSocketConfiguration, "Failed setsockopt SO_TIMESTAMPING: errno %d - %s",
+                       error, std::strerror(error));
         return false;
     }
     return true;
@@ -348,28 +326,30 @@ void UdpSocket::enlargeReceiveBuffer() {
         return;
     }
     const int error = errno;
-    TRACE_LAB("Failed to enlarge the socket receive buffer: errno %d - %s", error,
-              std::strerror(error));
+    TRACE_LAB_AS(kSocketConfiguration, "Failed to enlarge the socket receive buffer: errno %d - %s",
+                 error, std::strerror(error));
 }
 
 bool UdpSocket::setIpv4Options() {
     bool configured = true;
     if (!setIntOption(IPPROTO_IP, IP_TTL, kTtl)) {
         const int error = errno;
-        TRACE_ERROR("Failed to set socket option IP_TTL: errno %d - %s", error,
-                    std::strerror(error));
+        TRACE_ERROR_AS(kSocketConfiguration, "Failed to set socket option IP_TTL: errno %d - %s",
+                       error, std::strerror(error));
         configured = false;
     }
     if (!setIntOption(IPPROTO_IP, IP_RECVTTL, kOptionOn)) {
         const int error = errno;
-        TRACE_ERROR("Failed to set socket option IP_RECVTTL: errno %d - %s", error,
-                    std::strerror(error));
+        TRACE_ERROR_AS(kSocketConfiguration,
+                       "Failed to set socket option IP_RECVTTL: errno %d - %s", error,
+                       std::strerror(error));
         configured = false;
     }
     if (!setIntOption(IPPROTO_IP, IP_RECVTOS, kOptionOn)) {
         const int error = errno;
-        TRACE_ERROR("Failed to set socket option IP_RECVTOS: errno %d - %s", error,
-                    std::strerror(error));
+        TRACE_ERROR_AS(kSocketConfiguration,
+                       "Failed to set socket option IP_RECVTOS: errno %d - %s", error,
+                       std::strerror(error));
         configured = false;
     }
     return configured;
@@ -380,14 +360,16 @@ bool UdpSocket::setIpv6Options() {
     bool configured = true;
     if (!setIntOption(IPPROTO_IPV6, IPV6_RECVHOPLIMIT, kOptionOn)) {
         const int error = errno;
-        TRACE_ERROR("Failed to set socket option IPV6_RECVHOPLIMIT: errno %d - %s", error,
-                    std::strerror(error));
+        TRACE_ERROR_AS(kSocketConfiguration,
+                       "Failed to set socket option IPV6_RECVHOPLIMIT: errno %d - %s", error,
+                       std::strerror(error));
         configured = false;
     }
     if (!setIntOption(IPPROTO_IPV6, IPV6_RECVTCLASS, kOptionOn)) {
         const int error = errno;
-        TRACE_ERROR("Failed to set socket option IPV6_RECVTCLASS: errno %d - %s", error,
-                    std::strerror(error));
+        TRACE_ERROR_AS(kSocketConfiguration,
+                       "Failed to set socket option IPV6_RECVTCLASS: errno %d - %s", error,
+                       std::strerror(error));
         configured = false;
     }
     return configured;
@@ -406,35 +388,19 @@ void UdpSocket::registerWithMultiplexer() {
 // ---- Receiving ----
 
 void UdpSocket::addMessageReceiver(const ReceiverKey& key, MessageReceiver* receiver) {
-    receivers.emplace(key, receiver);
+    receivers.add(key, receiver);
 }
 
-void UdpSocket::removeMessageReceiver(const ReceiverKey& key) {
-    receivers.erase(key);
+void UdpSocket::removeMessageReceiver(const ReceiverKey& key, MessageReceiver* receiver) {
+    receivers.remove(key, receiver);
 }
 
-void UdpSocket::resetMessageHeader() {
-    std::memset(&sourceAddress, 0, sizeof(sourceAddress));
-    std::memset(controlBuffer, 0, sizeof(controlBuffer));
-    std::memset(&messageHeader, 0, sizeof(messageHeader));
-    ioVector.iov_base = receiveBuffer.data();
-    ioVector.iov_len = receiveBuffer.size();
-    messageHeader.msg_name = &sourceAddress;
-    messageHeader.msg_iov = &ioVector;
-    messageHeader.msg_iovlen = 1;
-    messageHeader.msg_control = controlBuffer;
-}
-
-ssize_t UdpSocket::receiveMessage(int flags) {
-    resetMessageHeader();
-    messageHeader.msg_namelen = sizeof(sourceAddress);
-    ioVector.iov_len = kReceiveBufferSize;
-    messageHeader.msg_controllen = kControlBufferSize;
-    const ssize_t received = systemCalls->recvmsg(socketFd, &messageHeader, flags | MSG_DONTWAIT);
-    if (received >= 0) {
-        // The receiver sees exactly the datagram, never bytes of an earlier one.
-        ioVector.iov_len = static_cast<std::size_t>(received);
-    }
+int UdpSocket::receiveMessage(int flags, unsigned int limit) {
+    struct mmsghdr* headers = batch.prepare(limit);
+    const auto count = static_cast<unsigned int>(std::min<std::size_t>(limit, batch.capacity()));
+    const int received =
+        systemCalls->recvmmsg(socketFd, headers, count, flags | MSG_DONTWAIT, nullptr);
+    batch.settle(received);
     if (received < 0 && errno != ENOMSG && errno != EAGAIN) {
         const int error = errno;
         TRACE_LAB("Failed recvmsg: errno %d - %s", error, std::strerror(error));
@@ -462,6 +428,14 @@ const char* UdpSocket::getSrcUdpPort() const {
 
 bool UdpSocket::isIpsecTunnel() const {
     return ipsecTunnel;
+}
+
+int UdpSocket::getAppliedTos() const {
+    return appliedTos;
+}
+
+void UdpSocket::setAppliedTos(int tos) {
+    appliedTos = tos;
 }
 
 int UdpSocket::getBindTimerFd() const {

@@ -5,7 +5,9 @@
 // configures kernel timestamping and the receive options, and routes what
 // arrives: reflected packets to the receiver registered for their source
 // address, transmit timestamps from the error queue to the receiver
-// registered for the destination of the looped-back frame.
+// registered for the destination of the looped-back frame (among several
+// receivers of one address, to the one whose packet it is). Each readiness
+// drains both queues in batches, up to a bound per queue.
 #ifndef TWAMP_UDP_SOCKET_H
 #define TWAMP_UDP_SOCKET_H
 
@@ -18,60 +20,26 @@
 #include <cstddef>
 #include <cstdint>
 #include <ctime>
-#include <map>
 #include <set>
 #include <vector>
 
 #include "IoHandler.h"
 #include "MessageReceiver.h"
+#include "ReceiveBatch.h"
 #include "ReceiverKey.h"
+#include "ReceiverRegistry.h"
+#include "SocketSystemCalls.h"
 
 class IoMultiplexer;
-
-// The system calls of the socket. The base class calls the real ones; tests
-// override single calls to drive bind failures, clocks and received messages
-// without sleeping or depending on the network.
-class SocketSystemCalls {
-  public:
-    virtual ~SocketSystemCalls();
-
-    // ::getaddrinfo
-    virtual int getaddrinfo(const char* node, const char* service, const struct addrinfo* hints,
-                            struct addrinfo** result);
-    // ::freeaddrinfo
-    virtual void freeaddrinfo(struct addrinfo* result);
-    // ::socket
-    virtual int socket(int domain, int type, int protocol);
-    // ::bind
-    virtual int bind(int fd, const struct sockaddr* address, socklen_t length);
-    // ::close
-    virtual int close(int fd);
-    // ::sleep
-    virtual unsigned int sleep(unsigned int seconds);
-    // ::clock_gettime
-    virtual int clockGettime(clockid_t clock, struct timespec* time);
-    // ::timerfd_create
-    virtual int timerfdCreate(int clock, int flags);
-    // ::timerfd_settime
-    virtual int timerfdSettime(int fd, int flags, const struct itimerspec* newValue,
-                               struct itimerspec* oldValue);
-    // ::read
-    virtual ssize_t read(int fd, void* buffer, std::size_t count);
-    // ::recvmsg
-    virtual ssize_t recvmsg(int fd, struct msghdr* msg, int flags);
-    // ::setsockopt
-    virtual int setsockopt(int fd, int level, int name, const void* value, socklen_t length);
-    // ::fcntl with one int argument (0 for commands without one).
-    virtual int fcntl(int fd, int command, int argument);
-
-    // The process's instance calling the real system calls.
-    static SocketSystemCalls& real();
-};
 
 class UdpSocket : public IoHandler {
   public:
     static constexpr std::size_t kReceiveBufferSize = 10000;
     static constexpr std::size_t kControlBufferSize = 256;
+    // Messages read by one recvmmsg call.
+    static constexpr unsigned int kBatchSize = 64;
+    // Messages of each queue read in one readiness event at most.
+    static constexpr unsigned int kMaxMessagesPerReadiness = 256;
     static constexpr int kStartUpBindAttempts = 30;
     static constexpr time_t kBindRetrySeconds = 10;
 
@@ -85,7 +53,8 @@ class UdpSocket : public IoHandler {
     // IoHandler
     // The bound socket and the bind timer, whichever exist.
     std::set<int> getReadFds() const override;
-    // Bind timer: one bind round. Socket: one error-queue message, then one packet.
+    // Bind timer: one bind round. Socket: rounds of error-queue messages, then
+    // packets, in batches, while they keep coming, up to a bound per queue.
     bool handleInput(int fd) override;
 
     // The bound socket, -1 when not bound.
@@ -96,14 +65,13 @@ class UdpSocket : public IoHandler {
     virtual bool socketConfiguration();
     // One bind round, on expiry of the bind timer.
     virtual bool retryBind();
-    // Routes packets of key to receiver unless the key is taken (the first one stays).
+    // Routes packets of key to receiver too, behind the receivers already there.
     virtual void addMessageReceiver(const ReceiverKey& key, MessageReceiver* receiver);
-    // Stops routing packets of key.
-    virtual void removeMessageReceiver(const ReceiverKey& key);
-    // One recvmsg (flags | MSG_DONTWAIT) into the message header; its result.
-    virtual ssize_t receiveMessage(int flags);
-    // Clears source address, control buffer and flags and rebuilds the header.
-    virtual void resetMessageHeader();
+    // Stops routing packets of key to receiver; the other receivers of key stay.
+    virtual void removeMessageReceiver(const ReceiverKey& key, MessageReceiver* receiver);
+    // One recvmmsg (flags | MSG_DONTWAIT) of at most limit messages (at most
+    // kBatchSize) into the batch; how many came, -1 on failure.
+    virtual int receiveMessage(int flags, unsigned int limit);
     // Resolution hints: passive, datagram, any family.
     virtual void getHints(struct addrinfo* hints) const;
     // Family of the bound socket (first resolved address), 0 before.
@@ -114,6 +82,10 @@ class UdpSocket : public IoHandler {
     virtual const char* getSrcUdpPort() const;
     // The tunnel flag given to init; it changes no behaviour.
     virtual bool isIpsecTunnel() const;
+    // The IP_TOS value last set on the socket; -1 before any and after a failed set.
+    virtual int getAppliedTos() const;
+    // Records the IP_TOS value just set on the socket, -1 when the set failed.
+    virtual void setAppliedTos(int tos);
 
     // Up to attempts rounds over the resolved addresses, one second apart;
     // schedules a retry when all fail.
@@ -143,12 +115,12 @@ class UdpSocket : public IoHandler {
     bool setIpv6Options();
     bool setIntOption(int level, int name, int value);
     void registerWithMultiplexer();
-    void handleErrQueueMessage();
-    void handleMessage();
-    MessageReceiver* findMessageReceiver(const ReceiverKey& key) const;
+    bool drainBatch(int flags, unsigned int& left);
+    void handleErrQueueMessage(struct msghdr* msg, std::size_t length);
+    void handleMessage(struct msghdr* msg, std::size_t length);
 
     SocketSystemCalls* systemCalls;
-    std::vector<uint8_t> receiveBuffer;
+    ReceiveBatch batch;
     const char* srcIpAddress = nullptr;  // the caller's string, not copied
     const char* srcUdpPort = nullptr;    // the caller's string, not copied
     bool ipsecTunnel = false;
@@ -156,14 +128,13 @@ class UdpSocket : public IoHandler {
     int bindTimerFd = -1;
     std::set<int> readFds;
     int family = 0;
+    // Sessions share the socket's one TOS byte; knowing it spares a
+    // setsockopt before every packet when the value would not change.
+    int appliedTos = -1;
     uint64_t messageCount = 0;
     uint64_t errQueueMessageCount = 0;
-    alignas(struct cmsghdr) uint8_t controlBuffer[kControlBufferSize];
-    struct sockaddr_storage sourceAddress;
-    struct iovec ioVector;
-    struct msghdr messageHeader;
-    std::map<ReceiverKey, MessageReceiver*> receivers;  // receivers not owned
-    IoMultiplexer* multiplexer = nullptr;               // where the socket registered, if anywhere
+    ReceiverRegistry receivers;
+    IoMultiplexer* multiplexer = nullptr;  // where the socket registered, if anywhere
 };
 
 #endif  // TWAMP_UDP_SOCKET_H

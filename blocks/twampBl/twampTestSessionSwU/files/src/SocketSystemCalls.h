@@ -1,0 +1,53 @@
+// The system calls of the UDP socket. The base class calls the real ones;
+// tests override single calls to drive bind failures, clocks and received
+// messages without sleeping or depending on the network.
+#ifndef TWAMP_SOCKET_SYSTEM_CALLS_H
+#define TWAMP_SOCKET_SYSTEM_CALLS_H
+
+#include <netdb.h>
+#include <sys/socket.h>
+#include <sys/timerfd.h>
+#include <sys/types.h>
+
+#include <cstddef>
+#include <ctime>
+
+class SocketSystemCalls {
+  public:
+    virtual ~SocketSystemCalls();
+
+    // ::getaddrinfo
+    virtual int getaddrinfo(const char* node, const char* service, const struct addrinfo* hints,
+                            struct addrinfo** result);
+    // ::freeaddrinfo
+    virtual void freeaddrinfo(struct addrinfo* result);
+    // ::socket
+    virtual int socket(int domain, int type, int protocol);
+    // ::bind
+    virtual int bind(int fd, const struct sockaddr* address, socklen_t length);
+    // ::close
+    virtual int close(int fd);
+    // ::sleep
+    virtual unsigned int sleep(unsigned int seconds);
+    // ::clock_gettime
+    virtual int clockGettime(clockid_t clock, struct timespec* time);
+    // ::timerfd_create
+    virtual int timerfdCreate(int clock, int flags);
+    // ::timerfd_settime
+    virtual int timerfdSettime(int fd, int flags, const struct itimerspec* newValue,
+                               struct itimerspec* oldValue);
+    // ::read
+    virtual ssize_t read(int fd, void* buffer, std::size_t count);
+    // ::recvmmsg
+    virtual int recvmmsg(int fd, struct mmsghdr* messages, unsigned int length, int flags,
+                         struct timespec* timeout);
+    // ::setsockopt
+    virtual int setsockopt(int fd, int level, int name, const void* value, socklen_t length);
+    // ::fcntl with one int argument (0 for commands without one).
+    virtual int fcntl(int fd, int command, int argument);
+
+    // The process's instance calling the real system calls.
+    static SocketSystemCalls& real();
+};
+
+#endif  // TWAMP_SOCKET_SYSTEM_CALLS_H
