@@ -34,11 +34,16 @@ the range over all the sets of samples the daemon could have kept. A
 negative delay (a skewed reflector clock) wraps as in the daemon.
 
 Assumptions:
-  * the daemon keeps up with its socket, so it reads each transmit timestamp
-    before the reply and analyses replies in the order they arrive (a daemon
-    that falls behind pairs replies with timestamps read later and analyses
-    a reordered pair in send order: no late packet; the tests run it at
-    real-time priority);
+  * the daemon analyses replies in the order they arrive. It reads one
+    transmit timestamp and one reply per turn of its loop, and analyses a
+    reply once both are in; so this holds when, on its socket, every reply
+    follows at least as many replies as its packet's timestamp follows
+    timestamps, bar one held back for reordering. A session alone on its
+    daemon, towards a reflector that answers in order, always has that;
+    sessions whose replies are lost or held beside a session with
+    duplicates or reordering do not, once the daemon was held up (it then
+    reads both copies of a reply before the timestamp, or analyses a
+    reordered pair in send order: no late packet);
   * a minute is finalised by the packet sent 4 s into the next minute, the
     rate times 4 packets after that minute's first (no clock jump there);
   * the outstanding packets of the minute's parity are that minute's own
