@@ -29,7 +29,7 @@ private_lttng_enter "$@"
 DAEMON="$2"
 CTL="$3"
 REFLECTOR="$4"
-TOLERANCE_US="${5:-3000}"
+TOLERANCE_US="${5:-500}"
 ORACLE="$HERE/lib/truth_oracle.py"
 WORK="$(mktemp -d /tmp/interval_e2e.XXXXXX)"
 RATE=10

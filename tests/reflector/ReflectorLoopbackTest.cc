@@ -1,6 +1,11 @@
 // The reflector loop against a UDP socket of the test, over loopback.
 #include <gtest/gtest.h>
 
+#include <arpa/inet.h>
+#include <netinet/in.h>
+#include <poll.h>
+#include <sys/socket.h>
+
 #include <cerrno>
 #include <cstdint>
 #include <cstdlib>
@@ -13,6 +18,7 @@
 
 #include "FakeReflectorClock.h"
 #include "NtpTimestamp.h"
+#include "ReceiveTimestamps.h"
 #include "Reflector.h"
 #include "SystemReflectorClock.h"
 #include "TestClient.h"
@@ -36,6 +42,7 @@ constexpr uint64_t kT1 = ((1700000000ULL + 2208988800ULL) << 32) | 0x80000000ULL
 class ReflectorLoopbackTest : public ::testing::Test {
   protected:
     void SetUp() override {
+        ASSERT_TRUE(reflector_test::receiveTimestampsOn());
         char path[] = "/tmp/reflector_loopback_XXXXXX";
         const int fd = mkstemp(path);
         ASSERT_GE(fd, 0);
@@ -84,8 +91,8 @@ class ReflectorLoopbackTest : public ::testing::Test {
         EXPECT_FALSE(client_.receive(reply, 0)) << "unexpected reply";
     }
 
-    // The ground truth after the start line.
-    std::vector<std::string> truthAfterStart() {
+    // The ground truth after the start line, as written.
+    std::vector<std::string> rawTruthAfterStart() {
         std::ifstream file(truthPath_);
         std::vector<std::string> lines;
         std::string line;
@@ -98,6 +105,21 @@ class ReflectorLoopbackTest : public ::testing::Test {
         }
         EXPECT_EQ(0u, lines[0].find("{\"event\":\"start\","));
         return std::vector<std::string>(lines.begin() + 1, lines.end());
+    }
+
+    // The ground truth after the start line, reply lines without their real times.
+    std::vector<std::string> truthAfterStart() {
+        std::vector<std::string> lines = rawTruthAfterStart();
+        for (std::string& line : lines) {
+            line = withoutRealTimes(line);
+        }
+        return lines;
+    }
+
+    // A reply line without the times that only the kernel and the clock know (its last fields).
+    static std::string withoutRealTimes(const std::string& line) {
+        const std::size_t start = line.find(",\"rxKernelNs\":");
+        return start == std::string::npos ? line : line.substr(0, start) + "}";
     }
 
     static TruthPacket packet(uint32_t seq) {
@@ -117,7 +139,7 @@ class ReflectorLoopbackTest : public ::testing::Test {
         reply.tos = kClientTos;
         reply.length = 64;
         reply.reordered = reordered;
-        return TruthWriter::replyLine(reply);
+        return withoutRealTimes(TruthWriter::replyLine(reply));
     }
 
     // The reply echoes the request and carries the reflector's fields.
@@ -149,6 +171,32 @@ class ReflectorLoopbackTest : public ::testing::Test {
 
 uint64_t ntp(const timespec& time) {
     return toNtpTimestamp(time);
+}
+
+int64_t nanoseconds(const timespec& time) {
+    return static_cast<int64_t>(time.tv_sec) * 1000000000LL + time.tv_nsec;
+}
+
+timespec fromNanoseconds(int64_t value) {
+    timespec time{};
+    time.tv_sec = static_cast<time_t>(value / 1000000000LL);
+    time.tv_nsec = static_cast<long>(value % 1000000000LL);
+    return time;
+}
+
+// The text of one field of a truth line ("null" included); empty when absent.
+std::string fieldText(const std::string& line, const std::string& key) {
+    const std::string marker = "\"" + key + "\":";
+    const std::size_t start = line.find(marker);
+    if (start == std::string::npos) {
+        return "";
+    }
+    const std::size_t begin = start + marker.size();
+    return line.substr(begin, line.find_first_of(",}", begin) - begin);
+}
+
+int64_t integerField(const std::string& line, const std::string& key) {
+    return std::strtoll(fieldText(line, key).c_str(), nullptr, 10);
 }
 
 // An IPv4 request gets one reply: fields, T2 <= T3, TTL 255 and the request's TOS.
@@ -377,7 +425,7 @@ TEST_F(ReflectorLoopbackTest, ShortDatagramsIgnored) {
         TruthWriter::shortLine(nullptr, 0),
         TruthWriter::shortLine(nullptr, 13),
         TruthWriter::shortLine(&shortPacket, 40),
-        TruthWriter::replyLine(reply),
+        withoutRealTimes(TruthWriter::replyLine(reply)),
     };
     EXPECT_EQ(expected, truthAfterStart());
 }
@@ -440,7 +488,8 @@ TEST_F(ReflectorLoopbackTest, ForwardDelayAndSkewOnInjectedClock) {
     truth.senderTtl = kClientTtl;
     truth.tos = kClientTos;
     truth.length = 64;
-    EXPECT_EQ(std::vector<std::string>{TruthWriter::replyLine(truth)}, truthAfterStart());
+    EXPECT_EQ(std::vector<std::string>{withoutRealTimes(TruthWriter::replyLine(truth))},
+              truthAfterStart());
 }
 
 // A reverse hold comes after T3: the reply carries the T3 of before the hold.
@@ -463,7 +512,8 @@ TEST_F(ReflectorLoopbackTest, ReverseDelayOnInjectedClock) {
     truth.senderTtl = kClientTtl;
     truth.tos = kClientTos;
     truth.length = 64;
-    EXPECT_EQ(std::vector<std::string>{TruthWriter::replyLine(truth)}, truthAfterStart());
+    EXPECT_EQ(std::vector<std::string>{withoutRealTimes(TruthWriter::replyLine(truth))},
+              truthAfterStart());
 }
 
 // A stop request ends run(): held packets are written as discarded, then the stop line.
@@ -478,6 +528,254 @@ TEST_F(ReflectorLoopbackTest, StopDiscardsHeldPackets) {
         TruthWriter::discardedLine(packet(50), HoldStage::ForwardDelay, nullptr),
         "{\"event\":\"stop\",\"senderSeq\":null,\"senderMinute\":null,\"received\":1,\"short\":0,"
         "\"fwdLost\":0,\"accepted\":0,\"revLost\":0,\"sent\":0,\"sendErrors\":0,\"discarded\":1}",
+    };
+    EXPECT_EQ(expected, truthAfterStart());
+}
+
+// A reply line records the kernel's receive time of the request, the T2 and
+// T3 written and the kernel's transmit time of the reply; without a hold T2 is
+// the kernel's receive time.
+TEST_F(ReflectorLoopbackTest, RecordsKernelTimes) {
+    ASSERT_TRUE(start("127.0.0.1", systemClock_));
+    exchange(8);
+    const ClientReply reply = expectReply();
+    std::vector<uint8_t> bytes = reply.bytes;
+    const TwampTestMessage message(bytes.data(), bytes.size());
+    const std::vector<std::string> truth = rawTruthAfterStart();
+    ASSERT_EQ(1u, truth.size());
+    const std::string& line = truth[0];
+    EXPECT_EQ(integerField(line, "rxKernelNs"), integerField(line, "t2Ns"));
+    EXPECT_EQ(ntp(fromNanoseconds(integerField(line, "t2Ns"))), message.getReceiveTimestamp());
+    EXPECT_EQ(ntp(fromNanoseconds(integerField(line, "t3Ns"))), message.getTimestamp());
+    EXPECT_NE("null", fieldText(line, "txKernelNs"));
+    EXPECT_GE(integerField(line, "txKernelNs"), integerField(line, "t3Ns"));
+    EXPECT_EQ("0", fieldText(line, "fwdHeldUs"));
+    EXPECT_NE("null", fieldText(line, "revHeldUs"));
+}
+
+// After a forward hold T2 is the time of processing, T3 the time of the send
+// plus the skew, as the reply carries them.
+TEST_F(ReflectorLoopbackTest, RecordsTimesWrittenOnInjectedClock) {
+    options.forwardDelayMs = 1.0;
+    options.skewMs = 0.5;
+    ASSERT_TRUE(start("127.0.0.1", fakeClock_));
+    exchange(31);
+    fakeClock_.advance(1000000);
+    const int64_t processing = nanoseconds(fakeClock_.realtime());
+    reflector_->runOnce(0);
+    expectReplyFields(expectReply(), 31, 0);
+    const std::vector<std::string> truth = rawTruthAfterStart();
+    ASSERT_EQ(1u, truth.size());
+    EXPECT_EQ(processing, integerField(truth[0], "t2Ns"));
+    EXPECT_EQ(processing + 500000, integerField(truth[0], "t3Ns"));
+    EXPECT_NE("null", fieldText(truth[0], "rxKernelNs"));
+}
+
+// Two copies of a reply each get their own transmit time, in send order.
+TEST_F(ReflectorLoopbackTest, EachCopyHasItsTransmitTime) {
+    options.duplicatePercent = 100.0;
+    ASSERT_TRUE(start("127.0.0.1", systemClock_));
+    exchange(4);
+    expectReply();
+    expectReply();
+    const std::vector<std::string> truth = rawTruthAfterStart();
+    ASSERT_EQ(2u, truth.size());
+    EXPECT_EQ("1", fieldText(truth[0], "copy"));
+    EXPECT_EQ("2", fieldText(truth[1], "copy"));
+    EXPECT_NE("null", fieldText(truth[0], "txKernelNs"));
+    EXPECT_LE(integerField(truth[0], "txKernelNs"), integerField(truth[1], "txKernelNs"));
+}
+
+// A stateless reflector numbers each reply with the sender's own sequence number.
+TEST_F(ReflectorLoopbackTest, StatelessNumbering) {
+    options.stateless = true;
+    ASSERT_TRUE(start("127.0.0.1", systemClock_));
+    for (const uint32_t seq : {5u, 9u, 2u, 4294967295u}) {
+        exchange(seq);
+        expectReplyFields(expectReply(), seq, seq);
+    }
+    const std::vector<std::string> expected = {replyLine(5, 5), replyLine(9, 9), replyLine(2, 2),
+                                               replyLine(4294967295u, 4294967295u)};
+    EXPECT_EQ(expected, truthAfterStart());
+}
+
+// --sender-ttl 0 writes a Sender TTL of 0 whatever the request arrived with.
+TEST_F(ReflectorLoopbackTest, SenderTtlZero) {
+    options.senderTtlGiven = true;
+    options.senderTtl = 0;
+    ASSERT_TRUE(start("127.0.0.1", systemClock_));
+    exchange(1);
+    const ClientReply reply = expectReply();
+    std::vector<uint8_t> bytes = reply.bytes;
+    EXPECT_EQ(0, TwampTestMessage(bytes.data(), bytes.size()).getSenderTtl());
+    EXPECT_EQ("0", fieldText(rawTruthAfterStart().at(0), "ttl"));
+}
+
+// A corrupting reflector echoes the sender timestamp off by the offset; the
+// truth keeps the sender's minute and names the offset.
+TEST_F(ReflectorLoopbackTest, CorruptedSenderTimestamp) {
+    options.t1OffsetMs = -60000.0;
+    ASSERT_TRUE(start("127.0.0.1", systemClock_));
+    exchange(3);
+    const ClientReply reply = expectReply();
+    std::vector<uint8_t> bytes = reply.bytes;
+    EXPECT_EQ(kT1 - (60ULL << 32),
+              TwampTestMessage(bytes.data(), bytes.size()).getSenderTimestamp());
+    const std::string line = rawTruthAfterStart().at(0);
+    EXPECT_EQ("28333333", fieldText(line, "senderMinute"));
+    EXPECT_EQ("-60000000", fieldText(line, "t1OffsetUs"));
+}
+
+// A negative skew writes T3 before T2.
+TEST_F(ReflectorLoopbackTest, SkewWritesT3BeforeT2) {
+    options.forwardDelayMs = 1.0;
+    options.skewMs = -2.0;
+    ASSERT_TRUE(start("127.0.0.1", fakeClock_));
+    exchange(32);
+    fakeClock_.advance(1000000);
+    const timespec processing = fakeClock_.realtime();
+    reflector_->runOnce(0);
+    const ClientReply reply = expectReply();
+    std::vector<uint8_t> bytes = reply.bytes;
+    const TwampTestMessage message(bytes.data(), bytes.size());
+    EXPECT_EQ(ntp(processing), message.getReceiveTimestamp());
+    EXPECT_EQ(ntp(fromNanoseconds(nanoseconds(processing) - 2000000)), message.getTimestamp());
+}
+
+// A large positive skew makes T3 - T2 longer than the round trip: the reply
+// leaves at once but claims 50 ms in the reflector.
+TEST_F(ReflectorLoopbackTest, SkewLongerThanRoundTrip) {
+    options.forwardDelayMs = 1.0;
+    options.skewMs = 50.0;
+    ASSERT_TRUE(start("127.0.0.1", fakeClock_));
+    exchange(33);
+    fakeClock_.advance(1000000);
+    const timespec processing = fakeClock_.realtime();
+    reflector_->runOnce(0);
+    const ClientReply reply = expectReply();
+    std::vector<uint8_t> bytes = reply.bytes;
+    const TwampTestMessage message(bytes.data(), bytes.size());
+    EXPECT_EQ(ntp(processing), message.getReceiveTimestamp());
+    EXPECT_EQ(ntp(fromNanoseconds(nanoseconds(processing) + 50000000)), message.getTimestamp());
+}
+
+// The largest IPv4 request is answered whole, padding included, with its transmit time.
+TEST_F(ReflectorLoopbackTest, LargestIpv4RequestAnsweredWhole) {
+    ASSERT_TRUE(start("127.0.0.1", systemClock_));
+    exchange(11, 65507);
+    expectReplyFields(expectReply(), 11, 0, 65507);
+    const std::string line = rawTruthAfterStart().at(0);
+    EXPECT_EQ("65507", fieldText(line, "length"));
+    EXPECT_NE("null", fieldText(line, "txKernelNs"));
+}
+
+// The same over IPv6.
+TEST_F(ReflectorLoopbackTest, LargestIpv6RequestAnsweredWhole) {
+    if (!start("::1", systemClock_)) {
+        GTEST_SKIP() << "IPv6 loopback is not usable here";
+    }
+    exchange(12, 65507);
+    expectReplyFields(expectReply(), 12, 0, 65507);
+    const std::string line = rawTruthAfterStart().at(0);
+    EXPECT_EQ("65507", fieldText(line, "length"));
+    EXPECT_NE("null", fieldText(line, "txKernelNs"));
+}
+
+// A restart after a gap of one second: the requests within the second are
+// lost, the first after it is numbered 0.
+TEST_F(ReflectorLoopbackTest, RestartAfterGapOfOneSecond) {
+    options.restartAfter = 2;
+    options.restartGapMs = 1000.0;
+    ASSERT_TRUE(start("127.0.0.1", fakeClock_));
+    exchange(0);
+    expectReplyFields(expectReply(), 0, 0);
+    exchange(1);
+    expectReplyFields(expectReply(), 1, 1);
+    fakeClock_.advance(999999999);
+    exchange(2);
+    expectNoReply();
+    fakeClock_.advance(1);
+    exchange(3);
+    expectReplyFields(expectReply(), 3, 0);
+    exchange(4);
+    expectReplyFields(expectReply(), 4, 1);
+    const std::vector<std::string> expected = {
+        replyLine(0, 0),
+        replyLine(1, 1),
+        TruthWriter::forwardLossLine(packet(2), "restart_gap"),
+        TruthWriter::restartLine(packet(3)),
+        replyLine(3, 0),
+        replyLine(4, 1),
+    };
+    EXPECT_EQ(expected, truthAfterStart());
+}
+
+// After N accepted requests the socket closes for the time asked, then opens
+// again on the same port and answers on, its numbers continuing.
+TEST_F(ReflectorLoopbackTest, UnreachableClosesAndReopens) {
+    options.unreachableAfter = 1;
+    options.unreachableMs = 1000.0;
+    ASSERT_TRUE(start("127.0.0.1", fakeClock_));
+    const uint16_t port = reflector_->port();
+    const int64_t closing = nanoseconds(fakeClock_.realtime());
+    exchange(0);
+    expectReplyFields(expectReply(), 0, 0);
+    fakeClock_.advance(999999999);
+    reflector_->runOnce(0);
+    fakeClock_.advance(1);
+    const int64_t reopening = nanoseconds(fakeClock_.realtime());
+    reflector_->runOnce(0);
+    EXPECT_EQ(port, reflector_->port());
+    exchange(1);
+    expectReplyFields(expectReply(), 1, 1);
+    const std::vector<std::string> expected = {
+        replyLine(0, 0),
+        TruthWriter::closedLine(closing, 1000000000LL),
+        TruthWriter::reopenedLine(reopening),
+        replyLine(1, 1),
+    };
+    EXPECT_EQ(expected, truthAfterStart());
+}
+
+// While the socket is closed the kernel answers a request with port
+// unreachable, which a connected sender sees as ECONNREFUSED.
+TEST_F(ReflectorLoopbackTest, ClosedSocketAnswersPortUnreachable) {
+    options.unreachableAfter = 1;
+    ASSERT_TRUE(start("127.0.0.1", fakeClock_));
+    exchange(0);
+    expectReply();
+    const int sender = socket(AF_INET, SOCK_DGRAM | SOCK_CLOEXEC, 0);
+    ASSERT_GE(sender, 0);
+    sockaddr_in reflectorAddress{};
+    reflectorAddress.sin_family = AF_INET;
+    reflectorAddress.sin_port = htons(reflector_->port());
+    reflectorAddress.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
+    ASSERT_EQ(0, connect(sender, reinterpret_cast<sockaddr*>(&reflectorAddress),
+                         sizeof(reflectorAddress)));
+    const std::vector<uint8_t> request = TestClient::packet(1, kT1, 64);
+    ASSERT_EQ(64, ::send(sender, request.data(), request.size(), 0));
+    pollfd descriptor{sender, POLLIN, 0};
+    EXPECT_EQ(1, poll(&descriptor, 1, kWaitMs));
+    uint8_t buffer[64];
+    EXPECT_EQ(-1, recv(sender, buffer, sizeof(buffer), MSG_DONTWAIT));
+    EXPECT_EQ(ECONNREFUSED, errno);
+    close(sender);
+}
+
+// Requests already queued when the socket closes are lost with it, and recorded so.
+TEST_F(ReflectorLoopbackTest, RequestsQueuedAtCloseAreLost) {
+    options.unreachableAfter = 1;
+    ASSERT_TRUE(start("127.0.0.1", fakeClock_));
+    const int64_t closing = nanoseconds(fakeClock_.realtime());
+    ASSERT_TRUE(client_.send(TestClient::packet(0, kT1, 64)));
+    // Over loopback both wait on the socket once sent.
+    ASSERT_TRUE(client_.send(TestClient::packet(1, kT1, 64)));
+    reflector_->runOnce(kWaitNs);
+    expectReplyFields(expectReply(), 0, 0);
+    const std::vector<std::string> expected = {
+        replyLine(0, 0),
+        TruthWriter::forwardLossLine(packet(1), "closed"),
+        TruthWriter::closedLine(closing, 1000000000LL),
     };
     EXPECT_EQ(expected, truthAfterStart());
 }

@@ -43,7 +43,13 @@ TEST_F(ReflectorOptionsTest, Defaults) {
     EXPECT_EQ(0u, options.restartEvery);
     EXPECT_EQ(0u, options.restartAfter);
     EXPECT_EQ(0u, options.restartGap);
+    EXPECT_EQ(0.0, options.restartGapMs);
+    EXPECT_FALSE(options.stateless);
     EXPECT_EQ(0.0, options.skewMs);
+    EXPECT_FALSE(options.senderTtlGiven);
+    EXPECT_EQ(0.0, options.t1OffsetMs);
+    EXPECT_EQ(0u, options.unreachableAfter);
+    EXPECT_EQ(1000.0, options.unreachableMs);
     EXPECT_TRUE(options.truthPath.empty());
     EXPECT_FALSE(options.quiet);
     EXPECT_FALSE(options.help);
@@ -109,6 +115,64 @@ TEST_F(ReflectorOptionsTest, RestartAfterAndGap) {
     expectRejected({"--restart-gap"}, "--restart-gap needs a value");
 }
 
+// A restart gap of about a second is given as a time.
+TEST_F(ReflectorOptionsTest, RestartGapAsTime) {
+    ASSERT_TRUE(parse({"--restart-after", "100", "--restart-gap-ms", "1000"})) << error;
+    EXPECT_EQ(100u, options.restartAfter);
+    EXPECT_EQ(1000.0, options.restartGapMs);
+    expectRejected({"--restart-gap-ms", "-1"}, "--restart-gap-ms: -1 is out of range 0..3600000");
+}
+
+// The gap is a count or a time, not both.
+TEST_F(ReflectorOptionsTest, RestartGapCountAndTimeExcludeEachOther) {
+    expectRejected({"--restart-after", "1", "--restart-gap", "5", "--restart-gap-ms", "500"},
+                   "--restart-gap and --restart-gap-ms: the gap is either a count or a time");
+}
+
+// --stateless numbers replies with the sender's numbers.
+TEST_F(ReflectorOptionsTest, Stateless) {
+    ASSERT_TRUE(parse({"--stateless"})) << error;
+    EXPECT_TRUE(options.stateless);
+    expectRejected({"--stateless=1"}, "--stateless takes no value");
+}
+
+// A stateless reflector has no numbering to restart.
+TEST_F(ReflectorOptionsTest, StatelessRefusesRestarts) {
+    expectRejected({"--stateless", "--restart-every", "10"},
+                   "--stateless: a reflector without state has no numbering to restart");
+    expectRejected({"--restart-after", "10", "--stateless"},
+                   "--stateless: a reflector without state has no numbering to restart");
+}
+
+// --sender-ttl takes 0 to 255, 0 included.
+TEST_F(ReflectorOptionsTest, SenderTtl) {
+    ASSERT_TRUE(parse({"--sender-ttl", "0"})) << error;
+    EXPECT_TRUE(options.senderTtlGiven);
+    EXPECT_EQ(0, options.senderTtl);
+    ASSERT_TRUE(parse({"--sender-ttl=255"})) << error;
+    EXPECT_EQ(255, options.senderTtl);
+    expectRejected({"--sender-ttl", "256"}, "--sender-ttl: 256 is out of range 0..255");
+}
+
+// --corrupt-t1 takes a signed offset in milliseconds of up to a day.
+TEST_F(ReflectorOptionsTest, CorruptT1) {
+    ASSERT_TRUE(parse({"--corrupt-t1", "-60000"})) << error;
+    EXPECT_EQ(-60000.0, options.t1OffsetMs);
+    ASSERT_TRUE(parse({"--corrupt-t1=0.5"})) << error;
+    EXPECT_EQ(0.5, options.t1OffsetMs);
+    expectRejected({"--corrupt-t1", "86400001"},
+                   "--corrupt-t1: 86400001 is out of range -86400000..86400000");
+}
+
+// --unreachable-after counts requests; --unreachable-ms is more than 0.
+TEST_F(ReflectorOptionsTest, Unreachable) {
+    ASSERT_TRUE(parse({"--unreachable-after", "50", "--unreachable-ms=2500"})) << error;
+    EXPECT_EQ(50u, options.unreachableAfter);
+    EXPECT_EQ(2500.0, options.unreachableMs);
+    expectRejected({"--unreachable-after", "1.5"}, "--unreachable-after: '1.5' is not a whole");
+    expectRejected({"--unreachable-ms", "0"}, "--unreachable-ms: 0 is out of range 0.001..3600000");
+}
+
 // IPv6 addresses, the IPv4 wildcard and port 0 are accepted.
 TEST_F(ReflectorOptionsTest, AddressesAndPortZero) {
     ASSERT_TRUE(parse({"--listen", "2001:db8:18::2", "--port", "0"})) << error;
@@ -129,11 +193,31 @@ TEST_F(ReflectorOptionsTest, Help) {
 // The usage text names every option with its default.
 TEST_F(ReflectorOptionsTest, UsageNamesEveryOption) {
     const std::string usage = reflectorUsage();
-    for (const char* option :
-         {"--listen", "--port", "--reply-ttl", "--seed", "--fwd-loss", "--rev-loss", "--duplicate",
-          "--reorder", "--fwd-delay", "--fwd-jitter", "--rev-delay", "--rev-jitter",
-          "--restart-every", "--restart-after", "--restart-gap", "--skew", "--truth", "--quiet",
-          "--help"}) {
+    for (const char* option : {"--listen",
+                               "--port",
+                               "--reply-ttl",
+                               "--seed",
+                               "--fwd-loss",
+                               "--rev-loss",
+                               "--duplicate",
+                               "--reorder",
+                               "--fwd-delay",
+                               "--fwd-jitter",
+                               "--rev-delay",
+                               "--rev-jitter",
+                               "--restart-every",
+                               "--restart-after",
+                               "--restart-gap",
+                               "--restart-gap-ms",
+                               "--stateless",
+                               "--skew",
+                               "--sender-ttl",
+                               "--corrupt-t1",
+                               "--unreachable-after",
+                               "--unreachable-ms",
+                               "--truth",
+                               "--quiet",
+                               "--help"}) {
         EXPECT_NE(std::string::npos, usage.find(option)) << option;
     }
     EXPECT_NE(std::string::npos, usage.find("default 862"));

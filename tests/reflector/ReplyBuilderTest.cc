@@ -88,4 +88,25 @@ TEST(ReplyBuilderTest, PaddingMovesBehindReflectorFields) {
     }
 }
 
+// A corrupting reflector's offset is added to the echoed sender timestamp, modulo 2^64.
+TEST(ReplyBuilderTest, SenderTimestampOffset) {
+    std::vector<uint8_t> bytes = request(64);
+    ReplyStamp shifted = stamp();
+    shifted.senderTimestampOffset = -0x100000000LL;
+    ReplyBuilder::build(bytes.data(), bytes.size(), shifted);
+    const TwampTestMessage reply(bytes.data(), bytes.size());
+    EXPECT_EQ(0xE9A1B2C2D4E5F607ULL, reply.getSenderTimestamp());
+}
+
+// The largest UDP payload over IPv4 keeps its length, and its padding moves whole.
+TEST(ReplyBuilderTest, LargestRequest) {
+    std::vector<uint8_t> bytes = request(65507);
+    ReplyBuilder::build(bytes.data(), bytes.size(), stamp());
+    ASSERT_EQ(65507u, bytes.size());
+    const TwampTestMessage reply(bytes.data(), bytes.size());
+    EXPECT_EQ(kSenderSeq, reply.getSenderSequenceNumber());
+    EXPECT_EQ(static_cast<uint8_t>(65506 - 27), bytes[65506]);
+    EXPECT_EQ(static_cast<uint8_t>(41 - 27), bytes[41]);
+}
+
 }  // namespace

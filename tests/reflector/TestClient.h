@@ -1,10 +1,12 @@
 // A Session-Sender stand-in for the reflector's tests: one UDP socket that
 // sends sender-layout test packets with a chosen TTL and TOS and reads the
-// replies with the TTL and TOS they arrived with.
+// replies with the TTL and TOS they arrived with, and on request the kernel's
+// software transmit and receive times.
 #ifndef TWAMP_TESTS_REFLECTOR_TEST_CLIENT_H
 #define TWAMP_TESTS_REFLECTOR_TEST_CLIENT_H
 
 #include <arpa/inet.h>
+#include <linux/net_tstamp.h>
 #include <netinet/in.h>
 #include <poll.h>
 #include <sys/socket.h>
@@ -24,6 +26,8 @@ struct ClientReply {
     std::vector<uint8_t> bytes;
     int ttl = -1;
     int tos = -1;
+    // The kernel's software receive time, nanoseconds since the POSIX epoch; 0 without.
+    int64_t kernelNs = 0;
 };
 
 class TestClient {
@@ -64,6 +68,34 @@ class TestClient {
         return bytes;
     }
 
+    // Software transmit and receive timestamps from now on.
+    bool enableKernelTimestamps() {
+        const int flags =
+            SOF_TIMESTAMPING_TX_SOFTWARE | SOF_TIMESTAMPING_RX_SOFTWARE | SOF_TIMESTAMPING_SOFTWARE;
+        return setsockopt(fd_, SOL_SOCKET, SO_TIMESTAMPING, &flags, sizeof(flags)) == 0;
+    }
+
+    // Waits up to timeoutMs for the kernel's transmit time of the last packet sent.
+    bool transmitTime(int64_t& kernelNs, int timeoutMs) {
+        pollfd descriptor{fd_, 0, 0};
+        if (poll(&descriptor, 1, timeoutMs) <= 0 || (descriptor.revents & POLLERR) == 0) {
+            return false;
+        }
+        uint8_t looped[256];
+        iovec vector{looped, sizeof(looped)};
+        alignas(cmsghdr) uint8_t control[256];
+        msghdr message{};
+        message.msg_iov = &vector;
+        message.msg_iovlen = 1;
+        message.msg_control = control;
+        message.msg_controllen = sizeof(control);
+        if (recvmsg(fd_, &message, MSG_ERRQUEUE | MSG_DONTWAIT) < 0) {
+            return false;
+        }
+        kernelNs = softwareTime(message);
+        return kernelNs != 0;
+    }
+
     bool send(const std::vector<uint8_t>& bytes) {
         const sockaddr* peer = family_ == AF_INET ? reinterpret_cast<const sockaddr*>(&peer4_)
                                                   : reinterpret_cast<const sockaddr*>(&peer6_);
@@ -93,10 +125,25 @@ class TestClient {
         buffer.resize(static_cast<std::size_t>(length));
         reply.bytes = buffer;
         readControl(message, reply);
+        reply.kernelNs = softwareTime(message);
         return true;
     }
 
   private:
+    // The software time of the message's SCM_TIMESTAMPING item; 0 without one.
+    static int64_t softwareTime(msghdr& message) {
+        for (cmsghdr* item = CMSG_FIRSTHDR(&message); item != nullptr;
+             item = CMSG_NXTHDR(&message, item)) {
+            timespec times[3] = {};
+            if (item->cmsg_level == SOL_SOCKET && item->cmsg_type == SCM_TIMESTAMPING &&
+                item->cmsg_len >= CMSG_LEN(sizeof(times))) {
+                std::memcpy(times, CMSG_DATA(item), sizeof(times));
+                return static_cast<int64_t>(times[0].tv_sec) * 1000000000LL + times[0].tv_nsec;
+            }
+        }
+        return 0;
+    }
+
     bool configure(int ttl, int tos) {
         const int on = 1;
         if (family_ == AF_INET) {

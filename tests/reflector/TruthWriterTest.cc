@@ -52,9 +52,32 @@ TEST(TruthWriterTest, StartLine) {
         "\"port\":40000,\"replyTtl\":255,\"seed\":5,\"fwdLossPct\":0.1,\"revLossPct\":0,"
         "\"duplicatePct\":0,\"reorderPct\":0,\"fwdDelayMs\":0,\"fwdJitterMs\":0,\"revDelayMs\":0,"
         "\"revJitterMs\":2.5,\"restartEvery\":1000,\"restartAfter\":200,\"restartGap\":60,"
-        "\"skewMs\":-1.25,"
+        "\"restartGapMs\":0,\"stateless\":false,\"skewMs\":-1.25,\"senderTtl\":null,"
+        "\"corruptT1Ms\":0,\"unreachableAfter\":0,\"unreachableMs\":1000,"
         "\"truth\":\"/tmp/a \\\"b\\\".jsonl\"}",
         TruthWriter::startLine(options, 40000));
+}
+
+// The start line names the misbehaviours of a reflector unlike a correct one.
+TEST(TruthWriterTest, StartLineOfMisbehaviours) {
+    ReflectorOptions options;
+    options.seed = 1;
+    options.restartAfter = 100;
+    options.restartGapMs = 1000;
+    options.stateless = true;
+    options.senderTtlGiven = true;
+    options.senderTtl = 0;
+    options.t1OffsetMs = -60000;
+    options.unreachableAfter = 50;
+    options.unreachableMs = 2500;
+    EXPECT_EQ(
+        "{\"event\":\"start\",\"senderSeq\":null,\"senderMinute\":null,\"listen\":\"::\","
+        "\"port\":862,\"replyTtl\":255,\"seed\":1,\"fwdLossPct\":0,\"revLossPct\":0,"
+        "\"duplicatePct\":0,\"reorderPct\":0,\"fwdDelayMs\":0,\"fwdJitterMs\":0,\"revDelayMs\":0,"
+        "\"revJitterMs\":0,\"restartEvery\":0,\"restartAfter\":100,\"restartGap\":0,"
+        "\"restartGapMs\":1000,\"stateless\":true,\"skewMs\":0,\"senderTtl\":0,"
+        "\"corruptT1Ms\":-60000,\"unreachableAfter\":50,\"unreachableMs\":2500,\"truth\":\"\"}",
+        TruthWriter::startLine(options, 862));
 }
 
 // A datagram too short to hold a sender packet has no sender fields.
@@ -66,6 +89,7 @@ TEST(TruthWriterTest, ShortLines) {
               TruthWriter::shortLine(&sender, 40));
 }
 
+// Loss lines, with the reason of a drop on purpose, and the restart line.
 TEST(TruthWriterTest, LossAndRestartLines) {
     EXPECT_EQ("{\"event\":\"fwd_loss\",\"senderSeq\":4294967295,\"senderMinute\":28333333}",
               TruthWriter::forwardLossLine(packet(4294967295u)));
@@ -95,11 +119,54 @@ TEST(TruthWriterTest, ReplyLine) {
     reply.tos = 0xB8;
     reply.length = 64;
     reply.reordered = true;
+    reply.t1OffsetNs = 60000000000LL;
+    reply.hasReceiveTime = true;
+    reply.receiveNs = 1700000000000100000LL;
+    reply.t2Ns = 1700000000002350000LL;
+    reply.t3Ns = 1700000000000400500LL;
+    reply.hasTransmitTime = true;
+    reply.transmitNs = 1700000000002950000LL;
     EXPECT_EQ(
         "{\"event\":\"reply\",\"senderSeq\":12,\"senderMinute\":28333333,\"reflectorSeq\":10,"
         "\"copy\":2,\"fwdDelayUs\":2000,\"revDelayUs\":0.001,\"skewUs\":-2500,\"ttl\":64,"
-        "\"tos\":184,\"length\":64,\"reordered\":true}",
+        "\"tos\":184,\"length\":64,\"reordered\":true,\"t1OffsetUs\":60000000,"
+        "\"rxKernelNs\":1700000000000100000,\"t2Ns\":1700000000002350000,"
+        "\"t3Ns\":1700000000000400500,\"txKernelNs\":1700000000002950000,\"fwdHeldUs\":2250,"
+        "\"revHeldUs\":49.5}",
         TruthWriter::replyLine(reply));
+}
+
+// Without the kernel's times a reply line says so, and gives no real holds.
+TEST(TruthWriterTest, ReplyLineWithoutKernelTimes) {
+    ReplyTruth reply;
+    reply.packet = packet(1);
+    reply.t2Ns = 1700000000000000001LL;
+    reply.t3Ns = 1700000000000000002LL;
+    EXPECT_EQ(
+        "{\"event\":\"reply\",\"senderSeq\":1,\"senderMinute\":28333333,\"reflectorSeq\":0,"
+        "\"copy\":1,\"fwdDelayUs\":0,\"revDelayUs\":0,\"skewUs\":0,\"ttl\":0,\"tos\":0,"
+        "\"length\":0,\"reordered\":false,\"t1OffsetUs\":0,\"rxKernelNs\":null,"
+        "\"t2Ns\":1700000000000000001,\"t3Ns\":1700000000000000002,\"txKernelNs\":null,"
+        "\"fwdHeldUs\":null,\"revHeldUs\":null}",
+        TruthWriter::replyLine(reply));
+}
+
+// Closing the socket and opening it again are recorded with the real time.
+TEST(TruthWriterTest, ClosedAndReopenedLines) {
+    EXPECT_EQ(
+        "{\"event\":\"closed\",\"senderSeq\":null,\"senderMinute\":null,"
+        "\"timeNs\":1700000000123456789,\"reopenAfterUs\":1000000}",
+        TruthWriter::closedLine(1700000000123456789LL, 1000000000LL));
+    EXPECT_EQ(
+        "{\"event\":\"reopened\",\"senderSeq\":null,\"senderMinute\":null,"
+        "\"timeNs\":1700000001123456789}",
+        TruthWriter::reopenedLine(1700000001123456789LL));
+    EXPECT_EQ(
+        "{\"event\":\"reopen_error\",\"senderSeq\":null,\"senderMinute\":null,"
+        "\"timeNs\":1700000001123456789,\"error\":\"cannot bind :: port 862: Address already in "
+        "use\"}",
+        TruthWriter::reopenErrorLine(1700000001123456789LL,
+                                     "cannot bind :: port 862: Address already in use"));
 }
 
 TEST(TruthWriterTest, SendErrorDiscardedAndStopLines) {

@@ -4,6 +4,12 @@
 //   reflector_probe send ADDRESS PORT COUNT [SIZE [TTL [TOS]]]
 //       COUNT test packets, one at a time, each waiting for its reply; one
 //       line per reply; exit 0 when every packet was answered
+//   reflector_probe timing ADDRESS PORT COUNT INTERVAL_US [SIZE]
+//       COUNT test packets, one every INTERVAL_US, each with the kernel's
+//       software transmit time of the packet (T1') and receive time of its
+//       reply (T4): one line "timing senderSeq=N t1PrimeNs=T t4Ns=T" per
+//       packet (0 where a time is missing); exit 0 when every packet was
+//       answered with both times
 #include <arpa/inet.h>
 #include <netinet/in.h>
 #include <poll.h>
@@ -173,6 +179,50 @@ int sendPackets(const std::string& address, const std::vector<std::string>& numb
     return answered == count ? 0 : 1;
 }
 
+// One packet of the timing run: its line, and whether both times came.
+bool timeOnePacket(reflector_test::TestClient& client, uint32_t seq, std::size_t size) {
+    if (!client.send(reflector_test::TestClient::packet(seq, now(), size))) {
+        std::perror("reflector_probe: send");
+        return false;
+    }
+    int64_t t1Prime = 0;
+    client.transmitTime(t1Prime, kReplyWaitMs);
+    reflector_test::ClientReply reply;
+    const bool answered = client.receive(reply, kReplyWaitMs);
+    std::printf("timing senderSeq=%u t1PrimeNs=%lld t4Ns=%lld\n", seq,
+                static_cast<long long>(t1Prime), static_cast<long long>(reply.kernelNs));
+    return answered && t1Prime != 0 && reply.kernelNs != 0;
+}
+
+int timePackets(const std::string& address, const std::vector<std::string>& numbers) {
+    const auto number = [&numbers](std::size_t index, long fallback) {
+        return index < numbers.size() ? std::strtol(numbers[index].c_str(), nullptr, 10) : fallback;
+    };
+    const auto port = static_cast<uint16_t>(number(0, 862));
+    const long count = number(1, 1);
+    const long intervalUs = number(2, 1000);
+    const auto size = static_cast<std::size_t>(number(3, 64));
+    reflector_test::TestClient client;
+    if (size < 41 || intervalUs <= 0 || !client.open(address, port, 64, 0) ||
+        !client.enableKernelTimestamps()) {
+        std::fprintf(stderr, "reflector_probe: cannot time packets to %s port %u\n",
+                     address.c_str(), static_cast<unsigned>(port));
+        return 2;
+    }
+    timespec next{};
+    clock_gettime(CLOCK_MONOTONIC, &next);
+    long complete = 0;
+    for (long seq = 0; seq < count; ++seq) {
+        complete += timeOnePacket(client, static_cast<uint32_t>(seq), size) ? 1 : 0;
+        next.tv_nsec += intervalUs * 1000;
+        next.tv_sec += next.tv_nsec / 1000000000L;
+        next.tv_nsec %= 1000000000L;
+        clock_nanosleep(CLOCK_MONOTONIC, TIMER_ABSTIME, &next, nullptr);
+    }
+    std::printf("timed %ld of %ld\n", complete, count);
+    return complete == count ? 0 : 1;
+}
+
 }  // namespace
 
 int main(int argc, char* argv[]) {
@@ -184,8 +234,13 @@ int main(int argc, char* argv[]) {
         return sendPackets(arguments[1],
                            std::vector<std::string>(arguments.begin() + 2, arguments.end()));
     }
+    if (arguments.size() >= 5 && arguments.size() <= 6 && arguments[0] == "timing") {
+        return timePackets(arguments[1],
+                           std::vector<std::string>(arguments.begin() + 2, arguments.end()));
+    }
     std::fprintf(stderr,
                  "usage: reflector_probe echo ADDRESS\n"
-                 "       reflector_probe send ADDRESS PORT COUNT [SIZE [TTL [TOS]]]\n");
+                 "       reflector_probe send ADDRESS PORT COUNT [SIZE [TTL [TOS]]]\n"
+                 "       reflector_probe timing ADDRESS PORT COUNT INTERVAL_US [SIZE]\n");
     return 2;
 }

@@ -35,6 +35,13 @@ std::string senderKey(const PeerAddress& sender) {
 }
 // Datagrams read per turn, so that due holds are not starved by a flood.
 constexpr int kMaxDatagramsPerTurn = 256;
+// How long a reply's ground-truth line waits for the kernel's transmit time.
+// Software transmit times come within microseconds; one that has not come in
+// a second never will (the error queue was full).
+constexpr int64_t kTransmitWaitNs = kNanosecondsPerSecond;
+// The next try when the socket cannot be opened again (its port was taken meanwhile).
+constexpr int64_t kReopenRetryNs = 100000000LL;
+constexpr double kNtpUnitsPerMs = 4294967296.0 / 1000.0;
 
 ImpairmentSettings impairmentSettings(const ReflectorOptions& options) {
     ImpairmentSettings settings;
@@ -64,6 +71,19 @@ timespec shifted(const timespec& time, int64_t offsetNs) {
     return result;
 }
 
+int64_t nanoseconds(const timespec& time) {
+    return static_cast<int64_t>(time.tv_sec) * kNanosecondsPerSecond + time.tv_nsec;
+}
+
+RestartSettings restartSettings(const ReflectorOptions& options) {
+    RestartSettings settings;
+    settings.every = options.restartEvery;
+    settings.after = options.restartAfter;
+    settings.gapRequests = options.restartGap;
+    settings.gapNs = std::llround(options.restartGapMs * 1e6);
+    return settings;
+}
+
 TruthPacket truthPacket(const SenderFields& sender) {
     TruthPacket packet;
     packet.senderSeq = sender.sequenceNumber;
@@ -78,8 +98,10 @@ Reflector::Reflector(const ReflectorOptions& options, ReflectorClock& clock, Tru
       clock_(clock),
       truth_(truth),
       impairments_(impairmentSettings(options), options.seed),
+      restarts_(restartSettings(options)),
       skewNs_(std::llround(options.skewMs * 1e6)),
-      restartPhase_(options.restartAfter != 0 ? RestartPhase::Waiting : RestartPhase::Done) {}
+      t1OffsetNtp_(std::llround(options.t1OffsetMs * kNtpUnitsPerMs)),
+      t1OffsetNs_(std::llround(options.t1OffsetMs * 1e6)) {}
 
 bool Reflector::open(std::string& error) {
     stopFd_.reset(eventfd(0, EFD_NONBLOCK | EFD_CLOEXEC));
@@ -123,10 +145,17 @@ int64_t Reflector::waitNs(int64_t maxWaitNs) {
     if (!replies_.empty()) {
         consider(replies_.nextDueNs());
     }
+    if (truth_.waiting()) {
+        consider(truth_.nextDeadlineNs());
+    }
+    if (closed_) {
+        consider(reopenAtNs_);
+    }
     return wait;
 }
 
 void Reflector::runOnce(int64_t maxWaitNs) {
+    // While the socket is closed its entry holds -1, which ppoll passes over.
     pollfd descriptors[2] = {{socket_.fd(), POLLIN, 0}, {stopFd_.get(), POLLIN, 0}};
     const int64_t wait = waitNs(maxWaitNs);
     timespec timeout{};
@@ -140,10 +169,19 @@ void Reflector::runOnce(int64_t maxWaitNs) {
         const ssize_t drained = read(stopFd_.get(), &count, sizeof(count));
         static_cast<void>(drained);
     }
+    // Transmit times first: they belong to replies sent before anything read now.
+    if ((descriptors[0].revents & POLLERR) != 0) {
+        collectTransmitStamps();
+    }
+    truth_.expire(clock_.monotonicNs());
     releaseDue();
     if ((descriptors[0].revents & POLLIN) != 0) {
         drainSocket();
     }
+    if (closeDue_) {
+        closeSocket();
+    }
+    reopenSocketWhenDue();
 }
 
 void Reflector::releaseDue() {
@@ -156,7 +194,8 @@ void Reflector::releaseDue() {
             HeldRequest request;
             requests_.takeFirst(request);
             // T2 is the time processing happens after the hold.
-            processRequest(request, clock_.realtime());
+            const timespec t2 = clock_.realtime();
+            processRequest(request, t2);
             continue;
         }
         HeldReply reply;
@@ -168,7 +207,7 @@ void Reflector::releaseDue() {
 }
 
 void Reflector::drainSocket() {
-    for (int count = 0; count < kMaxDatagramsPerTurn; ++count) {
+    for (int count = 0; count < kMaxDatagramsPerTurn && !closeDue_; ++count) {
         ReceivedDatagram datagram;
         if (!socket_.receive(datagram)) {
             return;
@@ -196,14 +235,15 @@ void Reflector::handleDatagram(ReceivedDatagram& datagram) {
         truth_.write(TruthWriter::forwardLossLine(request.packet));
         return;
     }
-    const timespec receiveTime = datagram.hasReceiveTime ? datagram.receiveTime : clock_.realtime();
+    // Without the kernel's receive time T2 is the time of processing.
+    const timespec t2 = datagram.hasReceiveTime ? datagram.receiveTime : clock_.realtime();
     request.datagram = std::move(datagram);
     request.forwardDelayNs = fate.forwardDelayNs;
     if (fate.forwardDelayNs > 0) {
         requests_.hold(clock_.monotonicNs() + fate.forwardDelayNs, std::move(request));
         return;
     }
-    processRequest(request, receiveTime);
+    processRequest(request, t2);
 }
 
 // Shorter than a reply can be: ignored, with the sender fields when it holds them.
@@ -225,45 +265,30 @@ bool Reflector::acceptLength(ReceivedDatagram& datagram) {
 
 // While the reflector is down for its restart, arriving requests are lost.
 bool Reflector::dropInRestartGap(const TruthPacket& packet) {
-    if (restartPhase_ != RestartPhase::Gap) {
+    if (!restarts_.dropInGap(clock_.monotonicNs())) {
         return false;
     }
     ++totals_.forwardLost;
     truth_.write(TruthWriter::forwardLossLine(packet, "restart_gap"));
-    if (++gapDropped_ == options_.restartGap) {
-        restartPhase_ = RestartPhase::Due;
-    }
     return true;
 }
 
-bool Reflector::restartDue() {
-    bool due = options_.restartEvery != 0 && acceptedSinceRestart_ == options_.restartEvery;
-    if (restartPhase_ == RestartPhase::Due) {
-        restartPhase_ = RestartPhase::Done;
-        due = true;
-    }
-    return due;
-}
-
-void Reflector::countTowardsRestart() {
-    if (restartPhase_ == RestartPhase::Waiting && totals_.accepted == options_.restartAfter) {
-        restartPhase_ = options_.restartGap != 0 ? RestartPhase::Gap : RestartPhase::Due;
-    }
-}
-
 uint32_t Reflector::nextReflectorSeq(const TruthPacket& packet, const PeerAddress& sender) {
-    if (restartDue()) {
+    if (restarts_.accept(clock_.monotonicNs())) {
         senderSeqs_.clear();
-        acceptedSinceRestart_ = 0;
         truth_.write(TruthWriter::restartLine(packet));
     }
-    ++acceptedSinceRestart_;
     ++totals_.accepted;
-    countTowardsRestart();
+    if (options_.unreachableAfter != 0 && totals_.accepted == options_.unreachableAfter) {
+        closeDue_ = true;
+    }
+    if (options_.stateless) {
+        return packet.senderSeq;
+    }
     return senderSeqs_[senderKey(sender)]++;
 }
 
-void Reflector::processRequest(HeldRequest& request, const timespec& receiveTime) {
+void Reflector::processRequest(HeldRequest& request, const timespec& t2) {
     const uint32_t reflectorSeq = nextReflectorSeq(request.packet, request.datagram.peer);
     const ReplyFate fate = impairments_.decideReply();
     if (fate.reverseLost) {
@@ -272,7 +297,7 @@ void Reflector::processRequest(HeldRequest& request, const timespec& receiveTime
             TruthWriter::reverseLossLine(request.packet, reflectorSeq, request.forwardDelayNs));
         return;
     }
-    HeldReply reply = buildReply(request, receiveTime, reflectorSeq, fate);
+    HeldReply reply = buildReply(request, t2, reflectorSeq, fate);
     if (fate.reverseDelayNs > 0) {
         replies_.hold(clock_.monotonicNs() + fate.reverseDelayNs, std::move(reply));
         return;
@@ -280,8 +305,8 @@ void Reflector::processRequest(HeldRequest& request, const timespec& receiveTime
     emitReply(std::move(reply));
 }
 
-HeldReply Reflector::buildReply(HeldRequest& request, const timespec& receiveTime,
-                                uint32_t reflectorSeq, const ReplyFate& fate) {
+HeldReply Reflector::buildReply(HeldRequest& request, const timespec& t2, uint32_t reflectorSeq,
+                                const ReplyFate& fate) {
     const ReceivedDatagram& datagram = request.datagram;
     HeldReply reply;
     reply.peer = datagram.peer;
@@ -291,16 +316,24 @@ HeldReply Reflector::buildReply(HeldRequest& request, const timespec& receiveTim
     reply.truth.forwardDelayNs = request.forwardDelayNs;
     reply.truth.reverseDelayNs = fate.reverseDelayNs;
     reply.truth.skewNs = skewNs_;
-    reply.truth.senderTtl = static_cast<uint8_t>(datagram.ttl >= 0 ? datagram.ttl : 0);
+    reply.truth.t1OffsetNs = t1OffsetNs_;
+    const uint8_t arrivalTtl = static_cast<uint8_t>(datagram.ttl >= 0 ? datagram.ttl : 0);
+    reply.truth.senderTtl = options_.senderTtlGiven ? options_.senderTtl : arrivalTtl;
     reply.truth.tos = static_cast<uint8_t>(datagram.tos >= 0 ? datagram.tos : 0);
     reply.truth.length = datagram.payload.size();
+    reply.truth.hasReceiveTime = datagram.hasReceiveTime;
+    reply.truth.receiveNs = nanoseconds(datagram.receiveTime);
+    const timespec t3 = shifted(clock_.realtime(), skewNs_);
+    reply.truth.t2Ns = nanoseconds(t2);
+    reply.truth.t3Ns = nanoseconds(t3);
     reply.bytes = std::move(request.datagram.payload);
 
     ReplyStamp stamp;
     stamp.reflectorSequence = reflectorSeq;
-    stamp.receiveTimestamp = toNtpTimestamp(receiveTime);
-    stamp.transmitTimestamp = toNtpTimestamp(shifted(clock_.realtime(), skewNs_));
+    stamp.receiveTimestamp = toNtpTimestamp(t2);
+    stamp.transmitTimestamp = toNtpTimestamp(t3);
     stamp.senderTtl = reply.truth.senderTtl;
+    stamp.senderTimestampOffset = t1OffsetNtp_;
     ReplyBuilder::build(reply.bytes.data(), reply.bytes.size(), stamp);
     return reply;
 }
@@ -335,7 +368,11 @@ void Reflector::sendCopy(HeldReply& reply, int copy) {
                                    options_.replyTtl, reply.truth.tos);
     if (error == 0) {
         ++totals_.sent;
-        truth_.write(TruthWriter::replyLine(reply.truth));
+        truth_.awaitTransmit(reply.truth, reply.bytes.data(), reply.bytes.size(),
+                             clock_.monotonicNs() + kTransmitWaitNs);
+        // On veth and loopback the time is queued by now: reading it at once
+        // keeps the error queue short, whose frames count against the receive buffer.
+        collectTransmitStamps();
         return;
     }
     ++totals_.sendErrors;
@@ -346,6 +383,14 @@ void Reflector::sendCopy(HeldReply& reply, int copy) {
                      ReflectorSocket::describe(reply.peer).c_str(), std::strerror(error));
     }
     lastSendError_ = error;
+}
+
+void Reflector::collectTransmitStamps() {
+    TransmitStamp stamp;
+    while (socket_.receiveTransmitStamp(stamp)) {
+        truth_.transmitted(stamp.looped.data(), stamp.looped.size(),
+                           nanoseconds(stamp.transmitTime));
+    }
 }
 
 void Reflector::discardHeld() {
@@ -368,7 +413,56 @@ void Reflector::discardHeld() {
     }
 }
 
-void Reflector::finish() {
+// The reflector goes away for a while as a process that ends would: what it
+// holds is lost, and the kernel answers requests with port unreachable.
+void Reflector::closeSocket() {
+    closeDue_ = false;
+    collectTransmitStamps();
+    discardWaitingRequests();
     discardHeld();
+    truth_.flush();
+    socket_.close();
+    closed_ = true;
+    const int64_t closedNs = std::llround(options_.unreachableMs * 1e6);
+    reopenAtNs_ = clock_.monotonicNs() + closedNs;
+    truth_.write(TruthWriter::closedLine(nanoseconds(clock_.realtime()), closedNs));
+}
+
+// Requests already queued on the socket are lost with it.
+void Reflector::discardWaitingRequests() {
+    ReceivedDatagram datagram;
+    while (socket_.receive(datagram)) {
+        ++totals_.received;
+        if (!acceptLength(datagram)) {
+            continue;
+        }
+        ++totals_.forwardLost;
+        const TruthPacket packet =
+            truthPacket(ReplyBuilder::readSender(datagram.payload.data(), datagram.payload.size()));
+        truth_.write(TruthWriter::forwardLossLine(packet, "closed"));
+    }
+}
+
+void Reflector::reopenSocketWhenDue() {
+    if (!closed_ || clock_.monotonicNs() < reopenAtNs_) {
+        return;
+    }
+    std::string error;
+    if (!socket_.reopen(error)) {
+        truth_.write(TruthWriter::reopenErrorLine(nanoseconds(clock_.realtime()), error));
+        if (!options_.quiet) {
+            std::fprintf(stderr, "twamp-reflector: %s\n", error.c_str());
+        }
+        reopenAtNs_ = clock_.monotonicNs() + kReopenRetryNs;
+        return;
+    }
+    closed_ = false;
+    truth_.write(TruthWriter::reopenedLine(nanoseconds(clock_.realtime())));
+}
+
+void Reflector::finish() {
+    collectTransmitStamps();
+    discardHeld();
+    truth_.flush();
     truth_.write(TruthWriter::stopLine(totals_));
 }

@@ -4,11 +4,13 @@
 // A request is first checked for length, then meets the forward impairments
 // (loss, then delay). When it is processed it is counted: it gets the next
 // reflector sequence number of its sender (each sender address and port is a
-// session of its own, numbered from 0) and T2 (the kernel's receive time, or the time of
-// processing after a forward hold). Its reply may then be lost, or stamped
-// with T3 (plus the skew) and, after the reverse hold, sent once or twice,
-// possibly held back behind the next reply. Every action is written to the
-// ground truth.
+// session of its own, numbered from 0; or the sender's own number, when
+// stateless) and T2 (the kernel's receive time, or the time of processing
+// after a forward hold). Its reply may then be lost, or stamped with T3 (plus
+// the skew) and, after the reverse hold, sent once or twice, possibly held
+// back behind the next reply. Every action is written to the ground truth, a
+// reply's line with the kernel's transmit time of the datagram. The socket
+// may be closed for a while after a number of requests (port unreachable).
 #ifndef TWAMP_REFLECTOR_REFLECTOR_H
 #define TWAMP_REFLECTOR_REFLECTOR_H
 
@@ -25,6 +27,8 @@
 #include "ReflectorClock.h"
 #include "ReflectorOptions.h"
 #include "ReflectorSocket.h"
+#include "RestartSchedule.h"
+#include "TruthQueue.h"
 #include "TruthWriter.h"
 
 class Reflector {
@@ -59,21 +63,24 @@ class Reflector {
     void handleDatagram(ReceivedDatagram& datagram);
     bool acceptLength(ReceivedDatagram& datagram);
     bool dropInRestartGap(const TruthPacket& packet);
-    bool restartDue();
-    void countTowardsRestart();
-    void processRequest(HeldRequest& request, const timespec& receiveTime);
+    void processRequest(HeldRequest& request, const timespec& t2);
     uint32_t nextReflectorSeq(const TruthPacket& packet, const PeerAddress& sender);
-    HeldReply buildReply(HeldRequest& request, const timespec& receiveTime, uint32_t reflectorSeq,
+    HeldReply buildReply(HeldRequest& request, const timespec& t2, uint32_t reflectorSeq,
                          const ReplyFate& fate);
     void emitReply(HeldReply reply);
     void sendReply(HeldReply& reply, bool reordered);
     void sendCopy(HeldReply& reply, int copy);
+    void collectTransmitStamps();
     void discardHeld();
+    void closeSocket();
+    void discardWaitingRequests();
+    void reopenSocketWhenDue();
 
     ReflectorOptions options_;
     ReflectorClock& clock_;
-    TruthWriter& truth_;
+    TruthQueue truth_;
     Impairments impairments_;
+    RestartSchedule restarts_;
     ReflectorSocket socket_;
     FileDescriptor stopFd_;
     std::atomic<bool> stopRequested_{false};
@@ -81,15 +88,18 @@ class Reflector {
     HoldQueue<HeldReply> replies_;
     std::optional<HeldReply> reorderHeld_;
     int64_t skewNs_ = 0;
+    // Added to the echoed sender timestamp: NTP units for the reply,
+    // nanoseconds for the ground truth.
+    int64_t t1OffsetNtp_ = 0;
+    int64_t t1OffsetNs_ = 0;
     // The next reflector sequence number of every sender (address and port)
     // since the last restart, which starts them all again at 0.
     std::map<std::string, uint32_t> senderSeqs_;
-    uint64_t acceptedSinceRestart_ = 0;
-    // The one restart of --restart-after: waiting for its count, dropping the
-    // gap, due at the next acceptance, or done (also when not asked for).
-    enum class RestartPhase { Waiting, Gap, Due, Done };
-    RestartPhase restartPhase_ = RestartPhase::Done;
-    uint64_t gapDropped_ = 0;
+    // The socket closes once, after --unreachable-after accepted requests,
+    // and opens again at reopenAtNs_ (CLOCK_MONOTONIC).
+    bool closeDue_ = false;
+    bool closed_ = false;
+    int64_t reopenAtNs_ = 0;
     int lastSendError_ = 0;
     TruthTotals totals_;
 };

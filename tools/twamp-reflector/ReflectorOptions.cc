@@ -13,6 +13,12 @@ namespace {
 
 constexpr double kMaxHoldMs = 60000.0;
 constexpr double kMaxSkewMs = 60000.0;
+// An hour: enough for any outage or restart gap a test wants. A closed socket
+// is closed for a microsecond at least.
+constexpr double kMaxOutageMs = 3600000.0;
+constexpr double kMinOutageMs = 0.001;
+// A day either way: far enough to move the echoed timestamp into another minute or day.
+constexpr double kMaxT1OffsetMs = 86400000.0;
 
 // True for a whole decimal number without sign: strtoull would take "-1" as 2^64 - 1.
 bool isUnsignedText(const std::string& text) {
@@ -37,7 +43,7 @@ bool parseUnsigned(const std::string& option, const std::string& text, uint64_t 
 
 std::string numberText(double value) {
     char text[32];
-    std::snprintf(text, sizeof(text), "%g", value);
+    std::snprintf(text, sizeof(text), "%.15g", value);
     return text;
 }
 
@@ -123,8 +129,37 @@ bool parseNumberOption(const std::string& option, const std::string& value,
         return parseUnsigned(option, value, std::numeric_limits<uint64_t>::max(),
                              options.restartGap, error);
     }
+    if (option == "--unreachable-after") {
+        return parseUnsigned(option, value, std::numeric_limits<uint64_t>::max(),
+                             options.unreachableAfter, error);
+    }
+    if (option == "--sender-ttl") {
+        options.senderTtlGiven = true;
+        if (!parseUnsigned(option, value, 255, number, error)) {
+            return false;
+        }
+        options.senderTtl = static_cast<uint8_t>(number);
+        return true;
+    }
     error = "unknown option " + option;
     return false;
+}
+
+// The options whose values are times of the reflector's own misbehaviour.
+bool parseMisbehaviourOption(const std::string& option, const std::string& value,
+                             ReflectorOptions& options, std::string& error) {
+    if (option == "--restart-gap-ms") {
+        return parseDecimal(option, value, 0.0, kMaxOutageMs, options.restartGapMs, error);
+    }
+    if (option == "--unreachable-ms") {
+        return parseDecimal(option, value, kMinOutageMs, kMaxOutageMs, options.unreachableMs,
+                            error);
+    }
+    if (option == "--corrupt-t1") {
+        return parseDecimal(option, value, -kMaxT1OffsetMs, kMaxT1OffsetMs, options.t1OffsetMs,
+                            error);
+    }
+    return parseNumberOption(option, value, options, error);
 }
 
 bool parseImpairmentOption(const std::string& option, const std::string& value,
@@ -156,7 +191,7 @@ bool parseImpairmentOption(const std::string& option, const std::string& value,
     if (option == "--skew") {
         return parseDecimal(option, value, -kMaxSkewMs, kMaxSkewMs, options.skewMs, error);
     }
-    return parseNumberOption(option, value, options, error);
+    return parseMisbehaviourOption(option, value, options, error);
 }
 
 bool parseValueOption(const std::string& option, const std::string& value,
@@ -177,10 +212,12 @@ bool parseValueOption(const std::string& option, const std::string& value,
 
 bool takesValue(const std::string& option) {
     static const char* const kValueOptions[] = {
-        "--listen",      "--port",       "--reply-ttl", "--seed",          "--fwd-loss",
-        "--rev-loss",    "--duplicate",  "--reorder",   "--fwd-delay",     "--fwd-jitter",
-        "--rev-delay",   "--rev-jitter", "--skew",      "--restart-every", "--restart-after",
-        "--restart-gap", "--truth"};
+        "--listen",         "--port",          "--reply-ttl",     "--seed",
+        "--fwd-loss",       "--rev-loss",      "--duplicate",     "--reorder",
+        "--fwd-delay",      "--fwd-jitter",    "--rev-delay",     "--rev-jitter",
+        "--skew",           "--restart-every", "--restart-after", "--restart-gap",
+        "--restart-gap-ms", "--sender-ttl",    "--corrupt-t1",    "--unreachable-after",
+        "--unreachable-ms", "--truth"};
     for (const char* known : kValueOptions) {
         if (option == known) {
             return true;
@@ -190,14 +227,30 @@ bool takesValue(const std::string& option) {
 }
 
 bool isFlag(const std::string& option) {
-    return option == "--quiet" || option == "--help" || option == "-h";
+    return option == "--quiet" || option == "--stateless" || option == "--help" || option == "-h";
 }
 
-bool parseFlag(const std::string& option, ReflectorOptions& options) {
+void parseFlag(const std::string& option, ReflectorOptions& options) {
     if (option == "--quiet") {
         options.quiet = true;
+    } else if (option == "--stateless") {
+        options.stateless = true;
     } else {
         options.help = true;
+    }
+}
+
+// Options that each make sense but not together.
+bool checkCombinations(const ReflectorOptions& options, std::string& error) {
+    if (options.stateless && (options.restartEvery != 0 || options.restartAfter != 0)) {
+        error =
+            "--stateless: a reflector without state has no numbering to restart "
+            "(--restart-every, --restart-after)";
+        return false;
+    }
+    if (options.restartGap != 0 && options.restartGapMs != 0.0) {
+        error = "--restart-gap and --restart-gap-ms: the gap is either a count or a time";
+        return false;
     }
     return true;
 }
@@ -242,7 +295,7 @@ bool parseReflectorOptions(const std::vector<std::string>& arguments, ReflectorO
             return false;
         }
     }
-    return true;
+    return checkCombinations(options, error);
 }
 
 std::string reflectorUsage() {
@@ -277,8 +330,24 @@ std::string reflectorUsage() {
            "                       restart the sequence number at 0; 0 never (default 0)\n"
            "  --restart-gap M      requests dropped while the reflector is down before\n"
            "                       --restart-after's restart (default 0)\n"
+           "  --restart-gap-ms MS  the gap as a time instead: drop the requests that arrive\n"
+           "                       within MS milliseconds, 0..3600000 (default 0)\n"
+           "  --stateless          number each reply with the sender's own sequence number,\n"
+           "                       as a reflector without state does (default off)\n"
            "  --skew MS            write T3 MS milliseconds later than the real send time,\n"
-           "                       -60000..60000 (default 0)\n"
+           "                       -60000..60000; negative writes T3 before T2, large\n"
+           "                       positive makes T3 - T2 longer than the round trip\n"
+           "                       (default 0)\n"
+           "  --sender-ttl N       write N as the Sender TTL of every reply, 0..255, 0 as a\n"
+           "                       reflector that does not fill it in (default: the TTL the\n"
+           "                       request arrived with)\n"
+           "  --corrupt-t1 MS      echo the sender timestamp MS milliseconds off,\n"
+           "                       -86400000..86400000 (default 0)\n"
+           "  --unreachable-after N  after N accepted requests close the socket, so that\n"
+           "                       the kernel answers with port unreachable, and open it\n"
+           "                       again after --unreachable-ms; 0 never (default 0)\n"
+           "  --unreachable-ms MS  how long the socket stays closed, 0.001..3600000\n"
+           "                       (default 1000)\n"
            "  --truth FILE         write the ground truth to FILE as JSON lines (default:\n"
            "                       none)\n"
            "  --quiet              print nothing but errors\n"

@@ -33,8 +33,25 @@ struct ReflectorOptions {
     // is down), then the sequence number starts again at 0; restartAfter 0 never.
     uint64_t restartAfter = 0;
     uint64_t restartGap = 0;
+    // The one restart's gap as a time instead: requests arriving within this
+    // many milliseconds after the restartAfter-th are dropped.
+    double restartGapMs = 0.0;
+    // Replies numbered with the sender's own sequence number, as a reflector
+    // that keeps no state does.
+    bool stateless = false;
     // Milliseconds added to the transmit timestamp T3 (negative writes it earlier).
     double skewMs = 0.0;
+    // The Sender TTL written into every reply instead of the TTL the request
+    // arrived with (0: a reflector that does not fill it in).
+    bool senderTtlGiven = false;
+    uint8_t senderTtl = 0;
+    // Milliseconds added to the echoed sender timestamp (a corrupting reflector).
+    double t1OffsetMs = 0.0;
+    // After this many accepted requests the socket is closed for
+    // unreachableMs milliseconds, so that the kernel answers the requests of
+    // that while with port unreachable; 0 never.
+    uint64_t unreachableAfter = 0;
+    double unreachableMs = 1000.0;
     // Ground-truth file (JSON lines); empty writes none.
     std::string truthPath;
     bool quiet = false;

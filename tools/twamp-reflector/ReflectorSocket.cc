@@ -1,6 +1,7 @@
 #include "ReflectorSocket.h"
 
 #include <arpa/inet.h>
+#include <linux/net_tstamp.h>
 #include <netdb.h>
 #include <netinet/in.h>
 
@@ -8,6 +9,22 @@
 #include <cstring>
 
 namespace {
+
+// Software timestamps of received and of sent datagrams, reported as
+// SCM_TIMESTAMPING (software time at index 0). The transmit timestamp is taken
+// by the device driver as the frame leaves, the receive timestamp as the frame
+// enters the stack: both in the kernel, so neither depends on when this
+// process is scheduled.
+constexpr int kTimestampingFlags =
+    SOF_TIMESTAMPING_TX_SOFTWARE | SOF_TIMESTAMPING_RX_SOFTWARE | SOF_TIMESTAMPING_SOFTWARE;
+// Requests of up to 64 KiB arrive as one reassembled datagram that takes
+// about twice its size of the buffer, and every reply sent comes back on the
+// error queue, which counts against the same buffer: the default (about
+// 200 KiB) holds only a few of them.
+constexpr int kReceiveBufferBytes = 4 * 1024 * 1024;
+// Enough of a looped frame to find the reply's fixed fields behind the
+// headers the device saw (link, network with extension headers, transport).
+constexpr std::size_t kLoopedBytes = 256;
 
 bool enable(int fd, int level, int option, int value, const char* name, std::string& error) {
     if (setsockopt(fd, level, option, &value, sizeof(value)) != 0) {
@@ -45,6 +62,24 @@ void appendInt(msghdr& message, cmsghdr*& control, std::size_t& used, int level,
     control = CMSG_NXTHDR(&message, control);
 }
 
+// The software time of an SCM_TIMESTAMPING item; false when the kernel left it zero.
+bool readSoftwareTime(const cmsghdr* control, timespec& time) {
+    timespec times[3] = {};
+    if (control->cmsg_len < CMSG_LEN(sizeof(times))) {
+        return false;
+    }
+    std::memcpy(times, CMSG_DATA(control), sizeof(times));
+    if (times[0].tv_sec == 0 && times[0].tv_nsec == 0) {
+        return false;
+    }
+    time = times[0];
+    return true;
+}
+
+bool isTimestamping(const cmsghdr* control) {
+    return control->cmsg_level == SOL_SOCKET && control->cmsg_type == SCM_TIMESTAMPING;
+}
+
 int readInt(const cmsghdr* control) {
     int value = 0;
     if (control->cmsg_len >= CMSG_LEN(sizeof(value))) {
@@ -73,6 +108,7 @@ bool ReflectorSocket::open(const std::string& address, uint16_t port, std::strin
     if (!ok) {
         error = std::string("socket: ") + std::strerror(errno);
     }
+    address_ = address;
     ok = ok && configure(result->ai_family, isUnspecified(result->ai_addr), error);
     if (ok && bind(fd_.get(), result->ai_addr, result->ai_addrlen) != 0) {
         error = "cannot bind " + address + " port " + std::to_string(port) + ": " +
@@ -92,10 +128,20 @@ bool ReflectorSocket::open(const std::string& address, uint16_t port, std::strin
     return ok;
 }
 
+void ReflectorSocket::close() {
+    fd_.reset();
+}
+
+bool ReflectorSocket::reopen(std::string& error) {
+    return open(address_, boundPort_, error);
+}
+
 bool ReflectorSocket::configure(int family, bool dualStack, std::string& error) {
-    if (!enable(fd_.get(), SOL_SOCKET, SO_TIMESTAMPNS, 1, "SO_TIMESTAMPNS", error)) {
+    if (!enable(fd_.get(), SOL_SOCKET, SO_TIMESTAMPING, kTimestampingFlags, "SO_TIMESTAMPING",
+                error)) {
         return false;
     }
+    enlargeReceiveBuffer();
     const bool ipv6 = family == AF_INET6;
     if (ipv6 &&
         !(enable(fd_.get(), IPPROTO_IPV6, IPV6_V6ONLY, dualStack ? 0 : 1, "IPV6_V6ONLY", error) &&
@@ -109,6 +155,15 @@ bool ReflectorSocket::configure(int family, bool dualStack, std::string& error) 
     // IPv4 datagrams, also those arriving mapped on a dual-stack socket.
     return enable(fd_.get(), IPPROTO_IP, IP_RECVTTL, 1, "IP_RECVTTL", error) &&
            enable(fd_.get(), IPPROTO_IP, IP_RECVTOS, 1, "IP_RECVTOS", error);
+}
+
+// Forced when privileged, else as far as rmem_max allows; the default serves
+// small packets, so a refusal is not an error.
+void ReflectorSocket::enlargeReceiveBuffer() {
+    const int bytes = kReceiveBufferBytes;
+    if (setsockopt(fd_.get(), SOL_SOCKET, SO_RCVBUFFORCE, &bytes, sizeof(bytes)) != 0) {
+        setsockopt(fd_.get(), SOL_SOCKET, SO_RCVBUF, &bytes, sizeof(bytes));
+    }
 }
 
 bool ReflectorSocket::receive(ReceivedDatagram& datagram) {
@@ -137,10 +192,8 @@ bool ReflectorSocket::receive(ReceivedDatagram& datagram) {
 void ReflectorSocket::readControl(msghdr& message, ReceivedDatagram& datagram) {
     for (cmsghdr* control = CMSG_FIRSTHDR(&message); control != nullptr;
          control = CMSG_NXTHDR(&message, control)) {
-        if (control->cmsg_level == SOL_SOCKET && control->cmsg_type == SCM_TIMESTAMPNS &&
-            control->cmsg_len >= CMSG_LEN(sizeof(timespec))) {
-            std::memcpy(&datagram.receiveTime, CMSG_DATA(control), sizeof(timespec));
-            datagram.hasReceiveTime = true;
+        if (isTimestamping(control)) {
+            datagram.hasReceiveTime = readSoftwareTime(control, datagram.receiveTime);
         } else if ((control->cmsg_level == IPPROTO_IP && control->cmsg_type == IP_TTL) ||
                    (control->cmsg_level == IPPROTO_IPV6 && control->cmsg_type == IPV6_HOPLIMIT)) {
             datagram.ttl = readInt(control);
@@ -177,6 +230,35 @@ int ReflectorSocket::send(const uint8_t* data, std::size_t length, const PeerAdd
         return errno;
     }
     return static_cast<std::size_t>(sent) == length ? 0 : EMSGSIZE;
+}
+
+bool ReflectorSocket::receiveTransmitStamp(TransmitStamp& stamp) {
+    if (!fd_.valid()) {
+        return false;
+    }
+    stamp.looped.resize(kLoopedBytes);
+    // Anything else on the error queue (there should be nothing) is read past.
+    for (;;) {
+        iovec vector{stamp.looped.data(), stamp.looped.size()};
+        alignas(cmsghdr) uint8_t control[256];
+        msghdr message{};
+        message.msg_iov = &vector;
+        message.msg_iovlen = 1;
+        message.msg_control = control;
+        message.msg_controllen = sizeof(control);
+        // A looped frame longer than the buffer is cut (MSG_TRUNC): its start is all we need.
+        const ssize_t length = recvmsg(fd_.get(), &message, MSG_ERRQUEUE | MSG_DONTWAIT);
+        if (length < 0) {
+            return false;
+        }
+        for (cmsghdr* item = CMSG_FIRSTHDR(&message); item != nullptr;
+             item = CMSG_NXTHDR(&message, item)) {
+            if (isTimestamping(item) && readSoftwareTime(item, stamp.transmitTime)) {
+                stamp.looped.resize(static_cast<std::size_t>(length));
+                return true;
+            }
+        }
+    }
 }
 
 std::string ReflectorSocket::describe(const PeerAddress& peer) {

@@ -22,7 +22,8 @@ void ReplyBuilder::build(uint8_t* buffer, std::size_t length, const ReplyStamp& 
     reply.setErrorEstimate();
     reply.setReceiveTimestamp(stamp.receiveTimestamp);
     reply.setSenderSequenceNumber(sender.sequenceNumber);
-    reply.setSenderTimestamp(sender.timestamp);
+    // Modulo 2^64, as the timestamp's own arithmetic.
+    reply.setSenderTimestamp(sender.timestamp + static_cast<uint64_t>(stamp.senderTimestampOffset));
     reply.setSenderErrorEstimate(sender.errorEstimate);
     reply.setSenderTtl(stamp.senderTtl);
 }

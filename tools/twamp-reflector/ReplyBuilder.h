@@ -22,6 +22,8 @@ struct ReplyStamp {
     uint64_t transmitTimestamp = 0;
     // The TTL or hop limit with which the request arrived.
     uint8_t senderTtl = 0;
+    // Added to the echoed sender timestamp, NTP units: 0 but for a corrupting reflector.
+    int64_t senderTimestampOffset = 0;
 };
 
 class ReplyBuilder {

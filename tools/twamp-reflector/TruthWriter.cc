@@ -26,6 +26,34 @@ JsonLine eventLineWithoutPacket(const char* event) {
     return line;
 }
 
+void addOptionalNs(JsonLine& line, const char* key, bool present, int64_t nanoseconds) {
+    if (present) {
+        line.add(key, nanoseconds);
+    } else {
+        line.addNull(key);
+    }
+}
+
+void addOptionalMicroseconds(JsonLine& line, const char* key, bool present, int64_t nanoseconds) {
+    if (present) {
+        line.addMicroseconds(key, nanoseconds);
+    } else {
+        line.addNull(key);
+    }
+}
+
+// The times of what really happened to a reply, and the holds they give: the
+// request waited from its kernel receive time to T2, the reply from T3 (its
+// real time, without the skew) to its kernel transmit time.
+void addRealTimes(JsonLine& line, const ReplyTruth& reply) {
+    addOptionalNs(line, "rxKernelNs", reply.hasReceiveTime, reply.receiveNs);
+    line.add("t2Ns", reply.t2Ns).add("t3Ns", reply.t3Ns);
+    addOptionalNs(line, "txKernelNs", reply.hasTransmitTime, reply.transmitNs);
+    addOptionalMicroseconds(line, "fwdHeldUs", reply.hasReceiveTime, reply.t2Ns - reply.receiveNs);
+    addOptionalMicroseconds(line, "revHeldUs", reply.hasTransmitTime,
+                            reply.transmitNs - (reply.t3Ns - reply.skewNs));
+}
+
 const char* stageName(HoldStage stage) {
     switch (stage) {
         case HoldStage::ForwardDelay:
@@ -87,7 +115,17 @@ std::string TruthWriter::startLine(const ReflectorOptions& options, uint16_t bou
         .add("restartEvery", options.restartEvery)
         .add("restartAfter", options.restartAfter)
         .add("restartGap", options.restartGap)
-        .addNumber("skewMs", options.skewMs)
+        .addNumber("restartGapMs", options.restartGapMs)
+        .add("stateless", options.stateless)
+        .addNumber("skewMs", options.skewMs);
+    if (options.senderTtlGiven) {
+        line.add("senderTtl", static_cast<int>(options.senderTtl));
+    } else {
+        line.addNull("senderTtl");
+    }
+    line.addNumber("corruptT1Ms", options.t1OffsetMs)
+        .add("unreachableAfter", options.unreachableAfter)
+        .addNumber("unreachableMs", options.unreachableMs)
         .add("truth", options.truthPath);
     return line.text();
 }
@@ -111,6 +149,21 @@ std::string TruthWriter::restartLine(const TruthPacket& packet) {
     return eventLine("restart", packet).add("reflectorSeq", 0).text();
 }
 
+std::string TruthWriter::closedLine(int64_t timeNs, int64_t reopenAfterNs) {
+    return eventLineWithoutPacket("closed")
+        .add("timeNs", timeNs)
+        .addMicroseconds("reopenAfterUs", reopenAfterNs)
+        .text();
+}
+
+std::string TruthWriter::reopenedLine(int64_t timeNs) {
+    return eventLineWithoutPacket("reopened").add("timeNs", timeNs).text();
+}
+
+std::string TruthWriter::reopenErrorLine(int64_t timeNs, const std::string& error) {
+    return eventLineWithoutPacket("reopen_error").add("timeNs", timeNs).add("error", error).text();
+}
+
 std::string TruthWriter::reverseLossLine(const TruthPacket& packet, uint32_t reflectorSeq,
                                          int64_t forwardDelayNs) {
     return eventLine("rev_loss", packet)
@@ -120,8 +173,8 @@ std::string TruthWriter::reverseLossLine(const TruthPacket& packet, uint32_t ref
 }
 
 std::string TruthWriter::replyLine(const ReplyTruth& reply) {
-    return eventLine("reply", reply.packet)
-        .add("reflectorSeq", reply.reflectorSeq)
+    JsonLine line = eventLine("reply", reply.packet);
+    line.add("reflectorSeq", reply.reflectorSeq)
         .add("copy", reply.copy)
         .addMicroseconds("fwdDelayUs", reply.forwardDelayNs)
         .addMicroseconds("revDelayUs", reply.reverseDelayNs)
@@ -130,7 +183,9 @@ std::string TruthWriter::replyLine(const ReplyTruth& reply) {
         .add("tos", static_cast<int>(reply.tos))
         .add("length", static_cast<uint64_t>(reply.length))
         .add("reordered", reply.reordered)
-        .text();
+        .addMicroseconds("t1OffsetUs", reply.t1OffsetNs);
+    addRealTimes(line, reply);
+    return line.text();
 }
 
 std::string TruthWriter::sendErrorLine(const ReplyTruth& reply, int error) {

@@ -24,14 +24,27 @@ struct ReplyTruth {
     TruthPacket packet;
     uint32_t reflectorSeq = 0;
     int copy = 1;
+    // The holds drawn for the packet.
     int64_t forwardDelayNs = 0;
     int64_t reverseDelayNs = 0;
     int64_t skewNs = 0;
+    // Added to the echoed sender timestamp (a corrupting reflector).
+    int64_t t1OffsetNs = 0;
     // The Sender TTL written into the reply and the TOS byte it is sent with.
     uint8_t senderTtl = 0;
     uint8_t tos = 0;
     std::size_t length = 0;
     bool reordered = false;
+    // What really happened, in nanoseconds since the POSIX epoch
+    // (CLOCK_REALTIME): the kernel's receive time of the request, the times
+    // written as T2 and T3 (the skew included) and the kernel's transmit time
+    // of this datagram. The kernel's times may be missing.
+    bool hasReceiveTime = false;
+    int64_t receiveNs = 0;
+    int64_t t2Ns = 0;
+    int64_t t3Ns = 0;
+    bool hasTransmitTime = false;
+    int64_t transmitNs = 0;
 };
 
 // What the reflector did, in numbers, for the last line.
@@ -73,6 +86,11 @@ class TruthWriter {
     // the line names why ("restart_gap": the reflector was down).
     static std::string forwardLossLine(const TruthPacket& packet, const char* reason);
     static std::string restartLine(const TruthPacket& packet);
+    // The socket closed (the kernel answers with port unreachable) and opened
+    // again; timeNs is CLOCK_REALTIME in nanoseconds.
+    static std::string closedLine(int64_t timeNs, int64_t reopenAfterNs);
+    static std::string reopenedLine(int64_t timeNs);
+    static std::string reopenErrorLine(int64_t timeNs, const std::string& error);
     static std::string reverseLossLine(const TruthPacket& packet, uint32_t reflectorSeq,
                                        int64_t forwardDelayNs);
     static std::string replyLine(const ReplyTruth& reply);

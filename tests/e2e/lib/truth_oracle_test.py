@@ -12,12 +12,26 @@ import truth_oracle as oracle  # noqa: E402
 MINUTE = 29920000
 RATE = 10
 START = {"event": "start", "replyTtl": 64}
+# The kernel's receive time of request 0, nanoseconds; one request every 100 ms.
+FIRST_RX_NS = MINUTE * 60 * 1000000000 + 123456789
+INTERVAL_NS = 100000000
+# Between T2 and T3 the reflector processes the request.
+RESIDENCE_NS = 20000
 
 
-def reply(seq, rseq, minute=MINUTE, copy=1, fwd=0.0, rev=0.0, reordered=False, skew=0.0):
+def reply(seq, rseq, minute=MINUTE, copy=1, fwd=0.0, rev=0.0, reordered=False, skew=0.0,
+          planned_fwd=None, planned_rev=None):
+    """A reply whose request really waited fwd us before T2 and whose reply
+    really left rev us after T3 was taken (T3 written skew us late)."""
+    rx = FIRST_RX_NS + seq * INTERVAL_NS
+    t2 = rx + int(fwd * 1000)
+    t3_real = t2 + RESIDENCE_NS
     return {"event": "reply", "senderSeq": seq, "senderMinute": minute, "reflectorSeq": rseq,
-            "copy": copy, "fwdDelayUs": fwd, "revDelayUs": rev, "skewUs": skew, "ttl": 255,
-            "tos": 184, "length": 64, "reordered": reordered}
+            "copy": copy, "fwdDelayUs": fwd if planned_fwd is None else planned_fwd,
+            "revDelayUs": rev if planned_rev is None else planned_rev, "skewUs": skew,
+            "ttl": 255, "tos": 184, "length": 64, "reordered": reordered, "t1OffsetUs": 0,
+            "rxKernelNs": rx, "t2Ns": t2, "t3Ns": t3_real + int(skew * 1000),
+            "txKernelNs": t3_real + int(rev * 1000), "fwdHeldUs": fwd, "revHeldUs": rev}
 
 
 def fwd_loss(seq, minute=MINUTE):
@@ -30,7 +44,6 @@ def rev_loss(seq, rseq, minute=MINUTE):
 
 
 def finalised(events, tolerance_us=0):
-    oracle.annotate_reorder_releases(events)
     session = oracle.SessionReplay(START, events, RATE, tolerance_us)
     sent, state, sequence_error = session.replay(MINUTE, True)
     return oracle.expect_finalised(sent, state, sequence_error, RATE)
@@ -88,7 +101,6 @@ class SequenceTest(unittest.TestCase):
         events = [reply(seq, seq) for seq in range(10)]
         events += [fwd_loss(seq) for seq in range(10, 51)]
         events += [reply(seq, seq - 51) for seq in range(51, 60)]
-        oracle.annotate_reorder_releases(events)
         session = oracle.SessionReplay(START, events, RATE, 0)
         sent, state, _ = session.replay(MINUTE, True)
         self.assertTrue(state.restart_detected)
@@ -125,14 +137,31 @@ class DelayTest(unittest.TestCase):
         self.assertEqual((4000 - 4, 4000 + 4), value(expected, "ipdvFwdMax"))
         self.assertEqual((4000 - 4, 4000 + 4), value(expected, "ipdvFwdMin"))
 
-    # A reply held for reordering waits for the next one: about one interval more.
+    # A reply held for reordering waited for the next one: its delay is the
+    # wait it really had, known from the kernel's send time.
     def test_reordered_reply_waits_for_the_next(self):
-        expected = finalised([reply(0, 0), reply(2, 2), reply(1, 1, reordered=True)],
-                             tolerance_us=1000)
-        low, high = value(expected, "delayRtMax")
-        self.assertLessEqual(low, 99000)
-        self.assertGreaterEqual(high, 101000)
+        expected = finalised([reply(0, 0), reply(2, 2), reply(1, 1, reordered=True, rev=109500.0)],
+                             tolerance_us=300)
+        self.assertEqual((109500 - 2, 109500 + 300 + 2), value(expected, "delayRtMax"))
         self.assertEqual(1, value(expected, "latePktsRev"))
+
+    # The holds really applied count, not the ones drawn: a reflector woken
+    # 9 ms late held the request 12 ms instead of 3.
+    def test_real_hold_counts_not_the_planned_one(self):
+        expected = finalised([reply(0, 0, fwd=12000.0, planned_fwd=3000.0)], tolerance_us=300)
+        self.assertEqual((12000 - 2, 12000 + 300 + 2), value(expected, "delayRtMax"))
+
+    # The time a reflector spends between T2 and T3 is not delay.
+    def test_residence_is_taken_out(self):
+        expected = finalised([reply(0, 0, rev=40.0)], tolerance_us=300)
+        self.assertEqual((40 - 2, 40 + 300 + 2), value(expected, "delayRtMin"))
+
+    # Without the kernel's transmit time the truth cannot bound the delay.
+    def test_missing_kernel_time_is_an_error(self):
+        event = reply(0, 0)
+        event["txKernelNs"] = None
+        with self.assertRaises(oracle.OracleError):
+            finalised([event])
 
     # T3 written later than the real send: negative round trips wrap, the
     # minute is invalidated.
