@@ -40,15 +40,18 @@ FinalisedMinuteRules::Bin FinalisedMinuteRules::binOf(const PmPeriodRecord& reco
     return values;
 }
 
-std::vector<std::string> FinalisedMinuteRules::violations(const Bin& bin) {
+std::vector<std::string> FinalisedMinuteRules::violations(const Bin& bin, bool onlyPacketCounts) {
     std::vector<std::string> found;
     for (int counter = 0; counter < PmPeriodRecord::kCounterCount; ++counter) {
         if (bin[counter] < 0 && bin[counter] != kNotAvailable) {
             found.push_back(valueText(bin, counter) + " is negative but not -2");
         }
     }
-    checkVoidBin(bin, found);
     checkPacketCounts(bin, found);
+    if (onlyPacketCounts) {
+        return found;
+    }
+    checkVoidBin(bin, found);
     checkDelayStatistics(bin, PmCounter::delayRtAvg, PmCounter::delayRtMax, PmCounter::delayRtMin,
                          PmCounter::delayRtP95, PmCounter::delayRtP98, PmCounter::delayRtP99,
                          found);

@@ -18,7 +18,8 @@ class FinalisedMinuteRules {
     // The counters of bin of record.
     static Bin binOf(const PmPeriodRecord& record, int bin);
     // Every rule bin breaks, one line each; empty when it obeys them all.
-    static std::vector<std::string> violations(const Bin& bin);
+    // onlyPacketCounts leaves out the delay, DSCP and TTL statistics.
+    static std::vector<std::string> violations(const Bin& bin, bool onlyPacketCounts = false);
 
   private:
     static void checkVoidBin(const Bin& bin, std::vector<std::string>& found);

@@ -16,6 +16,9 @@ constexpr int64_t kNotAvailable = PmPeriodRecord::kNotAvailable;
 // replies take up to 5 s, a restarted reflector is down up to 9 s, and a
 // restart seen in the first 4 s of a minute voids the minute before.
 constexpr int64_t kDisturbanceMarginNs = 20 * kSecond;
+// Minute numbers measured this long ago are forgotten (clock steps go back
+// at most a few minutes).
+constexpr uint32_t kRememberedMinutes = 60;
 // At most this many packets are listed in a minute's description.
 constexpr std::size_t kDescribedPackets = 60;
 
@@ -101,6 +104,13 @@ void MinuteOracle::minuteBegins(const MinuteKey& minute, int64_t startNs) {
     truth.index = nextMinuteIndex++;
     truth.startNs = startNs;
     truth.endNs = startNs + simulation_time::kMinute;
+    const auto earlier = epochOfMinuteNumber.find(minute.second);
+    truth.measuredBefore = earlier != epochOfMinuteNumber.end() && earlier->second != minute.first;
+    epochOfMinuteNumber[minute.second] = minute.first;
+    // A bin is reused after two intervals: older numbers cannot come back
+    // into a bin that still holds them.
+    epochOfMinuteNumber.erase(epochOfMinuteNumber.begin(),
+                              epochOfMinuteNumber.lower_bound(minute.second - kRememberedMinutes));
 }
 
 void MinuteOracle::packetSent(uint32_t seqNo, uint64_t t1, uint64_t t1Prime,
@@ -125,6 +135,9 @@ void MinuteOracle::packetReachedReflector(uint32_t seqNo, uint32_t responderSeqN
                                           uint32_t incarnation) {
     PacketTruth* packet = find(seqNo);
     if (packet == nullptr) {
+        // A packet of a minute already finalised, so late that the minutes
+        // after it have packets numbered before it.
+        markCrossingOfStragglers();
         return;
     }
     packet->outbound = false;
@@ -153,6 +166,14 @@ void MinuteOracle::markCrossing(uint64_t minuteIndex) {
         MinuteTruth& minute = entry.second;
         if (minute.index >= minuteIndex && minute.index <= latestMinuteAtReflector) {
             minute.crossedAtReflector = true;
+        }
+    }
+}
+
+void MinuteOracle::markCrossingOfStragglers() {
+    for (auto& entry : minuteTruths) {
+        if (entry.second.anyAtReflector) {
+            entry.second.crossedAtReflector = true;
         }
     }
 }
@@ -224,6 +245,14 @@ MinuteVerdict MinuteOracle::judge(const MinuteKey& key) const {
     MinuteVerdict verdict;
     const MinuteTruth& minute = minuteTruths.at(key);
     const std::vector<const PacketTruth*> sent = packetsOf(minute);
+    if (minute.measuredBefore) {
+        // Only the counters zeroed at the minute's start are new; the others
+        // may still hold the first measurement's values.
+        verdict.knownDefect = "measured again after the wall clock was set back into its interval";
+        verdict.reason = verdict.knownDefect;
+        verdict.valuesMayBeStale = true;
+        return verdict;
+    }
     verdict.reason = disturbanceNear(minute);
     if (verdict.reason.empty() && minute.crossedAtReflector) {
         verdict.reason = "its packets crossed those of a minute around it on the way out";

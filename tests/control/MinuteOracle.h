@@ -77,6 +77,7 @@ class MinuteOracle {
     static bool analysedInOrder(const std::vector<const PacketTruth*>& packets);
     static bool gapsLostOneWay(const std::vector<const PacketTruth*>& packets);
     void markCrossing(uint64_t minuteIndex);
+    void markCrossingOfStragglers();
     void expectSampleCounters(const std::vector<const PacketTruth*>& packets,
                               const MinuteVerdict& verdict, MinuteExpectation& expectation) const;
     static void expectIpdv(const std::vector<const PacketTruth*>& packets,
@@ -91,6 +92,8 @@ class MinuteOracle {
     std::map<MinuteKey, MinuteTruth> minuteTruths;
     std::unordered_map<uint32_t, PacketTruth> packets;
     std::vector<Disturbance> disturbances;
+    // The clock epoch each recent minute number was last measured in.
+    std::map<uint32_t, uint32_t> epochOfMinuteNumber;
     uint64_t nextSerial = 1;
     uint64_t nextMinuteIndex = 1;
     uint64_t deliveries = 0;

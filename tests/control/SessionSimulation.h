@@ -39,6 +39,8 @@ class SessionSimulation {
         uint64_t clean = 0;
         uint64_t inOrder = 0;
         uint64_t periodsCompared = 0;
+        // Clean minutes whose lostPktsFwd was -2 after reordering on the way out.
+        uint64_t lostForwardVoid = 0;
         // Minutes not compared for a known defect of the daemon, by defect.
         std::map<std::string, uint64_t> knownDefects;
         // Minutes only checked against the rules, by why they were not clean.

@@ -63,6 +63,9 @@ struct MinuteTruth {
     bool anyAtReflector = false;
     uint32_t firstIncarnation = 0;
     bool severalIncarnations = false;
+    // The minute number was measured before, in an earlier clock epoch:
+    // the wall clock was set back into it.
+    bool measuredBefore = false;
 };
 
 // How far a finalised minute can be compared with the truth.
@@ -91,6 +94,9 @@ struct MinuteVerdict {
     // numbers do not follow the sender's: the loss arithmetic need not add
     // up, and lostPktsFwd alone is then -2, as documented.
     bool lostForwardMayBeVoid = false;
+    // The bin may hold values of an earlier measurement of the same minute
+    // number: only its packet counts are checked against the rules.
+    bool valuesMayBeStale = false;
 };
 
 // One counter's expected value.
