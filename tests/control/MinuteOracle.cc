@@ -245,14 +245,9 @@ MinuteVerdict MinuteOracle::judge(const MinuteKey& key) const {
     MinuteVerdict verdict;
     const MinuteTruth& minute = minuteTruths.at(key);
     const std::vector<const PacketTruth*> sent = packetsOf(minute);
-    if (minute.measuredBefore) {
-        // Only the counters zeroed at the minute's start are new; the others
-        // may still hold the first measurement's values.
-        verdict.knownDefect = "measured again after the wall clock was set back into its interval";
-        verdict.reason = verdict.knownDefect;
-        verdict.valuesMayBeStale = true;
-        return verdict;
-    }
+    // Only the counters zeroed at the minute's start are sure to be new; the
+    // others may still hold the first measurement's values.
+    verdict.valuesMayBeStale = minute.measuredBefore;
     verdict.reason = disturbanceNear(minute);
     if (verdict.reason.empty() && minute.crossedAtReflector) {
         verdict.reason = "its packets crossed those of a minute around it on the way out";

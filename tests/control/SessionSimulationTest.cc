@@ -131,13 +131,15 @@ TEST_F(SessionSimulationTest, EveryFinalisedMinuteTellsTheTruth) {
     std::cout << totals.runs << " runs, " << totals.packets << " packets, " << totals.minutesChecked
               << " minutes checked, " << totals.clean << " compared with the truth, "
               << totals.inOrder << " of them in order, " << totals.periodsCompared
-              << " with their loss periods" << std::endl;
+              << " with their loss periods, " << totals.lostForwardVoid
+              << " with lostPktsFwd -2 after packets overtook each other on the way out"
+              << std::endl;
     for (const auto& entry : totals.notClean) {
         std::cout << entry.second << " minutes only checked against the rules: " << entry.first
                   << std::endl;
     }
     for (const auto& entry : totals.knownDefects) {
-        std::cout << entry.second << " minutes not compared for a known defect: " << entry.first
+        std::cout << entry.second << " minutes ran into a known defect: " << entry.first
                   << std::endl;
     }
     // Most minutes are clean: a test that compares almost nothing proves nothing.

@@ -94,8 +94,10 @@ struct MinuteVerdict {
     // numbers do not follow the sender's: the loss arithmetic need not add
     // up, and lostPktsFwd alone is then -2, as documented.
     bool lostForwardMayBeVoid = false;
-    // The bin may hold values of an earlier measurement of the same minute
-    // number: only its packet counts are checked against the rules.
+    // The minute was measured again after the wall clock was set back into
+    // its interval, and its bin may keep the delay, IPDV, DSCP and TTL values
+    // of the first measurement (a known defect): only the packet counts,
+    // which the minute's start sets to 0, are checked and compared.
     bool valuesMayBeStale = false;
 };
 
