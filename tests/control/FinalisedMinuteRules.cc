@@ -34,6 +34,7 @@ constexpr PmCounter::Index kSampleCounters[] = {
 
 FinalisedMinuteRules::Bin FinalisedMinuteRules::binOf(const PmPeriodRecord& record, int bin) {
     Bin values;
+    values.reserve(PmPeriodRecord::kCounterCount);
     for (int counter = 0; counter < PmPeriodRecord::kCounterCount; ++counter) {
         values.push_back(record.at(counter, bin));
     }

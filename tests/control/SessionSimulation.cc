@@ -1,5 +1,6 @@
 #include "SessionSimulation.h"
 
+#include <algorithm>
 #include <cerrno>
 #include <sstream>
 
@@ -70,6 +71,17 @@ bool isZeroedAtMinuteStart(PmCounter::Index counter) {
         default:
             return false;
     }
+}
+
+// Whether bin of record holds the values of snapshot (compared in place:
+// this runs after every timer read).
+bool holdsBin(const PmPeriodRecord& record, int bin, const std::vector<int64_t>& snapshot) {
+    for (int counter = 0; counter < PmPeriodRecord::kCounterCount; ++counter) {
+        if (record.at(counter, bin) != snapshot[counter]) {
+            return false;
+        }
+    }
+    return true;
 }
 
 std::string describeBin(const std::vector<int64_t>& bin) {
@@ -330,7 +342,7 @@ void SessionSimulation::readTimer() {
     systemCalls.queueExpiries(count);
     session->handleInput(FakeSessionSystemCalls::kTimerFd);
     collectSends(wallNs);
-    checkFinalisedBinsUnchanged("a timer read of " + std::to_string(count) + " expiries");
+    checkFinalisedBinsUnchanged("a timer read");
     if (count <= kMaxExpiriesPerRead) {
         checkDueMinutes(wallNs);
     }
@@ -546,27 +558,25 @@ void SessionSimulation::checkMinute(const MinuteKey& minute) {
     oracle.forget(minute);
 }
 
-void SessionSimulation::checkFinalisedBinsUnchanged(const std::string& when) {
+void SessionSimulation::checkFinalisedBinsUnchanged(const char* when) {
     // The record of a minute's interval is reused two intervals later; a
     // clock set back since does not make it valid again.
     const uint32_t currentMinute = latestMinuteOfEpoch;
-    std::vector<std::pair<MinuteKey, std::vector<int64_t>>> kept;
-    for (const auto& entry : finalisedBins) {
+    const auto reused = [this, currentMinute](const FinalisedBin& entry) {
+        return entry.first.first != epoch || currentMinute >= (entry.first.second / 15 + 2) * 15;
+    };
+    finalisedBins.erase(std::remove_if(finalisedBins.begin(), finalisedBins.end(), reused),
+                        finalisedBins.end());
+    for (const FinalisedBin& entry : finalisedBins) {
         const uint32_t number = entry.first.second;
-        if (entry.first.first != epoch || currentMinute >= (number / 15 + 2) * 15) {
-            continue;
-        }
-        const std::vector<int64_t> now =
-            FinalisedMinuteRules::binOf(session->getRecordForTest((number / 15) & 1), number % 15);
-        if (now != entry.second && failureText.empty()) {
+        const PmPeriodRecord& record = session->getRecordForTest((number / 15) & 1);
+        if (failureText.empty() && !holdsBin(record, static_cast<int>(number % 15), entry.second)) {
             fail(entry.first,
-                 "changed after it was finalised, at " + when + " at wall minute " +
+                 std::string("changed after it was finalised, at ") + when + " at wall minute " +
                      std::to_string(currentMinute) + "; it was:" + describeBin(entry.second),
-                 now, "checked before");
+                 FinalisedMinuteRules::binOf(record, number % 15), "checked before");
         }
-        kept.push_back(entry);
     }
-    finalisedBins.swap(kept);
 }
 
 void SessionSimulation::compareWithTruth(const MinuteKey& minute, const MinuteVerdict& verdict,

@@ -137,7 +137,7 @@ class SessionSimulation {
     void checkDueMinutes(int64_t wallNs);
     void checkMinutesOfEpoch(uint32_t epoch);
     void checkMinute(const MinuteKey& minute);
-    void checkFinalisedBinsUnchanged(const std::string& when);
+    void checkFinalisedBinsUnchanged(const char* when);
     void compareWithTruth(const MinuteKey& minute, const MinuteVerdict& verdict,
                           const std::vector<int64_t>& bin);
     void keepRecentTraces();
@@ -177,7 +177,8 @@ class SessionSimulation {
     std::deque<std::string> recentTraces;
     // Bins already checked, as they were then: a finalised minute keeps its
     // values until its bin is reused for a new interval.
-    std::vector<std::pair<MinuteKey, std::vector<int64_t>>> finalisedBins;
+    using FinalisedBin = std::pair<MinuteKey, std::vector<int64_t>>;
+    std::vector<FinalisedBin> finalisedBins;
     std::string failureText;
 };
 

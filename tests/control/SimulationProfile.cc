@@ -32,7 +32,7 @@ uint32_t drawRate(std::mt19937_64& random) {
 int drawMinutes(std::mt19937_64& random, uint32_t rate, int maxMinutes) {
     int minutes = 0;
     if (rate >= 100) {
-        minutes = static_cast<int>(uniform(random, 3, 8));
+        minutes = static_cast<int>(uniform(random, 2, 6));
     } else if (rate >= 10) {
         minutes = static_cast<int>(uniform(random, 10, 30));
     } else {
