@@ -9,6 +9,7 @@
 #define TWAMP_TESTS_KERNEL_MESSAGES_H
 
 #include <linux/errqueue.h>
+#include <netinet/in.h>
 #include <sys/socket.h>
 #include <sys/uio.h>
 
@@ -81,17 +82,16 @@ class KernelMessage {
         sent.setErrorEstimate();
     }
 
-    void setKernelTimestamp(uint64_t ntp) {
-        const struct timespec time = timespecOfNtp(ntp);
-        struct timespec times[3] = {time, time, time};
-        header.msg_control = control;
-        header.msg_controllen = CMSG_SPACE(sizeof(times));
-        struct cmsghdr* item = CMSG_FIRSTHDR(&header);
-        item->cmsg_level = SOL_SOCKET;
-        item->cmsg_type = SCM_TIMESTAMPING;
-        item->cmsg_len = CMSG_LEN(sizeof(times));
-        std::memcpy(CMSG_DATA(item), times, sizeof(times));
+    void setKernelTimestamp(uint64_t ntp) { setKernelTime(timespecOfNtp(ntp)); }
+    // The kernel timestamp as the kernel hands it over, to the nanosecond.
+    void setKernelTime(const struct timespec& time) {
+        const struct timespec times[3] = {time, time, time};
+        appendControl(SOL_SOCKET, SCM_TIMESTAMPING, times, sizeof(times));
     }
+    // The TOS byte of a received packet (IP_RECVTOS): DSCP and ECN bits.
+    void addReceivedTos(uint8_t tos) { appendControl(IPPROTO_IP, IP_TOS, &tos, sizeof(tos)); }
+    // The TTL of a received packet (IP_RECVTTL), an int as the kernel writes it.
+    void addReceivedTtl(int ttl) { appendControl(IPPROTO_IP, IP_TTL, &ttl, sizeof(ttl)); }
 
     struct msghdr* get() {
         return &header;
@@ -102,8 +102,22 @@ class KernelMessage {
     static constexpr std::size_t kLoopedHeaderLength = 28;
 
   private:
+    // Appends one control item behind those already added; the padding up
+    // to the next item stays zero, as in a zero-filled receive buffer.
+    void appendControl(int level, int type, const void* data, std::size_t length) {
+        header.msg_control = control;
+        struct cmsghdr* item = reinterpret_cast<struct cmsghdr*>(control + controlUsed);
+        item->cmsg_level = level;
+        item->cmsg_type = type;
+        item->cmsg_len = CMSG_LEN(length);
+        std::memcpy(CMSG_DATA(item), data, length);
+        controlUsed += CMSG_SPACE(length);
+        header.msg_controllen = controlUsed;
+    }
+
     std::vector<uint8_t> payload;
     alignas(struct cmsghdr) uint8_t control[128];
+    std::size_t controlUsed = 0;
     struct iovec ioVector;
     struct msghdr header;
 };
