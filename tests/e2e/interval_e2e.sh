@@ -12,9 +12,9 @@
 # request is answered with the record whose last bin is finalised.
 #
 # Expected record: bins 0, 13 and 14 as the replay of the ground truth gives
-# them; bin 1 holds the counts of the seconds before the jump but was never
-# finalised (the jump skipped its finalisation), so only the counters zeroed
-# at its start have values; bins 2 to 12 saw no packet and stay -2.
+# them; bin 1 was measured for some seconds before the jump, which skipped
+# its finalisation: it cannot be accounted and reads -2 throughout; bins 2
+# to 12 saw no packet and stay -2.
 #
 # usage: interval_e2e.sh LAB_SH DAEMON TWAMP_CTL REFLECTOR [TOLERANCE_US]
 #        (exit 77: skipped, not root)
@@ -97,7 +97,7 @@ expected_record() {
     local file="$1" last="$2"
     python3 "$ORACLE" --truth "$TRUTH" --counters "$file" --rate "$RATE" \
         --tolerance-us "$TOLERANCE_US" --label "$(basename "$file" .json)" \
-        --minute "$N" --minute "$((N + 1)):open" --minute "$((N + 13))" --minute "$((N + 14))$last" \
+        --minute "$N" --minute "$((N + 1)):void" --minute "$((N + 13))" --minute "$((N + 14))$last" \
         --na-bins 2-12
 }
 check "interval in progress in minute 0: the previous record whole, its last minute not yet finalised" \

@@ -49,13 +49,15 @@ Assumptions:
   * the outstanding packets of the minute's parity are that minute's own
     (true unless the minute two before was invalidated or never finalised).
 
-usage: truth_oracle.py --counters FILE [--truth FILE --rate PPS --minute M[:open]...]
+usage: truth_oracle.py --counters FILE [--truth FILE --rate PPS --minute M[:open|:void]...]
                        [--tolerance-us N] [--label TEXT] [--na-bins LIST]
                        [--expect-sent N] [--expect valid|invalidated|restart]
                        [--network-log FILE --session-text TEXT] [--verbose]
   --minute M       POSIX minute to check (bin M mod 15), finalised; M:open for
-                   a minute never finalised (only the counters zeroed at its
-                   start hold values). Repeat for several minutes.
+                   a minute not finalised yet (only the counters zeroed at its
+                   start hold values); M:void for a minute the clock jumped
+                   over before it could be finalised (all -2). Repeat for
+                   several minutes.
   --na-bins LIST   bins that must be -2 in every counter, e.g. 0-4,6-14
   --expect-sent N  the truth must hold N requests of each minute checked
   --expect WHAT    what the truth must make of each minute checked, so that a
@@ -632,6 +634,9 @@ def run(options):
         sent, state, sequence_error = session.replay(minute, mode != "open")
         if mode == "open":
             expected = expect_open(sent, state)
+        elif mode == "void":
+            expected = Expectation()
+            expected.notes.append("not finalised in time (the clock jumped on): all -2")
         else:
             expected = expect_finalised(sent, state, sequence_error, options.rate)
             if options.network_log:
