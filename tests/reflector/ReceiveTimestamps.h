@@ -72,6 +72,10 @@ inline bool switchOn() {
         if (stampedLoop(fd, self)) {
             return true;
         }
+        // The datagram came back unstamped: the kernel has not switched
+        // timestamps on yet, which takes longer on a busy machine. Wait
+        // before the next try, so the tries span seconds, not a burst.
+        poll(nullptr, 0, kWaitMs);
     }
     return false;
 }
