@@ -90,3 +90,12 @@ std::vector<uint32_t> MissingSequenceList::entries(uint64_t limit) const {
     }
     return result;
 }
+
+bool MissingSequenceList::contains(uint32_t seq) const {
+    for (const Stretch& stretch : stretches) {
+        if (stretch.holds(seq)) {
+            return true;
+        }
+    }
+    return false;
+}

@@ -31,6 +31,8 @@ class MissingSequenceList {
     // Removes the first entry equal to seq, keeping the order of the rest;
     // false when there is none.
     virtual bool remove(uint32_t seq);
+    // True when seq is an entry.
+    virtual bool contains(uint32_t seq) const;
     // Forgets every entry.
     virtual void clear();
     // Number of entries.

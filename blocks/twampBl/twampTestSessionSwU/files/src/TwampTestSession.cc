@@ -523,7 +523,10 @@ bool TwampTestSession::isResponderRenumbered(const OutstandingPacket& packet, in
     // again after a pause too short to count as a restart. A late or
     // repeated reply has gone back in both numbers.
     const auto senderJump = static_cast<int32_t>(packet.getSenderSeqNo() - lastSenderSeqNo[parity]);
-    return responderWentBack(packet, parity) && senderJump >= 0 && packet.getReplyCount() == 1;
+    // A number listed missing is a late reply whose packet overtook another
+    // on the way out, not a new numbering.
+    return responderWentBack(packet, parity) && senderJump >= 0 && packet.getReplyCount() == 1 &&
+           !missingResponderSeqNos[parity].contains(packet.getResponderSeqNo());
 }
 
 bool TwampTestSession::responderWentBack(const OutstandingPacket& packet, int parity) const {
