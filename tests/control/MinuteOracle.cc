@@ -225,6 +225,13 @@ void MinuteOracle::replyDelivered(uint32_t seqNo, uint64_t t2, uint64_t t3, uint
     }
 }
 
+void MinuteOracle::reflectorClockStepped(int64_t nowNs, int64_t stepNs) {
+    // A step of up to 4 s moves the one-way delays within the bound.
+    if (stepNs > 4 * kSecond || stepNs < -4 * kSecond) {
+        largeReflectorClockSteps.push_back(nowNs);
+    }
+}
+
 void MinuteOracle::disturbance(int64_t fromNs, int64_t toNs, const std::string& what) {
     disturbances.push_back({fromNs, toNs, what});
 }
@@ -248,6 +255,10 @@ MinuteVerdict MinuteOracle::judge(const MinuteKey& key) const {
     // Only the counters zeroed at the minute's start are sure to be new; the
     // others may still hold the first measurement's values.
     verdict.valuesMayBeStale = minute.measuredBefore;
+    for (int64_t stepNs : largeReflectorClockSteps) {
+        verdict.ipdvMayExceedBound |= stepNs >= minute.startNs - kDisturbanceMarginNs &&
+                                      stepNs <= minute.endNs + kDisturbanceMarginNs;
+    }
     verdict.reason = disturbanceNear(minute);
     if (verdict.reason.empty() && minute.crossedAtReflector) {
         verdict.reason = "its packets crossed those of a minute around it on the way out";

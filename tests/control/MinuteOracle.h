@@ -40,6 +40,8 @@ class MinuteOracle {
     // The session was handed one copy of the reply to seqNo.
     void replyDelivered(uint32_t seqNo, uint64_t t2, uint64_t t3, uint64_t t4, uint8_t senderTtl,
                         uint8_t replyTtl, uint8_t dscp);
+    // The reflector's clock was set by stepNs at true time nowNs.
+    void reflectorClockStepped(int64_t nowNs, int64_t stepNs);
     // Something happened between true times fromNs and toNs that the
     // minutes around it cannot be compared across.
     void disturbance(int64_t fromNs, int64_t toNs, const std::string& what);
@@ -92,6 +94,8 @@ class MinuteOracle {
     std::map<MinuteKey, MinuteTruth> minuteTruths;
     std::unordered_map<uint32_t, PacketTruth> packets;
     std::vector<Disturbance> disturbances;
+    // When the reflector's clock was set by more than 4 s.
+    std::vector<int64_t> largeReflectorClockSteps;
     // The clock epoch each recent minute number was last measured in.
     std::map<uint32_t, uint32_t> epochOfMinuteNumber;
     uint64_t nextSerial = 1;

@@ -77,7 +77,8 @@ class SessionSimulation {
         kClockStep,
         kStall,
         kRestart,
-        kOutage
+        kOutage,
+        kReflectorClockStep
     };
 
     struct Event {

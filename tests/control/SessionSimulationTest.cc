@@ -280,4 +280,27 @@ TEST_F(SessionSimulationDefectTest, DISABLED_ForwardDelayChangingSignKeepsTheMin
     EXPECT_EQ(PmPeriodRecord::kNotAvailable, value(*session, PmCounter::ipdvFwdP99, 8));
 }
 
+// The reflector's clock, 20 s ahead of the sender's, is set forward by 10 s
+// between two packets: the forward delay jumps by 10 s, an IPDV beyond the
+// 4 s bound, and the whole minute is set to -2.
+TEST_F(SessionSimulationDefectTest, DISABLED_IpdvBeyondFourSecondsVoidsTheMinute) {
+    auto session = startSession();
+    const uint64_t reflectorAhead = uint64_t{20} << 32;
+    const uint64_t step = uint64_t{10} << 32;
+    const uint64_t t1First = sendAt(*session, 8, 0, 0);
+    const uint64_t t1Second = sendAt(*session, 8, 0, 1);
+    const uint64_t t1PrimeFirst = t1First + kNtpUnit;
+    const uint64_t t2First = t1PrimeFirst + 2 * kNtpUnit + reflectorAhead;
+    deliverTxTimestamp(*session, 0, t1First, t1PrimeFirst);
+    deliverReply(*session, 0, t1First, 0, t2First, t2First + kNtpUnit, t1PrimeFirst + 5 * kNtpUnit);
+    const uint64_t t1PrimeSecond = t1Second + kNtpUnit;
+    const uint64_t t2Second = t1PrimeSecond + 2 * kNtpUnit + reflectorAhead + step;
+    deliverTxTimestamp(*session, 1, t1Second, t1PrimeSecond);
+    deliverReply(*session, 1, t1Second, 1, t2Second, t2Second + kNtpUnit,
+                 t1PrimeSecond + 5 * kNtpUnit);
+    sendAt(*session, 9, 4);
+    EXPECT_EQ(PmPeriodRecord::kNotAvailable, value(*session, PmCounter::ipdvFwdMax, 8));
+    EXPECT_EQ(PmPeriodRecord::kNotAvailable, value(*session, PmCounter::sentPkts, 8));
+}
+
 }  // namespace
