@@ -13,6 +13,7 @@
 #ifndef TWAMP_TESTS_MINUTE_ORACLE_H
 #define TWAMP_TESTS_MINUTE_ORACLE_H
 
+#include <cstddef>
 #include <cstdint>
 #include <map>
 #include <string>
@@ -82,7 +83,7 @@ class MinuteOracle {
     void markCrossingOfStragglers();
     void expectSampleCounters(const std::vector<const PacketTruth*>& packets,
                               const MinuteVerdict& verdict, MinuteExpectation& expectation) const;
-    static void expectIpdv(const std::vector<const PacketTruth*>& packets,
+    static void expectIpdv(const std::vector<const PacketTruth*>& packets, bool wholeStatistics,
                            MinuteExpectation& expectation);
     static void expectDirections(const std::vector<const PacketTruth*>& packets,
                                  MinuteExpectation& expectation);
@@ -90,6 +91,8 @@ class MinuteOracle {
                            MinuteExpectation& expectation) const;
 
     uint32_t packetsPerSecond;
+    // Samples the session's percentile vectors hold: the timer's expiries in a minute.
+    std::size_t vectorSize;
     bool statelessReflector;
     std::map<MinuteKey, MinuteTruth> minuteTruths;
     std::unordered_map<uint32_t, PacketTruth> packets;

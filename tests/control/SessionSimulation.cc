@@ -54,6 +54,11 @@ constexpr const char* kMeasuredAgain =
 constexpr const char* kIpdvBeyondBound =
     "the reflector's clock was set by more than 4 s (IPDV not checked against 4 s)";
 
+// The name under which minutes with more samples than a percentile vector holds are counted.
+constexpr const char* kSamplesBeyondVector =
+    "more packets answered than the timer expires in a minute (average and percentiles not "
+    "compared)";
+
 // The packet counters, which every minute start sets to 0.
 bool isZeroedAtMinuteStart(PmCounter::Index counter) {
     switch (counter) {
@@ -569,6 +574,9 @@ void SessionSimulation::checkMinute(const MinuteKey& minute) {
     }
     if (verdict.ipdvMayExceedBound) {
         ++counts.knownDefects[kIpdvBeyondBound];
+    }
+    if (verdict.samplesBeyondVector) {
+        ++counts.knownDefects[kSamplesBeyondVector];
     }
     if (verdict.clean) {
         compareWithTruth(minute, verdict, bin);

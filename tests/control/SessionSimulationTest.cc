@@ -303,4 +303,30 @@ TEST_F(SessionSimulationDefectTest, DISABLED_IpdvBeyondFourSecondsVoidsTheMinute
     EXPECT_EQ(PmPeriodRecord::kNotAvailable, value(*session, PmCounter::sentPkts, 8));
 }
 
+// A minute can hold one packet more than the packet timer's expiries per
+// minute (600 at 10 packets per second): the last expiry of a minute may be
+// read after the minute began. That packet's delay counts in the average.
+TEST_F(SessionSimulationDefectTest, DISABLED_OnePacketMoreThanAMinuteOfExpiriesCountsInTheAverage) {
+    auto session = startSession();
+    constexpr int kPackets = 601;
+    // One packet every 6/64 s from the start of minute 8: all within it.
+    std::vector<uint64_t> t1;
+    for (int packet = 0; packet < kPackets; ++packet) {
+        const int units = packet * 6;
+        const time_t seconds = minuteOfHour(8) + units / 64;
+        const long nanoseconds = (units % 64) * 15625000L;
+        fire(*session, seconds, nanoseconds);
+        t1.push_back(control_test::ntpOf(seconds, nanoseconds));
+    }
+    for (uint32_t seqNo = 0; seqNo + 1 < kPackets; ++seqNo) {
+        answer(*session, seqNo, t1[seqNo], seqNo, 2, 2);
+    }
+    answer(*session, kPackets - 1, t1[kPackets - 1], kPackets - 1, 4, 4);
+    sendAt(*session, 9, 4);
+    EXPECT_EQ(kPackets, value(*session, PmCounter::receivedPkts, 8));
+    EXPECT_EQ(125000, value(*session, PmCounter::delayRtMax, 8));
+    // (600 x 62500 + 125000) / 601 us.
+    EXPECT_EQ(62603, value(*session, PmCounter::delayRtAvg, 8));
+}
+
 }  // namespace
