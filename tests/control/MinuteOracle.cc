@@ -1,6 +1,7 @@
 #include "MinuteOracle.h"
 
 #include <algorithm>
+#include <climits>
 #include <functional>
 #include <sstream>
 
@@ -243,6 +244,24 @@ void MinuteOracle::replyDelivered(uint32_t seqNo, uint64_t t2, uint64_t t3, uint
     if (!packet->timestampPending) {
         packet->readyOrder = deliveries;
     }
+}
+
+void MinuteOracle::reflectorRestarted(int64_t nowNs) {
+    ++incarnation;
+    restartsUnseen.push_back(disturbances.size());
+    disturbances.push_back({nowNs, INT64_MAX - kDisturbanceMarginNs, "the reflector restarted"});
+}
+
+void MinuteOracle::replyOfIncarnation(uint32_t replyIncarnation, int64_t nowNs) {
+    if (replyIncarnation != incarnation) {
+        return;
+    }
+    // The session has seen the new numbering: the restart is detected now
+    // or never.
+    for (std::size_t index : restartsUnseen) {
+        disturbances[index].toNs = nowNs;
+    }
+    restartsUnseen.clear();
 }
 
 void MinuteOracle::reflectorClockStepped(int64_t nowNs, int64_t stepNs) {
@@ -566,6 +585,9 @@ void MinuteOracle::forget(const MinuteKey& key) {
     }
     // Disturbances long before the oldest minute left touch no minute to come.
     const int64_t oldestStart = minuteTruths.begin()->second.startNs;
+    if (!restartsUnseen.empty()) {
+        return;  // their indices must stay valid
+    }
     const auto past = [oldestStart](const Disturbance& disturbance) {
         return disturbance.toNs + kDisturbanceMarginNs < oldestStart - kDisturbanceMarginNs;
     };

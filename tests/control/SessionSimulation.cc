@@ -299,7 +299,7 @@ void SessionSimulation::dispatch(Event& event) {
             break;
         case EventKind::kRestart:
             reflector.restart(nowNs, event.amountNs);
-            oracle.disturbance(nowNs, nowNs + event.amountNs, "the reflector restarted");
+            oracle.reflectorRestarted(nowNs);
             break;
     }
 }
@@ -454,7 +454,7 @@ void SessionSimulation::atReflector(const Event& event) {
     oracle.packetReachedReflector(event.seqNo, answer.responderSeqNo, answer.incarnation);
     const int64_t residenceNs = uniform(kMicrosecond, profile.residenceMaxNs);
     int64_t firstArrivalNs = nowNs + residenceNs;
-    scheduleReplies(event, answer.responderSeqNo, residenceNs, firstArrivalNs);
+    scheduleReplies(event, answer.responderSeqNo, answer.incarnation, residenceNs, firstArrivalNs);
     if (event.timestampAfterReply) {
         scheduleTimestamp(firstArrivalNs + uniform(kMicrosecond, 3 * kMillisecond), event.seqNo,
                           event.t1, event.kernelNs);
@@ -462,7 +462,8 @@ void SessionSimulation::atReflector(const Event& event) {
 }
 
 int SessionSimulation::scheduleReplies(const Event& arrival, uint32_t responderSeqNo,
-                                       int64_t residenceNs, int64_t& firstArrivalNs) {
+                                       uint32_t incarnation, int64_t residenceNs,
+                                       int64_t& firstArrivalNs) {
     maybeChangeHeaders();
     if (drawLoss(profile.reverseLoss, reverseBurstLeft)) {
         return 0;
@@ -472,6 +473,7 @@ int SessionSimulation::scheduleReplies(const Event& arrival, uint32_t responderS
     reply.seqNo = arrival.seqNo;
     reply.t1 = arrival.t1;
     reply.responderSeqNo = responderSeqNo;
+    reply.incarnation = incarnation;
     reply.t2 = toNtpTimestamp(reflector.clockAt(nowNs));
     reply.t3 = toNtpTimestamp(reflector.clockAt(nowNs + residenceNs));
     reply.senderTtl = senderTtl;
@@ -505,6 +507,7 @@ void SessionSimulation::deliverReply(const Event& event) {
     reply.addReceivedTos(event.replyTos);
     reply.addReceivedTtl(event.replyTtl);
     session->receiveMessage(reply.get());
+    oracle.replyOfIncarnation(event.incarnation, nowNs);
     oracle.replyDelivered(event.seqNo, event.t2, event.t3, ntpOfNs(event.kernelNs), event.senderTtl,
                           event.replyTtl, static_cast<uint8_t>(event.replyTos >> 2));
 }
