@@ -146,10 +146,12 @@ TEST_F(SessionSimulationTest, EveryFinalisedMinuteTellsTheTruth) {
     EXPECT_GT(totals.clean * 2, totals.minutesChecked);
 }
 
-// Minimal reproductions of the defects the simulation found. Each asserts
-// what the minute should report and fails on the daemon as it stands, so it
-// is disabled until the defect is mended; the randomized test leaves the
-// condition out of its comparison (see MinuteOracle::knownDefectIn).
+// Minimal reproductions of the defects the simulation found (the late copy
+// beyond 4 s was found while writing its oracle: such minutes are not clean).
+// Each asserts what the minute should report and fails on the daemon as it
+// stands, so it is disabled until the defect is mended; meanwhile the
+// randomized test leaves the condition out of its comparison
+// (MinuteOracle::judge and MinuteOracle::knownDefectIn).
 class SessionSimulationDefectTest : public control_test::MeasureTestBase {
   protected:
     int64_t value(const TwampTestSession& session, PmCounter::Index counter, int bin) const {
@@ -327,6 +329,25 @@ TEST_F(SessionSimulationDefectTest, DISABLED_OnePacketMoreThanAMinuteOfExpiriesC
     EXPECT_EQ(125000, value(*session, PmCounter::delayRtMax, 8));
     // (600 x 62500 + 125000) / 601 us.
     EXPECT_EQ(62603, value(*session, PmCounter::delayRtAvg, 8));
+}
+
+// The reflector's number wraps from 4294967295 to 0 and the reply numbered 0
+// is lost on the way back: one packet lost on the way back, none on the way
+// out, as anywhere else in the numbering.
+TEST_F(SessionSimulationDefectTest, DISABLED_ReflectorNumberWrappingKeepsCountingReverseLoss) {
+    auto session = startSession();
+    std::vector<uint64_t> t1;
+    for (int eighth = 0; eighth < 4; ++eighth) {
+        t1.push_back(sendAt(*session, 8, 0, eighth));
+    }
+    answer(*session, 0, t1[0], 0xFFFFFFFEu, 2, 2);
+    answer(*session, 1, t1[1], 0xFFFFFFFFu, 2, 2);
+    deliverTxTimestamp(*session, 2, t1[2], t1[2] + kNtpUnit);
+    answer(*session, 3, t1[3], 1, 2, 2);
+    sendAt(*session, 9, 4);
+    EXPECT_EQ(3, value(*session, PmCounter::receivedPkts, 8));
+    EXPECT_EQ(0, value(*session, PmCounter::lostPktsFwd, 8));
+    EXPECT_EQ(1, value(*session, PmCounter::lostPktsRev, 8));
 }
 
 }  // namespace
