@@ -1,6 +1,7 @@
 #include "MinuteOracle.h"
 
 #include <algorithm>
+#include <climits>
 #include <functional>
 #include <sstream>
 
@@ -32,6 +33,17 @@ constexpr PmCounter::Index kSampleCounters[] = {
     PmCounter::ttlFwdMax,  PmCounter::ttlRevMax,  PmCounter::ttlFwdMin,  PmCounter::ttlRevMin,
 };
 
+// How many times the packet timer expires in a minute at most: once a
+// second at rates 0 and 1, otherwise a minute over the interval in whole
+// nanoseconds, rounded up.
+std::size_t expiriesPerMinute(uint32_t packetsPerSecond) {
+    if (packetsPerSecond <= 1) {
+        return 60;
+    }
+    const uint64_t intervalNs = 1000000000 / packetsPerSecond;
+    return static_cast<std::size_t>((60000000000 + intervalNs - 1) / intervalNs);
+}
+
 // The round trip without the reflector's residence, in microseconds.
 uint64_t roundTripOf(const PacketTruth& packet) {
     return ntpDifferenceToMicroseconds(packet.t4 + packet.t2 - packet.t1Prime - packet.t3);
@@ -54,13 +66,20 @@ int64_t percentileOf(const std::vector<uint64_t>& descending, int percentile) {
     return static_cast<int64_t>(descending[position]);
 }
 
-// Average, maximum, minimum and the three percentiles of samples; with no
-// samples 0, 0, 0 and no percentiles, as a minute reports an IPDV without
-// any increase.
-void expectStatistics(std::vector<uint64_t> samples, PmCounter::Index avg, PmCounter::Index max,
-                      PmCounter::Index min, PmCounter::Index p95, PmCounter::Index p98,
-                      PmCounter::Index p99, MinuteExpectation& expectation) {
+// Average, maximum, minimum and the three percentiles of samples (only
+// maximum and minimum unless whole); with no samples 0, 0, 0 and no
+// percentiles, as a minute reports an IPDV without any increase.
+void expectStatistics(std::vector<uint64_t> samples, bool whole, PmCounter::Index avg,
+                      PmCounter::Index max, PmCounter::Index min, PmCounter::Index p95,
+                      PmCounter::Index p98, PmCounter::Index p99, MinuteExpectation& expectation) {
     auto& values = expectation.values;
+    if (!whole && !samples.empty()) {
+        values.push_back(
+            {max, static_cast<int64_t>(*std::max_element(samples.begin(), samples.end()))});
+        values.push_back(
+            {min, static_cast<int64_t>(*std::min_element(samples.begin(), samples.end()))});
+        return;
+    }
     if (samples.empty()) {
         values.push_back({avg, 0});
         values.push_back({max, 0});
@@ -97,7 +116,9 @@ void MinuteOracle::Range::add(int64_t value) {
 }
 
 MinuteOracle::MinuteOracle(uint32_t packetsPerSecond, bool statelessReflector)
-    : packetsPerSecond(packetsPerSecond), statelessReflector(statelessReflector) {}
+    : packetsPerSecond(packetsPerSecond),
+      vectorSize(expiriesPerMinute(packetsPerSecond)),
+      statelessReflector(statelessReflector) {}
 
 void MinuteOracle::minuteBegins(const MinuteKey& minute, int64_t startNs) {
     MinuteTruth& truth = minuteTruths[minute];
@@ -225,6 +246,31 @@ void MinuteOracle::replyDelivered(uint32_t seqNo, uint64_t t2, uint64_t t3, uint
     }
 }
 
+void MinuteOracle::reflectorRestarted(int64_t nowNs) {
+    ++incarnation;
+    restartsUnseen.push_back(disturbances.size());
+    disturbances.push_back({nowNs, INT64_MAX - kDisturbanceMarginNs, "the reflector restarted"});
+}
+
+void MinuteOracle::replyOfIncarnation(uint32_t replyIncarnation, int64_t nowNs) {
+    if (replyIncarnation != incarnation) {
+        return;
+    }
+    // The session has seen the new numbering: the restart is detected now
+    // or never.
+    for (std::size_t index : restartsUnseen) {
+        disturbances[index].toNs = nowNs;
+    }
+    restartsUnseen.clear();
+}
+
+void MinuteOracle::reflectorClockStepped(int64_t nowNs, int64_t stepNs) {
+    // A step of up to 4 s moves the one-way delays within the bound.
+    if (stepNs > 4 * kSecond || stepNs < -4 * kSecond) {
+        largeReflectorClockSteps.push_back(nowNs);
+    }
+}
+
 void MinuteOracle::disturbance(int64_t fromNs, int64_t toNs, const std::string& what) {
     disturbances.push_back({fromNs, toNs, what});
 }
@@ -248,6 +294,14 @@ MinuteVerdict MinuteOracle::judge(const MinuteKey& key) const {
     // Only the counters zeroed at the minute's start are sure to be new; the
     // others may still hold the first measurement's values.
     verdict.valuesMayBeStale = minute.measuredBefore;
+    verdict.samplesBeyondVector =
+        std::count_if(sent.begin(), sent.end(), [](const PacketTruth* packet) {
+            return packet->copiesDelivered > 0;
+        }) > static_cast<std::ptrdiff_t>(vectorSize);
+    for (int64_t stepNs : largeReflectorClockSteps) {
+        verdict.ipdvMayExceedBound |= stepNs >= minute.startNs - kDisturbanceMarginNs &&
+                                      stepNs <= minute.endNs + kDisturbanceMarginNs;
+    }
     verdict.reason = disturbanceNear(minute);
     if (verdict.reason.empty() && minute.crossedAtReflector) {
         verdict.reason = "its packets crossed those of a minute around it on the way out";
@@ -337,9 +391,9 @@ void MinuteOracle::expectSampleCounters(const std::vector<const PacketTruth*>& s
         }
         return;
     }
-    expectStatistics(roundTrips, PmCounter::delayRtAvg, PmCounter::delayRtMax,
-                     PmCounter::delayRtMin, PmCounter::delayRtP95, PmCounter::delayRtP98,
-                     PmCounter::delayRtP99, expectation);
+    expectStatistics(roundTrips, !verdict.samplesBeyondVector, PmCounter::delayRtAvg,
+                     PmCounter::delayRtMax, PmCounter::delayRtMin, PmCounter::delayRtP95,
+                     PmCounter::delayRtP98, PmCounter::delayRtP99, expectation);
     const auto expectRange = [&values](const Range& range, PmCounter::Index min,
                                        PmCounter::Index max) {
         values.push_back({min, range.any ? range.min : kNotAvailable});
@@ -349,11 +403,11 @@ void MinuteOracle::expectSampleCounters(const std::vector<const PacketTruth*>& s
     expectRange(ttlFwd, PmCounter::ttlFwdMin, PmCounter::ttlFwdMax);
     expectRange(ttlRev, PmCounter::ttlRevMin, PmCounter::ttlRevMax);
     if (verdict.inOrder) {
-        expectIpdv(sent, expectation);
+        expectIpdv(sent, !verdict.samplesBeyondVector, expectation);
     }
 }
 
-void MinuteOracle::expectIpdv(const std::vector<const PacketTruth*>& sent,
+void MinuteOracle::expectIpdv(const std::vector<const PacketTruth*>& sent, bool wholeStatistics,
                               MinuteExpectation& expectation) {
     // The increase of each one-way delay from one packet to the next
     // sequence number, where both were answered; decreases are not samples.
@@ -376,12 +430,12 @@ void MinuteOracle::expectIpdv(const std::vector<const PacketTruth*>& sent,
             reverse.push_back(static_cast<uint64_t>(reverseIncrease));
         }
     }
-    expectStatistics(forward, PmCounter::ipdvFwdAvg, PmCounter::ipdvFwdMax, PmCounter::ipdvFwdMin,
-                     PmCounter::ipdvFwdP95, PmCounter::ipdvFwdP98, PmCounter::ipdvFwdP99,
-                     expectation);
-    expectStatistics(reverse, PmCounter::ipdvRevAvg, PmCounter::ipdvRevMax, PmCounter::ipdvRevMin,
-                     PmCounter::ipdvRevP95, PmCounter::ipdvRevP98, PmCounter::ipdvRevP99,
-                     expectation);
+    expectStatistics(forward, wholeStatistics, PmCounter::ipdvFwdAvg, PmCounter::ipdvFwdMax,
+                     PmCounter::ipdvFwdMin, PmCounter::ipdvFwdP95, PmCounter::ipdvFwdP98,
+                     PmCounter::ipdvFwdP99, expectation);
+    expectStatistics(reverse, wholeStatistics, PmCounter::ipdvRevAvg, PmCounter::ipdvRevMax,
+                     PmCounter::ipdvRevMin, PmCounter::ipdvRevP95, PmCounter::ipdvRevP98,
+                     PmCounter::ipdvRevP99, expectation);
 }
 
 void MinuteOracle::expectDirections(const std::vector<const PacketTruth*>& sent,
@@ -531,6 +585,9 @@ void MinuteOracle::forget(const MinuteKey& key) {
     }
     // Disturbances long before the oldest minute left touch no minute to come.
     const int64_t oldestStart = minuteTruths.begin()->second.startNs;
+    if (!restartsUnseen.empty()) {
+        return;  // their indices must stay valid
+    }
     const auto past = [oldestStart](const Disturbance& disturbance) {
         return disturbance.toNs + kDisturbanceMarginNs < oldestStart - kDisturbanceMarginNs;
     };
@@ -596,6 +653,12 @@ std::string MinuteOracle::knownDefectIn(const std::vector<const PacketTruth*>& s
         }
         if (packet->readyOrder != 0) {
             analysed.push_back(packet);
+        }
+        // The next number expected after 4294967295 is 0, which the session
+        // takes for "no reply yet": the next reply starts the reverse
+        // tracking afresh, as if it were the minute's first.
+        if (packet->copiesDelivered > 0 && packet->responderSeqNo == UINT32_MAX) {
+            return "the reflector's number wrapped from 4294967295 to 0";
         }
     }
     for (std::size_t index = 1; index < sent.size(); ++index) {

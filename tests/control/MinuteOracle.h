@@ -13,6 +13,7 @@
 #ifndef TWAMP_TESTS_MINUTE_ORACLE_H
 #define TWAMP_TESTS_MINUTE_ORACLE_H
 
+#include <cstddef>
 #include <cstdint>
 #include <map>
 #include <string>
@@ -40,6 +41,14 @@ class MinuteOracle {
     // The session was handed one copy of the reply to seqNo.
     void replyDelivered(uint32_t seqNo, uint64_t t2, uint64_t t3, uint64_t t4, uint8_t senderTtl,
                         uint8_t replyTtl, uint8_t dscp);
+    // The reflector restarted at true time nowNs: until the session sees a
+    // reply of the new incarnation (replyOfIncarnation), the restart may still
+    // be detected, and the minutes around are no longer comparable.
+    void reflectorRestarted(int64_t nowNs);
+    // The session was handed a reply of the reflector's incarnation-th life.
+    void replyOfIncarnation(uint32_t incarnation, int64_t nowNs);
+    // The reflector's clock was set by stepNs at true time nowNs.
+    void reflectorClockStepped(int64_t nowNs, int64_t stepNs);
     // Something happened between true times fromNs and toNs that the
     // minutes around it cannot be compared across.
     void disturbance(int64_t fromNs, int64_t toNs, const std::string& what);
@@ -80,7 +89,7 @@ class MinuteOracle {
     void markCrossingOfStragglers();
     void expectSampleCounters(const std::vector<const PacketTruth*>& packets,
                               const MinuteVerdict& verdict, MinuteExpectation& expectation) const;
-    static void expectIpdv(const std::vector<const PacketTruth*>& packets,
+    static void expectIpdv(const std::vector<const PacketTruth*>& packets, bool wholeStatistics,
                            MinuteExpectation& expectation);
     static void expectDirections(const std::vector<const PacketTruth*>& packets,
                                  MinuteExpectation& expectation);
@@ -88,10 +97,18 @@ class MinuteOracle {
                            MinuteExpectation& expectation) const;
 
     uint32_t packetsPerSecond;
+    // Samples the session's percentile vectors hold: the timer's expiries in a minute.
+    std::size_t vectorSize;
     bool statelessReflector;
     std::map<MinuteKey, MinuteTruth> minuteTruths;
     std::unordered_map<uint32_t, PacketTruth> packets;
     std::vector<Disturbance> disturbances;
+    // Restarts not yet followed by a reply of the new incarnation, as indices
+    // into disturbances; the reflector's current incarnation.
+    std::vector<std::size_t> restartsUnseen;
+    uint32_t incarnation = 0;
+    // When the reflector's clock was set by more than 4 s.
+    std::vector<int64_t> largeReflectorClockSteps;
     // The clock epoch each recent minute number was last measured in.
     std::map<uint32_t, uint32_t> epochOfMinuteNumber;
     uint64_t nextSerial = 1;

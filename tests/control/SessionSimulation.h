@@ -77,7 +77,8 @@ class SessionSimulation {
         kClockStep,
         kStall,
         kRestart,
-        kOutage
+        kOutage,
+        kReflectorClockStep
     };
 
     struct Event {
@@ -98,7 +99,8 @@ class SessionSimulation {
         uint8_t senderTtl = 0;
         uint8_t replyTtl = 0;
         uint8_t replyTos = 0;
-        int64_t amountNs = 0;  // of a clock step, stall, restart or outage
+        uint32_t incarnation = 0;  // of the reflector that sent a reply
+        int64_t amountNs = 0;      // of a clock step, stall, restart or outage
     };
     struct Later {
         bool operator()(const Event& left, const Event& right) const {
@@ -129,8 +131,8 @@ class SessionSimulation {
     void packetSent(uint32_t seqNo, uint64_t t1, int64_t wallNs);
     void scheduleTimestamp(int64_t atNs, uint32_t seqNo, uint64_t t1, int64_t t1PrimeWallNs);
     void atReflector(const Event& event);
-    int scheduleReplies(const Event& arrival, uint32_t responderSeqNo, int64_t sentBackNs,
-                        int64_t& firstArrivalNs);
+    int scheduleReplies(const Event& arrival, uint32_t responderSeqNo, uint32_t incarnation,
+                        int64_t residenceNs, int64_t& firstArrivalNs);
     void deliverTimestamp(const Event& event);
     void deliverReply(const Event& event);
     void stepClock(const Event& event);

@@ -22,6 +22,10 @@ void SimulatedReflector::restart(int64_t nowNs, int64_t downNs) {
     ++incarnation;
 }
 
+void SimulatedReflector::stepClock(int64_t stepNs) {
+    clockOffsetNs += stepNs;
+}
+
 struct timespec SimulatedReflector::clockAt(int64_t nowNs) const {
     return simulation_time::toTimespec(nowNs + clockOffsetNs);
 }

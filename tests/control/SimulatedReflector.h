@@ -28,6 +28,8 @@ class SimulatedReflector {
     Answer receive(int64_t nowNs, uint32_t senderSeqNo);
     // Restarts at true time nowNs and stays down for downNs.
     void restart(int64_t nowNs, int64_t downNs);
+    // Sets the reflector's clock by stepNs.
+    void stepClock(int64_t stepNs);
     // The reflector's clock at true time nowNs.
     struct timespec clockAt(int64_t nowNs) const;
 

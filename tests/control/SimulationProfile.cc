@@ -83,8 +83,12 @@ void drawPath(SimulationProfile& profile, std::mt19937_64& random) {
 
 void drawReflector(SimulationProfile& profile, std::mt19937_64& random) {
     profile.statelessReflector = chance(random, 0.15);
+    // Usually from 0 or anywhere, now and then just before its number wraps.
+    const int start = static_cast<int>(uniform(random, 0, 19));
     profile.firstResponderSeqNo =
-        chance(random, 0.5) ? 0 : static_cast<uint32_t>(uniform(random, 1, 2000000000));
+        start < 10   ? 0
+        : start < 19 ? static_cast<uint32_t>(uniform(random, 1, 2000000000))
+                     : static_cast<uint32_t>(0xFFFFFFFFu - uniform(random, 0, 20000));
     profile.reflectorClockOffsetNs = uniform(random, -20000 * kMillisecond, 20000 * kMillisecond);
     profile.residenceMaxNs = chance(random, 0.9) ? uniform(random, 5 * kMicrosecond, kMillisecond)
                                                  : uniform(random, kMillisecond, 50 * kMillisecond);
@@ -96,6 +100,7 @@ void drawReflector(SimulationProfile& profile, std::mt19937_64& random) {
 
 void drawDisturbances(SimulationProfile& profile, std::mt19937_64& random) {
     profile.outageChance = chance(random, 0.3) ? uniformReal(random, 0.0, 0.05) : 0.0;
+    profile.reflectorClockStepChance = chance(random, 0.2) ? uniformReal(random, 0.0, 0.03) : 0.0;
     if (chance(random, 0.5)) {
         return;
     }

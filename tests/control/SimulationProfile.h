@@ -54,6 +54,10 @@ struct SimulationProfile {
     // every packet sent meanwhile is lost, and minutes pass without replies.
     double outageChance = 0.0;
 
+    // Chance per simulated minute that the reflector's clock is set by up to
+    // a minute either way (its one-way delays jump, the round trip does not).
+    double reflectorClockStepChance = 0.0;
+
     // Disturbances, chance per simulated minute of each.
     double restartChance = 0.0;
     double clockStepChance = 0.0;

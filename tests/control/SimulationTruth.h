@@ -99,6 +99,17 @@ struct MinuteVerdict {
     // of the first measurement (a known defect): only the packet counts,
     // which the minute's start sets to 0, are checked and compared.
     bool valuesMayBeStale = false;
+    // The reflector's clock was set by more than 4 s while the minute's
+    // packets reached it: the one-way delays jump by the step, and the
+    // session reports an IPDV beyond 4 s instead of voiding the minute (a
+    // known defect); the 4 s bound of the IPDV is not checked.
+    bool ipdvMayExceedBound = false;
+    // More packets were answered in the minute than the packet timer expires
+    // in a minute (the last expiry of the minute before was read after this
+    // one began): the session's percentile vectors refuse the samples beyond
+    // and leave them out of the average (a known defect); only the minimum
+    // and maximum of the delays and IPDV are compared.
+    bool samplesBeyondVector = false;
 };
 
 // One counter's expected value.
