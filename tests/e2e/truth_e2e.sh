@@ -28,7 +28,8 @@
 #        (exit 77: skipped, not root)
 #        TWAMP_E2E_TRACE=1 records the daemons' trace events in the work
 #        directory (kept on failure, read with babeltrace2), to see how they
-#        handled each packet.
+#        handled each packet, and prints the spread of the delays that the
+#        truth cannot know as the daemons measured them (lib/truth_spread.py).
 set -euo pipefail
 HERE="$(dirname "$(readlink -f "$0")")"
 source "$HERE/lib/e2e_common.sh"
@@ -167,6 +168,15 @@ done
 
 if [ "${TWAMP_E2E_TRACE:-0}" = 1 ]; then
     private_lttng_finish truth
+    babeltrace2 "$WORK/trace" >"$WORK/events.txt" 2>/dev/null || true
+    spread_sessions=()
+    offset=1
+    for entry in "${SESSIONS[@]}"; do
+        read -r name _ <<<"$entry"
+        spread_sessions+=(--session "$offset:$WORK/$name.jsonl")
+        offset=$((offset + 1))
+    done
+    python3 "$HERE/lib/truth_spread.py" --events "$WORK/events.txt" "${spread_sessions[@]}" || true
 fi
 if [ "$E2E_FAILURES" -ne 0 ]; then
     KEEP_WORK=1
