@@ -7,7 +7,8 @@
 # only the per-packet system calls at the same load (the floor), its resident
 # memory at 0 and S sessions, and how long creating and reading took.
 #
-# usage: run_load.sh [--build DIR] [--minutes N] [--floor-seconds N] [--out DIR] [--nice N] RUN...
+# usage: run_load.sh [--build DIR] [--minutes N] [--floor-seconds N] [--out DIR] [--nice N]
+#                    [--realtime P] RUN...
 #   RUN             SxR: S sessions (1 to 2500) at R packets/s each (1 to 10000),
 #                   e.g. the router-scale shapes 1000x10 2000x10 200x100 20x1000 2x5000;
 #                   or rss: resident memory at 0, 1000 and 2000 sessions at 10 packets/s
@@ -16,6 +17,10 @@
 #   --minutes N     whole minutes measured per SxR run (default 2)
 #   --floor-seconds N   seconds the floor program sends per SxR run (default 30)
 #   --out DIR       where results and logs are kept (default: a new /tmp/twamp-load.*)
+#   --realtime P    run the daemon, the load reflector and the floor program
+#                   SCHED_FIFO at priority P (1 to 99; default 0: not at all),
+#                   as a node runs its measurement daemons, so that a busy
+#                   machine delays them no more than the kernel must
 #   --nice N        nice value (-20 to 19, default 0) of the lab's scheduling group.
 #                   The lab's processes (daemon, floor, load reflector, capture,
 #                   manager) run in a session of their own, which the kernel
@@ -46,6 +51,7 @@ MINUTES=2
 FLOOR_SECONDS=30
 OUT=""
 NICE=0
+REALTIME=0
 RUNS=()
 
 DAEMON_NS=fib_bench
@@ -79,6 +85,7 @@ parse_arguments() {
             --floor-seconds) FLOOR_SECONDS="$2"; shift 2 ;;
             --out) OUT="$2"; shift 2 ;;
             --nice) NICE="$2"; shift 2 ;;
+            --realtime) REALTIME="$2"; shift 2 ;;
             -h|--help) usage ;;
             rss) RUNS+=("$1"); shift ;;
             [0-9]*x[0-9]*) check_shape "$1"; RUNS+=("$1"); shift ;;
@@ -92,6 +99,10 @@ parse_arguments() {
     }
     [[ "$FLOOR_SECONDS" =~ ^[1-9][0-9]*$ ]] || {
         echo "run_load.sh: --floor-seconds must be a positive number" >&2
+        exit 2
+    }
+    [[ "$REALTIME" =~ ^[0-9]+$ ]] && [ "$REALTIME" -le 99 ] || {
+        echo "run_load.sh: --realtime must be 0 to 99" >&2
         exit 2
     }
     [[ "$NICE" =~ ^-?[0-9]+$ ]] && [ "$NICE" -ge -20 ] && [ "$NICE" -le 19 ] || {
@@ -173,7 +184,7 @@ outer_main() {
     # and one scheduling group (see --nice).
     TWAMP_LOAD_INNER=1 TWAMP_PRIVATE_LTTNG=1 setsid unshare --mount --propagation private \
         bash "$0" --build "$BUILD" --minutes "$MINUTES" --floor-seconds "$FLOOR_SECONDS" \
-        --nice "$NICE" --out "$OUT" "${RUNS[@]}" &
+        --nice "$NICE" --realtime "$REALTIME" --out "$OUT" "${RUNS[@]}" &
     INNER_PID=$!
     wait "$INNER_PID" || status=$?
     INNER_PID=""
@@ -245,7 +256,7 @@ wait_for_line() {
 
 start_load_reflector() {
     local ports="$1"
-    ip netns exec "$PEER_NS" "$LOAD_REFLECTOR" --listen "$PEER_IPV4" \
+    ip netns exec "$PEER_NS" "${REALTIME_PREFIX[@]}" "$LOAD_REFLECTOR" --listen "$PEER_IPV4" \
         --base-port "$REFLECTOR_BASE_PORT" --ports "$ports" \
         >"$RUN_DIR/reflector.out" 2>"$RUN_DIR/reflector.err" &
     REFLECTOR_PID=$!
@@ -278,7 +289,7 @@ choose_first_minute() {
 
 run_floor() {
     local sessions="$1" rate="$2"
-    ip netns exec "$DAEMON_NS" "$FLOOR" --source "$DAEMON_IPV4" --source-port "$FLOOR_PORT" \
+    ip netns exec "$DAEMON_NS" "${REALTIME_PREFIX[@]}" "$FLOOR" --source "$DAEMON_IPV4" --source-port "$FLOOR_PORT" \
         --reflector "$PEER_IPV4" --base-port "$REFLECTOR_BASE_PORT" --sessions "$sessions" \
         --rate "$rate" --seconds "$FLOOR_SECONDS" 2>"$RUN_DIR/floor.err"
 }
@@ -293,7 +304,7 @@ start_daemon() {
     mkdir -p "$SA_LOG_DIR"
     : >"$SA_LOG_DIR/TnApplicationLog.log"
     : >"$SA_LOG_DIR/TnNetworkLog.log"
-    "$DAEMON" "$SERVICE" "$DAEMON_IPV4" "$DAEMON_PORT" "$DAEMON_NS" 0 >"$RUN_DIR/daemon.log" 2>&1 &
+    "${REALTIME_PREFIX[@]}" "$DAEMON" "$SERVICE" "$DAEMON_IPV4" "$DAEMON_PORT" "$DAEMON_NS" 0 >"$RUN_DIR/daemon.log" 2>&1 &
     DAEMON_PID=$!
     PIDS+=("$DAEMON_PID")
     wait_for_file "$ITC_RUNDIR/name.$SERVICE" || {
@@ -654,7 +665,7 @@ inner_main() {
     trap 'exit 143' TERM
     private_lttng_start "$OUT"
     : >"$OUT/results.txt"
-    say "machine: $(nproc) CPUs, $(grep -m1 'model name' /proc/cpuinfo | cut -d: -f2 | sed 's/^ //'), kernel $(uname -r); lab group $(cat /proc/self/autogroup)"
+    say "machine: $(nproc) CPUs, $(grep -m1 'model name' /proc/cpuinfo | cut -d: -f2 | sed 's/^ //'), kernel $(uname -r); lab group $(cat /proc/self/autogroup); SCHED_FIFO priority ${REALTIME} (0: not real-time)"
     local run status
     for run in "${RUNS[@]}"; do
         # Each run in a subshell of its own: a run that fails stops its own
@@ -679,6 +690,11 @@ inner_main() {
 }
 
 parse_arguments "$@"
+# The command prefix of the programs that run SCHED_FIFO with --realtime.
+REALTIME_PREFIX=(env)
+if [ "$REALTIME" -gt 0 ]; then
+    REALTIME_PREFIX=(chrt --fifo "$REALTIME")
+fi
 DAEMON="$BUILD/blocks/twampBl/twampTestSessionSwU/files/twampTestSession"
 LOAD_REFLECTOR="$BUILD/bench/load/load_reflector"
 MANAGER="$BUILD/bench/load/load_manager"
