@@ -189,15 +189,39 @@ TEST_F(EpollMultiplexerTest, WaitIsBoundedAndWithoutTimeout) {
     EXPECT_EQ(-1, epoll.waitTimeout);
 }
 
-// A failing wait, EINTR included, ends the loop and calls no handler.
+// A failing wait ends the loop and calls no handler.
 TEST_F(EpollMultiplexerTest, WaitFailureReturnsFalse) {
+    giveReadFds(handlerA, {4});
+    ASSERT_TRUE(mux.registerReadHandler(&handlerA));
+    readable({4});
+    epoll.waitErrno = EBADF;
+    EXPECT_CALL(handlerA, handleInput(_)).Times(0);
+
+    EXPECT_FALSE(mux.handleEvents());
+}
+
+// An interrupted wait (a stop and continue) keeps the loop running and calls no handler.
+TEST_F(EpollMultiplexerTest, InterruptedWaitKeepsTheLoop) {
     giveReadFds(handlerA, {4});
     ASSERT_TRUE(mux.registerReadHandler(&handlerA));
     readable({4});
     epoll.waitErrno = EINTR;
     EXPECT_CALL(handlerA, handleInput(_)).Times(0);
 
-    EXPECT_FALSE(mux.handleEvents());
+    EXPECT_TRUE(mux.handleEvents());
+}
+
+// After an interrupted wait the next wake-up serves the ready descriptor.
+TEST_F(EpollMultiplexerTest, ReadyDescriptorServedAfterInterruptedWait) {
+    giveReadFds(handlerA, {4});
+    ASSERT_TRUE(mux.registerReadHandler(&handlerA));
+    readable({4});
+    epoll.waitErrno = EINTR;
+    ASSERT_TRUE(mux.handleEvents());
+    epoll.waitErrno = 0;
+    EXPECT_CALL(handlerA, handleInput(4)).WillOnce(Return(true));
+
+    EXPECT_TRUE(mux.handleEvents());
 }
 
 // Every ready descriptor is served in one wake-up, in the order reported.

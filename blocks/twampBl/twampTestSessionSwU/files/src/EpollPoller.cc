@@ -91,8 +91,10 @@ bool EpollPoller::wait(std::vector<IoReadiness>& ready) {
     // No time-out: all timing comes from timerfd descriptors.
     const int count = systemCalls.epollWait(epollFd, events.data(), kMaxEventsPerWait, -1);
     if (count < 0) {
-        // Any failure, EINTR included, ends the loop of the process.
-        return false;
+        // A stop and continue (a debugger, a paused container) or a handled
+        // signal interrupts the wait without anything being ready; the loop
+        // goes on. Any other failure ends the loop of the process.
+        return errno == EINTR;
     }
     for (int i = 0; i < count; ++i) {
         ready.push_back({events[i].data.fd, fromEpollEvents(events[i].events)});
