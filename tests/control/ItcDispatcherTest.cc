@@ -239,6 +239,45 @@ TEST_F(ItcDispatcherTest, InitFailure) {
     EXPECT_EQ(std::set<int>{}, dispatcher.getReadFds());
 }
 
+// A mailbox name already taken by a live daemon fails init: the failing call
+// is traced with its errno, and nothing is watched.
+TEST_F(ItcDispatcherTest, InitFailsWhenMailboxNameIsTaken) {
+    FakeItc::failCreateMailbox(EEXIST);
+    EXPECT_CALL(env.multiplexer, registerReadHandler(_)).Times(0);
+    EXPECT_FALSE(dispatcher.init("twamp_1"));
+    EXPECT_EQ(std::vector<std::string>{"init(): Failed itc_create_mailbox twamp_1: errno 17 - "
+                                       "File exists"},
+              TraceRecorder::twampMessages("ERROR"));
+    EXPECT_EQ(std::set<int>{}, dispatcher.getReadFds());
+}
+
+// A failed init leaves errno as the failing call set it, for the caller's report.
+TEST_F(ItcDispatcherTest, InitFailureKeepsErrno) {
+    FakeItc::failCreateMailbox(EACCES);
+    errno = 0;
+    EXPECT_FALSE(dispatcher.init("twamp_1"));
+    EXPECT_EQ(EACCES, errno);
+}
+
+// A mailbox that has no descriptor fails init, traced with the call's errno.
+TEST_F(ItcDispatcherTest, InitFailsWithoutMailboxDescriptor) {
+    FakeItc::setFd(-1);
+    EXPECT_CALL(env.multiplexer, registerReadHandler(_)).Times(0);
+    EXPECT_FALSE(dispatcher.init("twamp_1"));
+    EXPECT_EQ(std::vector<std::string>{"init(): Failed itc_get_fd: errno 9 - Bad file descriptor"},
+              TraceRecorder::twampMessages("ERROR"));
+}
+
+// A dispatcher whose mailbox could not be created deletes none when destroyed.
+TEST_F(ItcDispatcherTest, DestructorAfterFailedMailboxCreation) {
+    FakeItc::failCreateMailbox(EEXIST);
+    auto local = std::make_unique<ItcDispatcher>(&factory);
+    EXPECT_FALSE(local->init("twamp_1"));
+    EXPECT_CALL(env.multiplexer, removeReadHandler(_)).Times(0);
+    local.reset();
+    EXPECT_TRUE(FakeItc::deletedMailboxes().empty());
+}
+
 // A dispatcher that opened its mailbox leaves the multiplexer and deletes the mailbox.
 TEST_F(ItcDispatcherTest, DestructorAfterInit) {
     auto local = std::make_unique<ItcDispatcher>(&factory);

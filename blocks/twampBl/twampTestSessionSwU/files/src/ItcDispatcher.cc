@@ -20,6 +20,8 @@ namespace {
 
 // Refusals found in a helper are traced on behalf of the signal's handler.
 constexpr const char* kCreateHandler = "handleTwtsiCreateTwampTestSession";
+// The opening of the mailbox is traced on behalf of start-up's call.
+constexpr const char* kInit = "init";
 
 // Operator-log records of a refused create: severity error, application log.
 constexpr SaLogSeverityT kRefusalLogSeverity = SA_LOG_SEV_ERROR;
@@ -170,13 +172,41 @@ std::set<int> ItcDispatcher::getReadFds() const {
 
 bool ItcDispatcher::init(const std::string& serviceName) {
     if (itc_init(1, 0, nullptr, nullptr, 0) != 0) {
+        const int error = errno;
         TRACE_ERROR("Failed to initialize ITC");
+        errno = error;
         return false;
     }
-    mailboxId = itc_create_mailbox(serviceName.c_str(), 0);
-    itcFd = itc_get_fd();
+    if (!openMailbox(serviceName)) {
+        return false;
+    }
     readFds.insert(itcFd);
     return TwampTestSessionController::getInstance()->getIoMultiplexer().registerReadHandler(this);
+}
+
+// A daemon without its mailbox would run deaf, looking alive: a name that a
+// live daemon holds (EEXIST) or a run directory it may not write (EACCES)
+// ends init here, and start-up treats it as fatal.
+bool ItcDispatcher::openMailbox(const std::string& serviceName) {
+    const itc_mbox_id_t id = itc_create_mailbox(serviceName.c_str(), 0);
+    if (id == ITC_NO_ID) {
+        const int error = errno;
+        TRACE_ERROR_AS(kInit, "Failed itc_create_mailbox %s: errno %d - %s", serviceName.c_str(),
+                       error, strerror(error));
+        errno = error;
+        return false;
+    }
+    const int fd = itc_get_fd();
+    if (fd < 0) {
+        const int error = errno;
+        TRACE_ERROR_AS(kInit, "Failed itc_get_fd: errno %d - %s", error, strerror(error));
+        itc_delete_mailbox(id);
+        errno = error;
+        return false;
+    }
+    mailboxId = id;
+    itcFd = fd;
+    return true;
 }
 
 bool ItcDispatcher::handleInput(int /*fd*/) {

@@ -33,13 +33,17 @@ class ItcDispatcher : public IoHandler {
     bool handleInput(int fd) override;
 
     // Opens the mailbox serviceName and registers with the multiplexer;
-    // false (traced) when ITC cannot be initialised.
+    // false (traced, errno as the failing call left it) when ITC cannot be
+    // initialised, the mailbox cannot be created (its name is taken, the run
+    // directory is not writable) or its descriptor cannot be watched.
     virtual bool init(const std::string& serviceName);
     // Fills a held counters reply from the session's last completed interval
     // and sends it to the requester stored last; nothing while it is not ready.
     virtual void sendPmCountersReply(TwampTestSession* session, union itc_msg* reply);
 
   private:
+    // Creates the mailbox and takes its descriptor; false, traced, errno kept.
+    bool openMailbox(const std::string& serviceName);
     void dispatch(union itc_msg* signal);
     void handleTwtsiCreateTwampTestSession(union itc_msg* signal);
     void handleTwtsiDeleteTwampTestSession(union itc_msg* signal);
