@@ -328,6 +328,18 @@ TEST_F(ItcDispatcherTest, EmptyReceiveOtherErrno) {
     EXPECT_TRUE(TraceRecorder::twampMessages("INFO").empty());
 }
 
+// A readable mailbox whose receive finds nothing valid (a datagram that was no
+// ITC signal, discarded by the receive) is traced at LAB, not as an exception.
+TEST_F(ItcDispatcherTest, EmptyReceiveAgainIsDrainedAtLab) {
+    FakeItc::queueEmptyReceive(EAGAIN);
+    EXPECT_TRUE(dispatcher.handleInput(42));
+    EXPECT_EQ(std::vector<std::string>{"handleInput(): No valid ITC message to receive, errno: "
+                                       "11(Resource temporarily unavailable)"},
+              TraceRecorder::twampMessages("LAB"));
+    EXPECT_TRUE(TraceRecorder::twampMessages("EXCEPTION").empty());
+    EXPECT_EQ(1u, FakeItc::receiveCalls().size());
+}
+
 // A signal of another number is freed with no reply and no trace.
 TEST_F(ItcDispatcherTest, UnknownSignalFreedSilently) {
     const uint32_t signal[2] = {0x01A11402u, 0};

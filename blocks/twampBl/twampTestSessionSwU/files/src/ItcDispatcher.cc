@@ -20,7 +20,9 @@ namespace {
 
 // Refusals found in a helper are traced on behalf of the signal's handler.
 constexpr const char* kCreateHandler = "handleTwtsiCreateTwampTestSession";
-// The opening of the mailbox is traced on behalf of start-up's call.
+// Receives are traced on behalf of the loop's entry into the dispatcher, the
+// opening of the mailbox on behalf of start-up's call.
+constexpr const char* kHandleInput = "handleInput";
 constexpr const char* kInit = "init";
 
 // Operator-log records of a refused create: severity error, application log.
@@ -213,17 +215,27 @@ bool ItcDispatcher::handleInput(int /*fd*/) {
     ReceivedSignal signal(itc_receive(ITC_NOFILTER, 0, ITC_FROM_ALL));
     const int receiveErrno = errno;
     if (!signal) {
-        // An empty receive with ETIMEDOUT is how the mailbox reports a clock jump.
-        if (receiveErrno == ETIMEDOUT) {
-            TRACE_INFO("ITC time travel detected");
-        } else {
-            TRACE_EXCEPTION("Got NULL ITC message, errno: %d(%s)", receiveErrno,
-                            strerror(receiveErrno));
-        }
+        traceEmptyReceive(receiveErrno);
         return true;
     }
     dispatch(signal.get());
     return true;
+}
+
+void ItcDispatcher::traceEmptyReceive(int receiveErrno) {
+    if (receiveErrno == ETIMEDOUT) {
+        // An empty receive with ETIMEDOUT is how the mailbox reports a clock jump.
+        TRACE_INFO_AS(kHandleInput, "ITC time travel detected");
+    } else if (receiveErrno == EAGAIN) {
+        // The descriptor was readable for a datagram that was no ITC
+        // signal, which the receive has just discarded: the mailbox is
+        // drained and nothing is wrong with the daemon.
+        TRACE_LAB_AS(kHandleInput, "No valid ITC message to receive, errno: %d(%s)", receiveErrno,
+                     strerror(receiveErrno));
+    } else {
+        TRACE_EXCEPTION_AS(kHandleInput, "Got NULL ITC message, errno: %d(%s)", receiveErrno,
+                           strerror(receiveErrno));
+    }
 }
 
 void ItcDispatcher::sendPmCountersReply(TwampTestSession* session, union itc_msg* reply) {

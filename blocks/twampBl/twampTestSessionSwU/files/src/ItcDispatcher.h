@@ -44,6 +44,8 @@ class ItcDispatcher : public IoHandler {
   private:
     // Creates the mailbox and takes its descriptor; false, traced, errno kept.
     bool openMailbox(const std::string& serviceName);
+    // Traces a receive that gave no signal, on behalf of handleInput.
+    static void traceEmptyReceive(int receiveErrno);
     void dispatch(union itc_msg* signal);
     void handleTwtsiCreateTwampTestSession(union itc_msg* signal);
     void handleTwtsiDeleteTwampTestSession(union itc_msg* signal);
