@@ -340,6 +340,79 @@ TEST_F(ItcDispatcherTest, EmptyReceiveAgainIsDrainedAtLab) {
     EXPECT_EQ(1u, FakeItc::receiveCalls().size());
 }
 
+// The empty receive that ends a wake-up after signals were taken is not traced.
+TEST_F(ItcDispatcherTest, EmptyReceiveAfterSignalsIsSilent) {
+    const uint32_t signal[2] = {0x01A11402u, 0};
+    FakeItc::queueSignal(signal, sizeof(signal), kManager);
+    FakeItc::queueSignal(signal, sizeof(signal), kManager);
+    EXPECT_TRUE(dispatcher.handleInput(42));
+    EXPECT_EQ(3u, FakeItc::receiveCalls().size());
+    EXPECT_TRUE(TraceRecorder::records().empty());
+}
+
+// One wake-up takes the waiting signals in order up to the bound of 64.
+TEST_F(ItcDispatcherTest, OneWakeUpTakesAtMostTheBound) {
+    std::vector<uint32_t> numbers;
+    for (uint32_t index = 0; index < 100; ++index) {
+        const uint32_t signal[2] = {0x7E000000u + index, 0};
+        FakeItc::queueSignal(signal, sizeof(signal), kManager);
+        numbers.push_back(signal[0]);
+    }
+    EXPECT_TRUE(dispatcher.handleInput(42));
+    EXPECT_EQ(64u, FakeItc::receiveCalls().size());
+    EXPECT_EQ(std::vector<uint32_t>(numbers.begin(), numbers.begin() + 64),
+              FakeItc::freedSignalNumbers());
+}
+
+// Signals beyond the bound are taken at the next wake-up: none is lost.
+TEST_F(ItcDispatcherTest, SignalsBeyondTheBoundTakenNextWakeUp) {
+    std::vector<uint32_t> numbers;
+    for (uint32_t index = 0; index < 100; ++index) {
+        const uint32_t signal[2] = {0x7E000000u + index, 0};
+        FakeItc::queueSignal(signal, sizeof(signal), kManager);
+        numbers.push_back(signal[0]);
+    }
+    EXPECT_TRUE(dispatcher.handleInput(42));
+    EXPECT_TRUE(dispatcher.handleInput(42));
+    EXPECT_EQ(numbers, FakeItc::freedSignalNumbers());
+    // 64, then 36 and the empty receive that ends the second wake-up.
+    EXPECT_EQ(101u, FakeItc::receiveCalls().size());
+    EXPECT_EQ(0u, FakeItc::liveSignals());
+    EXPECT_TRUE(TraceRecorder::records().empty());
+}
+
+// Creates beyond the bound start their sessions at the next wake-up.
+TEST_F(ItcDispatcherTest, CreatesBeyondTheBoundAllRegistered) {
+    EXPECT_CALL(factory, createTwampTestSession(_, _, _, _, _, _, _, _, _))
+        .Times(70)
+        .WillRepeatedly(Invoke([this](const char*, const char*, uint32_t, uint32_t, uint32_t,
+                                      int32_t, uint32_t, uint32_t, uint32_t) {
+            sessions.push_back(std::make_unique<NiceMock<MockTwampTestSession>>(clock));
+            return sessions.back().get();
+        }));
+    EXPECT_CALL(env.controller, addTwampTestSession(_, _)).Times(70);
+    for (uint8_t index = 0; index < 70; ++index) {
+        FakeItc::queueSignal(createSignal(makeKey(index)), kManager);
+    }
+    dispatcher.handleInput(42);
+    EXPECT_EQ(64u, FakeItc::freedSignalNumbers().size());
+    dispatcher.handleInput(42);
+    EXPECT_EQ(70u, FakeItc::freedSignalNumbers().size());
+}
+
+// A time travel report ends the wake-up; the signals behind it wait for the next.
+TEST_F(ItcDispatcherTest, TimeTravelEndsTheWakeUp) {
+    const uint32_t signal[2] = {0x01A11402u, 0};
+    FakeItc::queueSignal(signal, sizeof(signal), kManager);
+    FakeItc::queueEmptyReceive(ETIMEDOUT);
+    FakeItc::queueSignal(signal, sizeof(signal), kManager);
+    EXPECT_TRUE(dispatcher.handleInput(42));
+    EXPECT_EQ(2u, FakeItc::receiveCalls().size());
+    EXPECT_EQ(1u, FakeItc::freedSignalNumbers().size());
+    EXPECT_EQ(std::vector<std::string>{"handleInput(): ITC time travel detected"},
+              TraceRecorder::twampMessages("INFO"));
+}
+
 // A signal of another number is freed with no reply and no trace.
 TEST_F(ItcDispatcherTest, UnknownSignalFreedSilently) {
     const uint32_t signal[2] = {0x01A11402u, 0};

@@ -212,26 +212,32 @@ bool ItcDispatcher::openMailbox(const std::string& serviceName) {
 }
 
 bool ItcDispatcher::handleInput(int /*fd*/) {
-    ReceivedSignal signal(itc_receive(ITC_NOFILTER, 0, ITC_FROM_ALL));
-    const int receiveErrno = errno;
-    if (!signal) {
-        traceEmptyReceive(receiveErrno);
-        return true;
+    for (int taken = 0; taken < kMaxSignalsPerWakeUp; ++taken) {
+        ReceivedSignal signal(itc_receive(ITC_NOFILTER, 0, ITC_FROM_ALL));
+        const int receiveErrno = errno;
+        if (!signal) {
+            traceEmptyReceive(receiveErrno, taken == 0);
+            return true;
+        }
+        dispatch(signal.get());
     }
-    dispatch(signal.get());
+    // Signals left over keep the descriptor readable: the loop comes back.
     return true;
 }
 
-void ItcDispatcher::traceEmptyReceive(int receiveErrno) {
+void ItcDispatcher::traceEmptyReceive(int receiveErrno, bool firstOfWakeUp) {
     if (receiveErrno == ETIMEDOUT) {
         // An empty receive with ETIMEDOUT is how the mailbox reports a clock jump.
         TRACE_INFO_AS(kHandleInput, "ITC time travel detected");
     } else if (receiveErrno == EAGAIN) {
-        // The descriptor was readable for a datagram that was no ITC
-        // signal, which the receive has just discarded: the mailbox is
+        // The normal end of a wake-up that took signals. As its first
+        // receive, the descriptor was readable for a datagram that was no
+        // ITC signal, which the receive has just discarded: the mailbox is
         // drained and nothing is wrong with the daemon.
-        TRACE_LAB_AS(kHandleInput, "No valid ITC message to receive, errno: %d(%s)", receiveErrno,
-                     strerror(receiveErrno));
+        if (firstOfWakeUp) {
+            TRACE_LAB_AS(kHandleInput, "No valid ITC message to receive, errno: %d(%s)",
+                         receiveErrno, strerror(receiveErrno));
+        }
     } else {
         TRACE_EXCEPTION_AS(kHandleInput, "Got NULL ITC message, errno: %d(%s)", receiveErrno,
                            strerror(receiveErrno));
