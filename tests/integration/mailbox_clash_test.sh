@@ -65,9 +65,10 @@ check "the restart request names the mailbox and the reason" \
     grep -qF "message=\"Unable to open mailbox '$SERVICE': File exists.\"" "$QRN_NG_RESTART_LOG"
 check "exactly one restart request" [ "$(wc -l <"$QRN_NG_RESTART_LOG")" -eq 1 ]
 check "the first daemon is still running" kill -0 "$FIRST_PID"
-check "the first daemon still answers" "$CTL" --service "$SERVICE" counters --id after --csv
-check "the name entry still leads to the first daemon's mailbox" \
-    "$CTL" --service "$SERVICE" --timeout 2 counters --id again --json
+first_answers() {
+    "$CTL" --service "$SERVICE" --timeout 2 counters --id after --csv >/dev/null
+}
+check "the first daemon still answers through the name entry" first_answers
 
 kill -TERM "$FIRST_PID"
 wait "$FIRST_PID" 2>/dev/null || true
