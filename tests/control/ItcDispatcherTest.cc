@@ -709,6 +709,28 @@ TEST_F(ItcDispatcherRefusalTest, SessionWithoutDescriptorRefused) {
     expectRefusalRecord("timerfd_create failed: Too many open files");
 }
 
+// A session whose packet timer the event loop cannot watch is refused the
+// same way: destroyed, not registered, traced and logged with the reason.
+TEST_F(ItcDispatcherRefusalTest, SessionWhoseTimerCannotBeWatchedRefused) {
+    auto* session = new NiceMock<MockTwampTestSession>(clock);
+    EXPECT_CALL(factory, createTwampTestSession(_, _, _, _, _, _, _, _, _))
+        .WillOnce(Return(session));
+    EXPECT_CALL(*session, init()).WillOnce(Return(false));
+    ON_CALL(*session, getDescriptorFailure())
+        .WillByDefault(Return("the event loop cannot watch its packet timer"));
+    EXPECT_CALL(*session, destroyed());
+    EXPECT_CALL(env.controller, addTwampTestSession(_, _)).Times(0);
+
+    handleCreate([](twtsiCreateTwampTestSession&) {});
+
+    EXPECT_EQ(std::vector<std::string>{"handleTwtsiCreateTwampTestSession(): Session "
+                                       "0102030405060708090a0b0c0d0e0f10 for dstIpAddress "
+                                       "192.0.2.7, dstUdpPort 862 refused: the event loop "
+                                       "cannot watch its packet timer"},
+              TraceRecorder::twampMessages("ERROR"));
+    expectRefusalRecord("the event loop cannot watch its packet timer");
+}
+
 // A session whose init failed for another reason is registered, without a record.
 TEST_F(ItcDispatcherRefusalTest, OtherInitFailureStillRegistered) {
     MockTwampTestSession& session = expectCreate();
