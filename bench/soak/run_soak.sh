@@ -26,7 +26,9 @@
 # CSV columns (soak.csv): utc, minute (since the sessions started), rss_kib,
 # fds, cpu_s (daemon user + system since start), cpu_pct (over the last
 # minute), sent and answered (all sessions, the minute before the sample),
-# reporting (sessions whose counters came).
+# reporting (sessions whose counters came), rcvbuf_errors (datagrams the
+# daemon's namespace dropped at a full socket receive buffer since it was
+# made: replies lost before the daemon read them).
 set -euo pipefail
 
 ROOT="$(cd "$(dirname "$0")/../.." && pwd)"
@@ -169,6 +171,7 @@ start_daemon() {
     local attempt
     for attempt in $(seq 1 100); do
         [ -e "$ITC_RUNDIR/name.$SERVICE" ] && return 0
+        [ "$attempt" -lt 100 ] || break
         sleep 0.1
     done
     return 1
@@ -194,6 +197,14 @@ cpu_seconds() {
         "/proc/$DAEMON_PID/stat"
 }
 
+# Datagrams the daemon's namespace dropped at a full receive buffer
+# (RcvbufErrors of /proc/net/snmp).
+receive_buffer_errors() {
+    ip netns exec "$DAEMON_NS" cat /proc/net/snmp | awk '
+        $1 == "Udp:" && !named { for (i = 2; i <= NF; i++) column[$i] = i; named = 1; next }
+        $1 == "Udp:" { print $column["RcvbufErrors"] }'
+}
+
 # Sum of counter NAME in minute bin BIN over every session of the CSV.
 sum_counter() {
     awk -F, -v name="$1" -v column=$(($2 + 4)) '
@@ -217,7 +228,7 @@ sample() {
     line="$(date -u +%Y-%m-%dT%H:%M:%SZ),$index,$(resident_kib),$(descriptors),$cpu"
     line="$line,$(awk -v a="$previous_cpu" -v b="$cpu" 'BEGIN { printf "%.1f", 100 * (b - a) / 60 }')"
     line="$line,$(sum_counter sentPkts "$bin" "$csv"),$(sum_counter receivedPkts "$bin" "$csv")"
-    line="$line,$(awk -F, '$2 == "sentPkts"' "$csv" | wc -l)"
+    line="$line,$(awk -F, '$2 == "sentPkts"' "$csv" | wc -l),$(receive_buffer_errors)"
     echo "$line" >>"$OUT/soak.csv"
     say "sample $index: $line"
     LAST_CPU="$cpu"
@@ -225,7 +236,7 @@ sample() {
 
 summary() {
     awk -F, -v sessions="$SESSIONS" -v rate="$RATE" 'NR == 1 { next }
-        { rows++; if (rows == 1) { rss0 = $3; fd0 = $4 } rss = $3; fd = $4; cpu += $6
+        { rows++; if (rows == 1) { rss0 = $3; fd0 = $4 } rss = $3; fd = $4; cpu += $6; rcv = $10
           if ($7 != $8) differ++; if ($9 != sessions) short++; expected = sessions * rate * 60
           if ($7 != expected) unexpected++ }
         END {
@@ -234,7 +245,8 @@ summary() {
           printf "fds first=%d last=%d\n", fd0, fd
           printf "cpu_pct average=%.1f\n", rows ? cpu / rows : 0
           printf "minutes answered!=sent: %d; sent!=%d: %d; counters missing: %d\n",
-                 differ, expected, unexpected, short }' "$OUT/soak.csv" | tee "$OUT/summary.txt"
+                 differ, expected, unexpected, short
+          printf "rcvbuf_errors at the end: %d\n", rcv }' "$OUT/soak.csv" | tee "$OUT/summary.txt"
 }
 
 inner_main() {
@@ -249,7 +261,7 @@ inner_main() {
     manage create --dst "$PEER_IPV4" --base-port "$REFLECTOR_BASE_PORT" --rate "$RATE" \
         >"$OUT/create.out"
     say "created: $(cat "$OUT/create.out")"
-    echo "utc,minute,rss_kib,fds,cpu_s,cpu_pct,sent,answered,reporting" >"$OUT/soak.csv"
+    echo "utc,minute,rss_kib,fds,cpu_s,cpu_pct,sent,answered,reporting,rcvbuf_errors" >"$OUT/soak.csv"
     # The sessions start at the next whole minute; the first sample is taken
     # once that minute has been finalised.
     local first_minute=$((($(date +%s) + 59) / 60)) index

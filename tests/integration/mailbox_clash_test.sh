@@ -81,7 +81,7 @@ check "trace: the failing mailbox creation at ERROR" \
 # babeltrace2 shows the quotes of the message escaped (\').
 clash_traced() {
     grep -F 'com_quorin_tn_twamp:ERROR:' "$WORK/events.txt" |
-        grep -qE "main\(\): Unable to open mailbox [\\]?'$SERVICE[\\]?': File exists\."
+        grep -qE "main\(\): Unable to open mailbox [\\]?'${SERVICE}[\\]?': File exists\."
 }
 check "trace: the fatal start-up failure at ERROR, from main" clash_traced
 
