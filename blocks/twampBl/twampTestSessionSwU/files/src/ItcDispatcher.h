@@ -3,9 +3,9 @@
 // init() opens the mailbox under the service name and registers its
 // descriptor with the multiplexer; each readable event takes the waiting
 // signals, a bounded number of them, turns each into calls on the controller
-// and frees it. The dispatcher
-// is the only sender of counters replies, also of a reply that a session
-// holds until its last completed interval is finalised.
+// and frees it. The dispatcher is the only sender of counters replies, also
+// of a reply that a session holds until its last completed interval is
+// finalised.
 #ifndef TWAMP_ITC_DISPATCHER_H
 #define TWAMP_ITC_DISPATCHER_H
 
