@@ -97,6 +97,21 @@ stranger_refused counters --timeout 2 counters --id member
 check "stranger cannot reach the socket itself" \
     bash -c "! setpriv --reuid=nobody --regid=nogroup --clear-groups test -w '$ITC_RUNDIR/$socket'"
 
+# A member's datagram that is no ITC signal: the daemon drains it with a LAB
+# trace, not an exception, and answers on.
+garbage() {
+    setpriv --reuid=nobody --regid=nogroup --groups="$(getent group "$GROUP" | cut -d: -f3)" \
+        /usr/bin/python3 -c 'import socket, sys
+s = socket.socket(socket.AF_UNIX, socket.SOCK_DGRAM)
+s.sendto(b"no ITC signal", sys.argv[1])' "$ITC_RUNDIR/$socket"
+}
+# Datagrams waiting on the mailbox socket (its Recv-Q).
+mailbox_queue_empty() {
+    [ "$(ss -Hxa | awk -v path="$ITC_RUNDIR/$socket" '$5 == path { print $3 }')" = 0 ]
+}
+check "a member sends a datagram that is no signal" garbage
+check "the daemon drains it" wait_for 10 mailbox_queue_empty
+
 # The member's signal behind the strangers' attempts: handled, so theirs would have been too.
 check "a member still reads counters" member_reads member
 check "nothing of the stranger's reached the daemon: no new session" \
@@ -114,6 +129,9 @@ count_of() {
 check "trace: one create, the member's" \
     [ "$(count_of 'Received twtsiCreateTwampTestSession')" -eq 1 ]
 check "trace: no delete" [ "$(count_of 'Received twtsiDeleteTwampTestSession')" -eq 0 ]
+check "trace: the datagram that was no signal drained at LAB" \
+    [ "$(count_of 'No valid ITC message to receive, errno: 11')" -eq 1 ]
+check "trace: no EXCEPTION" [ "$(count_of 'com_quorin_tn_twamp:EXCEPTION')" -eq 0 ]
 # ready (root), then ready and member (the member).
 check "trace: three counters requests, none of the stranger's" \
     [ "$(count_of 'Received twtsiGetTwampTestSessionPmCountersReq')" -eq 3 ]
