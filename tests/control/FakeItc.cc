@@ -29,6 +29,7 @@ struct FakeItcState {
     itc_mbox_id_t mailboxId = kDefaultMailboxId;
     int fd = kDefaultFd;
     int allocErrno = 0;
+    int createMailboxErrno = 0;
     std::map<const union itc_msg*, SignalInfo> live;
     std::deque<QueuedReceive> queue;
     std::vector<FakeItcInitCall> initCalls;
@@ -84,6 +85,10 @@ void FakeItc::setMailboxId(itc_mbox_id_t id) {
 
 void FakeItc::setFd(int fd) {
     state().fd = fd;
+}
+
+void FakeItc::failCreateMailbox(int errorNumber) {
+    state().createMailboxErrno = errorNumber;
 }
 
 void FakeItc::failNextAlloc(int errorNumber) {
@@ -155,6 +160,10 @@ int itc_init(int32_t mailbox_count, int32_t alloc_scheme, const void* scheme_par
 
 itc_mbox_id_t itc_create_mailbox(const char* name, uint32_t /*flags*/) {
     twamp_test::state().createdMailboxes.push_back(name);
+    if (twamp_test::state().createMailboxErrno != 0) {
+        errno = twamp_test::state().createMailboxErrno;
+        return ITC_NO_ID;
+    }
     return twamp_test::state().mailboxId;
 }
 
@@ -172,6 +181,9 @@ itc_mbox_id_t itc_current_mbox(void) {
 }
 
 int itc_get_fd(void) {
+    if (twamp_test::state().fd < 0) {
+        errno = EBADF;
+    }
     return twamp_test::state().fd;
 }
 

@@ -53,6 +53,9 @@ class FakeItc {
     static void setMailboxId(itc_mbox_id_t id);
     // What itc_get_fd returns.
     static void setFd(int fd);
+    // Makes itc_create_mailbox fail: ITC_NO_ID with errno set to errorNumber
+    // (0: it succeeds again).
+    static void failCreateMailbox(int errorNumber);
 
     // Makes the next itc_alloc return NULL with errno set to errorNumber.
     static void failNextAlloc(int errorNumber);

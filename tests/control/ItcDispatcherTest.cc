@@ -239,6 +239,45 @@ TEST_F(ItcDispatcherTest, InitFailure) {
     EXPECT_EQ(std::set<int>{}, dispatcher.getReadFds());
 }
 
+// A mailbox name already taken by a live daemon fails init: the failing call
+// is traced with its errno, and nothing is watched.
+TEST_F(ItcDispatcherTest, InitFailsWhenMailboxNameIsTaken) {
+    FakeItc::failCreateMailbox(EEXIST);
+    EXPECT_CALL(env.multiplexer, registerReadHandler(_)).Times(0);
+    EXPECT_FALSE(dispatcher.init("twamp_1"));
+    EXPECT_EQ(std::vector<std::string>{"init(): Failed itc_create_mailbox twamp_1: errno 17 - "
+                                       "File exists"},
+              TraceRecorder::twampMessages("ERROR"));
+    EXPECT_EQ(std::set<int>{}, dispatcher.getReadFds());
+}
+
+// A failed init leaves errno as the failing call set it, for the caller's report.
+TEST_F(ItcDispatcherTest, InitFailureKeepsErrno) {
+    FakeItc::failCreateMailbox(EACCES);
+    errno = 0;
+    EXPECT_FALSE(dispatcher.init("twamp_1"));
+    EXPECT_EQ(EACCES, errno);
+}
+
+// A mailbox that has no descriptor fails init, traced with the call's errno.
+TEST_F(ItcDispatcherTest, InitFailsWithoutMailboxDescriptor) {
+    FakeItc::setFd(-1);
+    EXPECT_CALL(env.multiplexer, registerReadHandler(_)).Times(0);
+    EXPECT_FALSE(dispatcher.init("twamp_1"));
+    EXPECT_EQ(std::vector<std::string>{"init(): Failed itc_get_fd: errno 9 - Bad file descriptor"},
+              TraceRecorder::twampMessages("ERROR"));
+}
+
+// A dispatcher whose mailbox could not be created deletes none when destroyed.
+TEST_F(ItcDispatcherTest, DestructorAfterFailedMailboxCreation) {
+    FakeItc::failCreateMailbox(EEXIST);
+    auto local = std::make_unique<ItcDispatcher>(&factory);
+    EXPECT_FALSE(local->init("twamp_1"));
+    EXPECT_CALL(env.multiplexer, removeReadHandler(_)).Times(0);
+    local.reset();
+    EXPECT_TRUE(FakeItc::deletedMailboxes().empty());
+}
+
 // A dispatcher that opened its mailbox leaves the multiplexer and deletes the mailbox.
 TEST_F(ItcDispatcherTest, DestructorAfterInit) {
     auto local = std::make_unique<ItcDispatcher>(&factory);
@@ -287,6 +326,91 @@ TEST_F(ItcDispatcherTest, EmptyReceiveOtherErrno) {
                                        "descriptor)"},
               TraceRecorder::twampMessages("EXCEPTION"));
     EXPECT_TRUE(TraceRecorder::twampMessages("INFO").empty());
+}
+
+// A readable mailbox whose receive finds nothing valid (a datagram that was no
+// ITC signal, discarded by the receive) is traced at LAB, not as an exception.
+TEST_F(ItcDispatcherTest, EmptyReceiveAgainIsDrainedAtLab) {
+    FakeItc::queueEmptyReceive(EAGAIN);
+    EXPECT_TRUE(dispatcher.handleInput(42));
+    EXPECT_EQ(std::vector<std::string>{"handleInput(): No valid ITC message to receive, errno: "
+                                       "11(Resource temporarily unavailable)"},
+              TraceRecorder::twampMessages("LAB"));
+    EXPECT_TRUE(TraceRecorder::twampMessages("EXCEPTION").empty());
+    EXPECT_EQ(1u, FakeItc::receiveCalls().size());
+}
+
+// The empty receive that ends a wake-up after signals were taken is not traced.
+TEST_F(ItcDispatcherTest, EmptyReceiveAfterSignalsIsSilent) {
+    const uint32_t signal[2] = {0x01A11402u, 0};
+    FakeItc::queueSignal(signal, sizeof(signal), kManager);
+    FakeItc::queueSignal(signal, sizeof(signal), kManager);
+    EXPECT_TRUE(dispatcher.handleInput(42));
+    EXPECT_EQ(3u, FakeItc::receiveCalls().size());
+    EXPECT_TRUE(TraceRecorder::records().empty());
+}
+
+// One wake-up takes the waiting signals in order up to the bound of 64.
+TEST_F(ItcDispatcherTest, OneWakeUpTakesAtMostTheBound) {
+    std::vector<uint32_t> numbers;
+    for (uint32_t index = 0; index < 100; ++index) {
+        const uint32_t signal[2] = {0x7E000000u + index, 0};
+        FakeItc::queueSignal(signal, sizeof(signal), kManager);
+        numbers.push_back(signal[0]);
+    }
+    EXPECT_TRUE(dispatcher.handleInput(42));
+    EXPECT_EQ(64u, FakeItc::receiveCalls().size());
+    EXPECT_EQ(std::vector<uint32_t>(numbers.begin(), numbers.begin() + 64),
+              FakeItc::freedSignalNumbers());
+}
+
+// Signals beyond the bound are taken at the next wake-up: none is lost.
+TEST_F(ItcDispatcherTest, SignalsBeyondTheBoundTakenNextWakeUp) {
+    std::vector<uint32_t> numbers;
+    for (uint32_t index = 0; index < 100; ++index) {
+        const uint32_t signal[2] = {0x7E000000u + index, 0};
+        FakeItc::queueSignal(signal, sizeof(signal), kManager);
+        numbers.push_back(signal[0]);
+    }
+    EXPECT_TRUE(dispatcher.handleInput(42));
+    EXPECT_TRUE(dispatcher.handleInput(42));
+    EXPECT_EQ(numbers, FakeItc::freedSignalNumbers());
+    // 64, then 36 and the empty receive that ends the second wake-up.
+    EXPECT_EQ(101u, FakeItc::receiveCalls().size());
+    EXPECT_EQ(0u, FakeItc::liveSignals());
+    EXPECT_TRUE(TraceRecorder::records().empty());
+}
+
+// Creates beyond the bound start their sessions at the next wake-up.
+TEST_F(ItcDispatcherTest, CreatesBeyondTheBoundAllRegistered) {
+    EXPECT_CALL(factory, createTwampTestSession(_, _, _, _, _, _, _, _, _))
+        .Times(70)
+        .WillRepeatedly(Invoke([this](const char*, const char*, uint32_t, uint32_t, uint32_t,
+                                      int32_t, uint32_t, uint32_t, uint32_t) {
+            sessions.push_back(std::make_unique<NiceMock<MockTwampTestSession>>(clock));
+            return sessions.back().get();
+        }));
+    EXPECT_CALL(env.controller, addTwampTestSession(_, _)).Times(70);
+    for (uint8_t index = 0; index < 70; ++index) {
+        FakeItc::queueSignal(createSignal(makeKey(index)), kManager);
+    }
+    dispatcher.handleInput(42);
+    EXPECT_EQ(64u, FakeItc::freedSignalNumbers().size());
+    dispatcher.handleInput(42);
+    EXPECT_EQ(70u, FakeItc::freedSignalNumbers().size());
+}
+
+// A time travel report ends the wake-up; the signals behind it wait for the next.
+TEST_F(ItcDispatcherTest, TimeTravelEndsTheWakeUp) {
+    const uint32_t signal[2] = {0x01A11402u, 0};
+    FakeItc::queueSignal(signal, sizeof(signal), kManager);
+    FakeItc::queueEmptyReceive(ETIMEDOUT);
+    FakeItc::queueSignal(signal, sizeof(signal), kManager);
+    EXPECT_TRUE(dispatcher.handleInput(42));
+    EXPECT_EQ(2u, FakeItc::receiveCalls().size());
+    EXPECT_EQ(1u, FakeItc::freedSignalNumbers().size());
+    EXPECT_EQ(std::vector<std::string>{"handleInput(): ITC time travel detected"},
+              TraceRecorder::twampMessages("INFO"));
 }
 
 // A signal of another number is freed with no reply and no trace.
@@ -583,6 +707,28 @@ TEST_F(ItcDispatcherRefusalTest, SessionWithoutDescriptorRefused) {
                                        "failed: Too many open files"},
               TraceRecorder::twampMessages("ERROR"));
     expectRefusalRecord("timerfd_create failed: Too many open files");
+}
+
+// A session whose packet timer the event loop cannot watch is refused the
+// same way: destroyed, not registered, traced and logged with the reason.
+TEST_F(ItcDispatcherRefusalTest, SessionWhoseTimerCannotBeWatchedRefused) {
+    auto* session = new NiceMock<MockTwampTestSession>(clock);
+    EXPECT_CALL(factory, createTwampTestSession(_, _, _, _, _, _, _, _, _))
+        .WillOnce(Return(session));
+    EXPECT_CALL(*session, init()).WillOnce(Return(false));
+    ON_CALL(*session, getDescriptorFailure())
+        .WillByDefault(Return("the event loop cannot watch its packet timer"));
+    EXPECT_CALL(*session, destroyed());
+    EXPECT_CALL(env.controller, addTwampTestSession(_, _)).Times(0);
+
+    handleCreate([](twtsiCreateTwampTestSession&) {});
+
+    EXPECT_EQ(std::vector<std::string>{"handleTwtsiCreateTwampTestSession(): Session "
+                                       "0102030405060708090a0b0c0d0e0f10 for dstIpAddress "
+                                       "192.0.2.7, dstUdpPort 862 refused: the event loop "
+                                       "cannot watch its packet timer"},
+              TraceRecorder::twampMessages("ERROR"));
+    expectRefusalRecord("the event loop cannot watch its packet timer");
 }
 
 // A session whose init failed for another reason is registered, without a record.

@@ -3,8 +3,13 @@
 // when the event loop fails.
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
+#include <unistd.h>
 
+#include <cerrno>
 #include <cstdio>
+#include <cstdlib>
+#include <fstream>
+#include <iterator>
 #include <string>
 #include <vector>
 
@@ -33,8 +38,13 @@ class ReportingUdpSocket : public UdpSocket {
     }
 };
 
+// What the mailbox's init does: succeed, or fail with errno EEXIST as for a
+// service name a live daemon already holds.
+enum class MailboxInit { Opens, NameTaken };
+
 // Runs the entry with mocks in place; handleEvents succeeds once, then fails.
-void runWithMocks(std::vector<std::string> arguments) {
+void runWithMocks(std::vector<std::string> arguments,
+                  MailboxInit mailboxInit = MailboxInit::Opens) {
     TraceRecorder::reset();
     TraceRecorder::setEchoToStderr(true);
     twamp_test::FakeSaLog::reset();
@@ -48,8 +58,12 @@ void runWithMocks(std::vector<std::string> arguments) {
     ::testing::Mock::AllowLeak(&dispatcher);
     ON_CALL(mocks.controller, getUdpSocket()).WillByDefault(ReturnRef(socket));
     ON_CALL(mocks.controller, getItcDispatcher()).WillByDefault(Return(&dispatcher));
-    ON_CALL(dispatcher, init(::testing::_)).WillByDefault([](const std::string& name) {
+    ON_CALL(dispatcher, init(::testing::_)).WillByDefault([mailboxInit](const std::string& name) {
         std::fprintf(stderr, "mailbox init %s\n", name.c_str());
+        if (mailboxInit == MailboxInit::NameTaken) {
+            errno = EEXIST;
+            return false;
+        }
         return true;
     });
     int rounds = 0;
@@ -84,6 +98,36 @@ TEST(StartupDeathTest, IpsecFlagOtherThanOneIsFalse) {
     ASSERT_TRUE(twamp_test::ensureDefaultNamespaceHandle());
     EXPECT_EXIT(runWithMocks({"twampTestSession", "svc", "10.0.0.1", "862", "ns1", "yes"}),
                 ::testing::ExitedWithCode(0), "socket init 10.0.0.1 862 0\n");
+}
+
+// Exits through the restart request (the stand-in ends the process with the
+// status in QRN_NG_EXIT_STATUS) after the mailbox's init failed.
+void runWithTakenMailboxName(const std::string& restartLog) {
+    setenv("QRN_NG_RESTART_LOG", restartLog.c_str(), 1);
+    setenv("QRN_NG_EXIT_STATUS", "3", 1);
+    runWithMocks({"twampTestSession", "svc", "10.0.0.1", "862", "default", "0"},
+                 MailboxInit::NameTaken);
+}
+
+std::string readFile(const std::string& path) {
+    std::ifstream file(path);
+    return std::string(std::istreambuf_iterator<char>(file), std::istreambuf_iterator<char>());
+}
+
+// A mailbox that cannot be opened is fatal: ERROR trace from main with the
+// service name and the reason, the restart request, and the loop never runs.
+TEST(StartupDeathTest, MailboxThatCannotBeOpenedIsFatal) {
+    ASSERT_TRUE(twamp_test::ensureDefaultNamespaceHandle());
+    const std::string restartLog =
+        ::testing::TempDir() + "startup_mailbox_restart_" + std::to_string(getpid()) + ".log";
+    std::remove(restartLog.c_str());
+    EXPECT_EXIT(runWithTakenMailboxName(restartLog), ::testing::ExitedWithCode(3),
+                "mailbox init svc\n"
+                "trace com_quorin_tn_twamp:ERROR \\[TwampTestSessionMain.cc:[0-9]+\\] "
+                "\\[TWAMP\\] main\\(\\): Unable to open mailbox 'svc': File exists.\n$");
+    EXPECT_NE(std::string::npos,
+              readFile(restartLog).find("message=\"Unable to open mailbox 'svc': File exists.\""));
+    std::remove(restartLog.c_str());
 }
 
 }  // namespace

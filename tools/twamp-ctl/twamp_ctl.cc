@@ -36,6 +36,13 @@ int fail(int status, const std::string& message) {
     return status;
 }
 
+// Only the run directory's owner and group may talk to a daemon: a user
+// outside them is told so, not that the daemon is missing.
+std::string permissionDenied(const std::string& what) {
+    return std::string("permission denied: ") + what + " in " + runDirectory() +
+           " (EACCES); only members of the directory's group may talk to the daemon";
+}
+
 // The tool's own mailbox, deleted again on every way out.
 class OwnMailbox {
   public:
@@ -46,7 +53,9 @@ class OwnMailbox {
         }
         const std::string name = "twamp-ctl-" + std::to_string(getpid());
         id = itc_create_mailbox(name.c_str(), 0);
-        if (id == ITC_NO_ID) {
+        if (id == ITC_NO_ID && errno == EACCES) {
+            error = permissionDenied("cannot create mailbox '" + name + "'");
+        } else if (id == ITC_NO_ID) {
             error = "cannot create mailbox '" + name + "' in " + runDirectory() + ": " +
                     std::strerror(errno);
         }
@@ -159,6 +168,9 @@ int run(const CtlOptions& options) {
         return fail(kExitFailure, own.error);
     }
     const itc_mbox_id_t daemon = itc_locate(options.service.c_str());
+    if (daemon == ITC_NO_ID && errno == EACCES) {
+        return fail(kExitFailure, permissionDenied("cannot look up '" + options.service + "'"));
+    }
     if (daemon == ITC_NO_ID) {
         return fail(kExitNoMailbox, "no mailbox named '" + options.service + "' in " +
                                         runDirectory() + " (is the daemon running?)");
@@ -181,6 +193,9 @@ int run(const CtlOptions& options) {
         return fail(kExitFailure, std::string("itc_alloc failed: ") + std::strerror(errno));
     }
     if (itc_send(&msg, daemon, own.id) != 0) {
+        if (errno == EACCES) {
+            return fail(kExitFailure, permissionDenied("cannot send to '" + options.service + "'"));
+        }
         return fail(kExitFailure,
                     "cannot send to '" + options.service + "': " + std::strerror(errno));
     }

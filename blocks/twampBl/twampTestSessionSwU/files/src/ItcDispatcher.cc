@@ -20,6 +20,10 @@ namespace {
 
 // Refusals found in a helper are traced on behalf of the signal's handler.
 constexpr const char* kCreateHandler = "handleTwtsiCreateTwampTestSession";
+// Receives are traced on behalf of the loop's entry into the dispatcher, the
+// opening of the mailbox on behalf of start-up's call.
+constexpr const char* kHandleInput = "handleInput";
+constexpr const char* kInit = "init";
 
 // Operator-log records of a refused create: severity error, application log.
 constexpr SaLogSeverityT kRefusalLogSeverity = SA_LOG_SEV_ERROR;
@@ -170,30 +174,74 @@ std::set<int> ItcDispatcher::getReadFds() const {
 
 bool ItcDispatcher::init(const std::string& serviceName) {
     if (itc_init(1, 0, nullptr, nullptr, 0) != 0) {
+        const int error = errno;
         TRACE_ERROR("Failed to initialize ITC");
+        errno = error;
         return false;
     }
-    mailboxId = itc_create_mailbox(serviceName.c_str(), 0);
-    itcFd = itc_get_fd();
+    if (!openMailbox(serviceName)) {
+        return false;
+    }
     readFds.insert(itcFd);
     return TwampTestSessionController::getInstance()->getIoMultiplexer().registerReadHandler(this);
 }
 
-bool ItcDispatcher::handleInput(int /*fd*/) {
-    ReceivedSignal signal(itc_receive(ITC_NOFILTER, 0, ITC_FROM_ALL));
-    const int receiveErrno = errno;
-    if (!signal) {
-        // An empty receive with ETIMEDOUT is how the mailbox reports a clock jump.
-        if (receiveErrno == ETIMEDOUT) {
-            TRACE_INFO("ITC time travel detected");
-        } else {
-            TRACE_EXCEPTION("Got NULL ITC message, errno: %d(%s)", receiveErrno,
-                            strerror(receiveErrno));
-        }
-        return true;
+// A daemon without its mailbox would run deaf, looking alive: a name that a
+// live daemon holds (EEXIST) or a run directory it may not write (EACCES)
+// ends init here, and start-up treats it as fatal.
+bool ItcDispatcher::openMailbox(const std::string& serviceName) {
+    const itc_mbox_id_t id = itc_create_mailbox(serviceName.c_str(), 0);
+    if (id == ITC_NO_ID) {
+        const int error = errno;
+        TRACE_ERROR_AS(kInit, "Failed itc_create_mailbox %s: errno %d - %s", serviceName.c_str(),
+                       error, strerror(error));
+        errno = error;
+        return false;
     }
-    dispatch(signal.get());
+    const int fd = itc_get_fd();
+    if (fd < 0) {
+        const int error = errno;
+        TRACE_ERROR_AS(kInit, "Failed itc_get_fd: errno %d - %s", error, strerror(error));
+        itc_delete_mailbox(id);
+        errno = error;
+        return false;
+    }
+    mailboxId = id;
+    itcFd = fd;
     return true;
+}
+
+bool ItcDispatcher::handleInput(int /*fd*/) {
+    for (int taken = 0; taken < kMaxSignalsPerWakeUp; ++taken) {
+        ReceivedSignal signal(itc_receive(ITC_NOFILTER, 0, ITC_FROM_ALL));
+        const int receiveErrno = errno;
+        if (!signal) {
+            traceEmptyReceive(receiveErrno, taken == 0);
+            return true;
+        }
+        dispatch(signal.get());
+    }
+    // Signals left over keep the descriptor readable: the loop comes back.
+    return true;
+}
+
+void ItcDispatcher::traceEmptyReceive(int receiveErrno, bool firstOfWakeUp) {
+    if (receiveErrno == ETIMEDOUT) {
+        // An empty receive with ETIMEDOUT is how the mailbox reports a clock jump.
+        TRACE_INFO_AS(kHandleInput, "ITC time travel detected");
+    } else if (receiveErrno == EAGAIN) {
+        // The normal end of a wake-up that took signals. As its first
+        // receive, the descriptor was readable for a datagram that was no
+        // ITC signal, which the receive has just discarded: the mailbox is
+        // drained and nothing is wrong with the daemon.
+        if (firstOfWakeUp) {
+            TRACE_LAB_AS(kHandleInput, "No valid ITC message to receive, errno: %d(%s)",
+                         receiveErrno, strerror(receiveErrno));
+        }
+    } else {
+        TRACE_EXCEPTION_AS(kHandleInput, "Got NULL ITC message, errno: %d(%s)", receiveErrno,
+                           strerror(receiveErrno));
+    }
 }
 
 void ItcDispatcher::sendPmCountersReply(TwampTestSession* session, union itc_msg* reply) {

@@ -87,6 +87,8 @@ char* trace_log_format_buffer();
     TWAMP_TRACE_STATEMENT_AS(com_quorin_tn_twamp, LAB, "TWAMP", function, __VA_ARGS__)
 #define TRACE_PACKET_AS(function, ...) \
     TWAMP_TRACE_STATEMENT_AS(com_quorin_tn_twamp, PACKET, "TWAMP", function, __VA_ARGS__)
+#define TRACE_EXCEPTION_AS(function, ...) \
+    TWAMP_TRACE_STATEMENT_AS(com_quorin_tn_twamp, EXCEPTION, "TWAMP", function, __VA_ARGS__)
 
 // The troubleshooting event, component "GENERAL" (operator-log module).
 #define TRACE_TROUBLESHOOTING_ERROR(...) \

@@ -62,6 +62,17 @@ GlibLevelName lookUpGlibLevel(int levelProper) {
     return {levelProper, nullptr, GlibTraceEvent::Error};
 }
 
+// A daemon without its mailbox could never be told anything: a mailbox that
+// cannot be opened is fatal, as the other start-up failures are.
+void openMailbox(const char* serviceName) {
+    if (!TwampTestSessionController::getInstance()->getItcDispatcher()->init(
+            std::string(serviceName))) {
+        const char* reason = std::strerror(errno);
+        TRACE_ERROR_AS(kMain, "Unable to open mailbox '%s': %s.", serviceName, reason);
+        FATAL_RESTART("Unable to open mailbox '%s': %s.", serviceName, reason);
+    }
+}
+
 }  // namespace
 
 void twampTestSessionLoghandler(const gchar* logDomain, GLogLevelFlags logLevel,
@@ -189,7 +200,7 @@ void runTwampTestSession(int argc, char* argv[]) {
     TwampTestSessionFactory factory;
     TwampTestSessionController::getInstance(nullptr, &factory);
     TwampTestSessionController::getInstance()->getUdpSocket().init(argv[2], argv[3], isIpsecTunnel);
-    TwampTestSessionController::getInstance()->getItcDispatcher()->init(std::string(argv[1]));
+    openMailbox(argv[1]);
     g_log_set_default_handler(twampTestSessionLoghandler, nullptr);
     if (!percentile_init()) {
         TRACE_ERROR_AS(kMain, "Can't initialize percentile");
