@@ -54,9 +54,6 @@ std::vector<std::string> FinalisedMinuteRules::violations(const Bin& bin,
         }
     }
     checkPacketCounts(bin, found);
-    if (exemptions.onlyPacketCounts) {
-        return found;
-    }
     checkVoidBin(bin, found);
     checkDelayStatistics(bin, PmCounter::delayRtAvg, PmCounter::delayRtMax, PmCounter::delayRtMin,
                          PmCounter::delayRtP95, PmCounter::delayRtP98, PmCounter::delayRtP99, true,

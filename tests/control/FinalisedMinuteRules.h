@@ -19,8 +19,6 @@ class FinalisedMinuteRules {
     static Bin binOf(const PmPeriodRecord& record, int bin);
     // Rules left out for minutes that run into a known defect.
     struct Exemptions {
-        // Only the packet counts: no delay, IPDV, DSCP or TTL rule.
-        bool onlyPacketCounts = false;
         // The IPDV may exceed 4 s.
         bool ipdvBeyondFourSeconds = false;
     };

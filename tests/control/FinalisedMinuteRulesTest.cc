@@ -152,18 +152,6 @@ TEST_F(FinalisedMinuteRulesTest, DelaysWithoutReceivedPackets) {
               violations());
 }
 
-// With only the packet counts asked for, stale delays are let pass.
-TEST_F(FinalisedMinuteRulesTest, OnlyPacketCounts) {
-    FinalisedMinuteRules::Exemptions onlyPacketCounts;
-    onlyPacketCounts.onlyPacketCounts = true;
-    set(PmCounter::delayRtP99, 3001);
-    set(PmCounter::lostPktsRev, 11);
-    EXPECT_EQ((std::vector<std::string>{"lostPktsRev 11 exceeds sentPkts 10",
-                                        "receivedPkts + lostPktsFwd + lostPktsRev = 21 exceeds "
-                                        "sentPkts + duplicates = 10"}),
-              FinalisedMinuteRules::violations(bin, onlyPacketCounts));
-}
-
 // With the IPDV let beyond 4 s, the other bounds still hold.
 TEST_F(FinalisedMinuteRulesTest, IpdvBeyondFourSeconds) {
     FinalisedMinuteRules::Exemptions ipdvBeyond;

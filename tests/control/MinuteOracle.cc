@@ -17,9 +17,6 @@ constexpr int64_t kNotAvailable = PmPeriodRecord::kNotAvailable;
 // replies take up to 5 s, a restarted reflector is down up to 9 s, and a
 // restart seen in the first 4 s of a minute voids the minute before.
 constexpr int64_t kDisturbanceMarginNs = 20 * kSecond;
-// Minute numbers measured this long ago are forgotten (clock steps go back
-// at most a few minutes).
-constexpr uint32_t kRememberedMinutes = 60;
 // At most this many packets are listed in a minute's description.
 constexpr std::size_t kDescribedPackets = 60;
 
@@ -125,13 +122,6 @@ void MinuteOracle::minuteBegins(const MinuteKey& minute, int64_t startNs) {
     truth.index = nextMinuteIndex++;
     truth.startNs = startNs;
     truth.endNs = startNs + simulation_time::kMinute;
-    const auto earlier = epochOfMinuteNumber.find(minute.second);
-    truth.measuredBefore = earlier != epochOfMinuteNumber.end() && earlier->second != minute.first;
-    epochOfMinuteNumber[minute.second] = minute.first;
-    // A bin is reused after two intervals: older numbers cannot come back
-    // into a bin that still holds them.
-    epochOfMinuteNumber.erase(epochOfMinuteNumber.begin(),
-                              epochOfMinuteNumber.lower_bound(minute.second - kRememberedMinutes));
 }
 
 void MinuteOracle::packetSent(uint32_t seqNo, uint64_t t1, uint64_t t1Prime,
@@ -291,9 +281,6 @@ MinuteVerdict MinuteOracle::judge(const MinuteKey& key) const {
     MinuteVerdict verdict;
     const MinuteTruth& minute = minuteTruths.at(key);
     const std::vector<const PacketTruth*> sent = packetsOf(minute);
-    // Only the counters zeroed at the minute's start are sure to be new; the
-    // others may still hold the first measurement's values.
-    verdict.valuesMayBeStale = minute.measuredBefore;
     verdict.samplesBeyondVector =
         std::count_if(sent.begin(), sent.end(), [](const PacketTruth* packet) {
             return packet->copiesDelivered > 0;

@@ -109,8 +109,6 @@ class MinuteOracle {
     uint32_t incarnation = 0;
     // When the reflector's clock was set by more than 4 s.
     std::vector<int64_t> largeReflectorClockSteps;
-    // The clock epoch each recent minute number was last measured in.
-    std::map<uint32_t, uint32_t> epochOfMinuteNumber;
     uint64_t nextSerial = 1;
     uint64_t nextMinuteIndex = 1;
     uint64_t deliveries = 0;

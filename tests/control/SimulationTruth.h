@@ -63,9 +63,6 @@ struct MinuteTruth {
     bool anyAtReflector = false;
     uint32_t firstIncarnation = 0;
     bool severalIncarnations = false;
-    // The minute number was measured before, in an earlier clock epoch:
-    // the wall clock was set back into it.
-    bool measuredBefore = false;
 };
 
 // How far a finalised minute can be compared with the truth.
@@ -94,11 +91,6 @@ struct MinuteVerdict {
     // numbers do not follow the sender's: the loss arithmetic need not add
     // up, and lostPktsFwd alone is then -2, as documented.
     bool lostForwardMayBeVoid = false;
-    // The minute was measured again after the wall clock was set back into
-    // its interval, and its bin may keep the delay, IPDV, DSCP and TTL values
-    // of the first measurement (a known defect): only the packet counts,
-    // which the minute's start sets to 0, are checked and compared.
-    bool valuesMayBeStale = false;
     // The reflector's clock was set by more than 4 s while the minute's
     // packets reached it: the one-way delays jump by the step, and the
     // session reports an IPDV beyond 4 s instead of voiding the minute (a

@@ -931,6 +931,9 @@ void TwampTestSession::startMinute(uint32_t minute) {
     missingResponderSeqNos[parity].clear();
     ipdvHistory[parity].clear();
     sequenceErrorFlag = 0;
+    // A minute measured again after the wall clock was set back into its
+    // interval keeps nothing of its first measurement.
+    fillBin(records[recordIndex], bin, PmPeriodRecord::kNotAvailable);
     for (PmCounter::Index counter : kCountersZeroedAtMinuteStart) {
         records[recordIndex].at(counter, bin) = 0;
     }
