@@ -30,17 +30,6 @@ constexpr PmCounter::Index kSampleCounters[] = {
     PmCounter::ttlFwdMax,  PmCounter::ttlRevMax,  PmCounter::ttlFwdMin,  PmCounter::ttlRevMin,
 };
 
-// How many times the packet timer expires in a minute at most: once a
-// second at rates 0 and 1, otherwise a minute over the interval in whole
-// nanoseconds, rounded up.
-std::size_t expiriesPerMinute(uint32_t packetsPerSecond) {
-    if (packetsPerSecond <= 1) {
-        return 60;
-    }
-    const uint64_t intervalNs = 1000000000 / packetsPerSecond;
-    return static_cast<std::size_t>((60000000000 + intervalNs - 1) / intervalNs);
-}
-
 // The round trip without the reflector's residence, in microseconds.
 uint64_t roundTripOf(const PacketTruth& packet) {
     return ntpDifferenceToMicroseconds(packet.t4 + packet.t2 - packet.t1Prime - packet.t3);
@@ -63,20 +52,13 @@ int64_t percentileOf(const std::vector<uint64_t>& descending, int percentile) {
     return static_cast<int64_t>(descending[position]);
 }
 
-// Average, maximum, minimum and the three percentiles of samples (only
-// maximum and minimum unless whole); with no samples 0, 0, 0 and no
-// percentiles, as a minute reports an IPDV without any increase.
-void expectStatistics(std::vector<uint64_t> samples, bool whole, PmCounter::Index avg,
-                      PmCounter::Index max, PmCounter::Index min, PmCounter::Index p95,
-                      PmCounter::Index p98, PmCounter::Index p99, MinuteExpectation& expectation) {
+// Average, maximum, minimum and the three percentiles of samples; with no
+// samples 0, 0, 0 and no percentiles, as a minute reports an IPDV without
+// any increase.
+void expectStatistics(std::vector<uint64_t> samples, PmCounter::Index avg, PmCounter::Index max,
+                      PmCounter::Index min, PmCounter::Index p95, PmCounter::Index p98,
+                      PmCounter::Index p99, MinuteExpectation& expectation) {
     auto& values = expectation.values;
-    if (!whole && !samples.empty()) {
-        values.push_back(
-            {max, static_cast<int64_t>(*std::max_element(samples.begin(), samples.end()))});
-        values.push_back(
-            {min, static_cast<int64_t>(*std::min_element(samples.begin(), samples.end()))});
-        return;
-    }
     if (samples.empty()) {
         values.push_back({avg, 0});
         values.push_back({max, 0});
@@ -113,9 +95,7 @@ void MinuteOracle::Range::add(int64_t value) {
 }
 
 MinuteOracle::MinuteOracle(uint32_t packetsPerSecond, bool statelessReflector)
-    : packetsPerSecond(packetsPerSecond),
-      vectorSize(expiriesPerMinute(packetsPerSecond)),
-      statelessReflector(statelessReflector) {}
+    : packetsPerSecond(packetsPerSecond), statelessReflector(statelessReflector) {}
 
 void MinuteOracle::minuteBegins(const MinuteKey& minute, int64_t startNs) {
     MinuteTruth& truth = minuteTruths[minute];
@@ -281,10 +261,6 @@ MinuteVerdict MinuteOracle::judge(const MinuteKey& key) const {
     MinuteVerdict verdict;
     const MinuteTruth& minute = minuteTruths.at(key);
     const std::vector<const PacketTruth*> sent = packetsOf(minute);
-    verdict.samplesBeyondVector =
-        std::count_if(sent.begin(), sent.end(), [](const PacketTruth* packet) {
-            return packet->copiesDelivered > 0;
-        }) > static_cast<std::ptrdiff_t>(vectorSize);
     for (int64_t stepNs : largeReflectorClockSteps) {
         verdict.ipdvMayExceedBound |= stepNs >= minute.startNs - kDisturbanceMarginNs &&
                                       stepNs <= minute.endNs + kDisturbanceMarginNs;
@@ -378,9 +354,9 @@ void MinuteOracle::expectSampleCounters(const std::vector<const PacketTruth*>& s
         }
         return;
     }
-    expectStatistics(roundTrips, !verdict.samplesBeyondVector, PmCounter::delayRtAvg,
-                     PmCounter::delayRtMax, PmCounter::delayRtMin, PmCounter::delayRtP95,
-                     PmCounter::delayRtP98, PmCounter::delayRtP99, expectation);
+    expectStatistics(roundTrips, PmCounter::delayRtAvg, PmCounter::delayRtMax,
+                     PmCounter::delayRtMin, PmCounter::delayRtP95, PmCounter::delayRtP98,
+                     PmCounter::delayRtP99, expectation);
     const auto expectRange = [&values](const Range& range, PmCounter::Index min,
                                        PmCounter::Index max) {
         values.push_back({min, range.any ? range.min : kNotAvailable});
@@ -390,11 +366,11 @@ void MinuteOracle::expectSampleCounters(const std::vector<const PacketTruth*>& s
     expectRange(ttlFwd, PmCounter::ttlFwdMin, PmCounter::ttlFwdMax);
     expectRange(ttlRev, PmCounter::ttlRevMin, PmCounter::ttlRevMax);
     if (verdict.inOrder) {
-        expectIpdv(sent, !verdict.samplesBeyondVector, expectation);
+        expectIpdv(sent, expectation);
     }
 }
 
-void MinuteOracle::expectIpdv(const std::vector<const PacketTruth*>& sent, bool wholeStatistics,
+void MinuteOracle::expectIpdv(const std::vector<const PacketTruth*>& sent,
                               MinuteExpectation& expectation) {
     // The increase of each one-way delay from one packet to the next
     // sequence number, where both were answered; decreases are not samples.
@@ -417,12 +393,12 @@ void MinuteOracle::expectIpdv(const std::vector<const PacketTruth*>& sent, bool 
             reverse.push_back(static_cast<uint64_t>(reverseIncrease));
         }
     }
-    expectStatistics(forward, wholeStatistics, PmCounter::ipdvFwdAvg, PmCounter::ipdvFwdMax,
-                     PmCounter::ipdvFwdMin, PmCounter::ipdvFwdP95, PmCounter::ipdvFwdP98,
-                     PmCounter::ipdvFwdP99, expectation);
-    expectStatistics(reverse, wholeStatistics, PmCounter::ipdvRevAvg, PmCounter::ipdvRevMax,
-                     PmCounter::ipdvRevMin, PmCounter::ipdvRevP95, PmCounter::ipdvRevP98,
-                     PmCounter::ipdvRevP99, expectation);
+    expectStatistics(forward, PmCounter::ipdvFwdAvg, PmCounter::ipdvFwdMax, PmCounter::ipdvFwdMin,
+                     PmCounter::ipdvFwdP95, PmCounter::ipdvFwdP98, PmCounter::ipdvFwdP99,
+                     expectation);
+    expectStatistics(reverse, PmCounter::ipdvRevAvg, PmCounter::ipdvRevMax, PmCounter::ipdvRevMin,
+                     PmCounter::ipdvRevP95, PmCounter::ipdvRevP98, PmCounter::ipdvRevP99,
+                     expectation);
 }
 
 void MinuteOracle::expectDirections(const std::vector<const PacketTruth*>& sent,

@@ -89,7 +89,7 @@ class MinuteOracle {
     void markCrossingOfStragglers();
     void expectSampleCounters(const std::vector<const PacketTruth*>& packets,
                               const MinuteVerdict& verdict, MinuteExpectation& expectation) const;
-    static void expectIpdv(const std::vector<const PacketTruth*>& packets, bool wholeStatistics,
+    static void expectIpdv(const std::vector<const PacketTruth*>& packets,
                            MinuteExpectation& expectation);
     static void expectDirections(const std::vector<const PacketTruth*>& packets,
                                  MinuteExpectation& expectation);
@@ -97,8 +97,6 @@ class MinuteOracle {
                            MinuteExpectation& expectation) const;
 
     uint32_t packetsPerSecond;
-    // Samples the session's percentile vectors hold: the timer's expiries in a minute.
-    std::size_t vectorSize;
     bool statelessReflector;
     std::map<MinuteKey, MinuteTruth> minuteTruths;
     std::unordered_map<uint32_t, PacketTruth> packets;

@@ -49,11 +49,6 @@ std::string join(const std::vector<std::string>& lines, const char* separator) {
 constexpr const char* kIpdvBeyondBound =
     "the reflector's clock was set by more than 4 s (IPDV not checked against 4 s)";
 
-// The name under which minutes with more samples than a percentile vector holds are counted.
-constexpr const char* kSamplesBeyondVector =
-    "more packets answered than the timer expires in a minute (average and percentiles not "
-    "compared)";
-
 // Whether bin of record holds the values of snapshot (compared in place:
 // this runs after every timer read).
 bool holdsBin(const PmPeriodRecord& record, int bin, const std::vector<int64_t>& snapshot) {

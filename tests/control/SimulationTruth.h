@@ -96,12 +96,6 @@ struct MinuteVerdict {
     // session reports an IPDV beyond 4 s instead of voiding the minute (a
     // known defect); the 4 s bound of the IPDV is not checked.
     bool ipdvMayExceedBound = false;
-    // More packets were answered in the minute than the packet timer expires
-    // in a minute (the last expiry of the minute before was read after this
-    // one began): the session's percentile vectors refuse the samples beyond
-    // and leave them out of the average (a known defect); only the minimum
-    // and maximum of the delays and IPDV are compared.
-    bool samplesBeyondVector = false;
 };
 
 // One counter's expected value.

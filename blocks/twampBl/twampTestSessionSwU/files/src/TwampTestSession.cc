@@ -732,7 +732,11 @@ std::vector<uint32_t> TwampTestSession::getOutstandingSeqNosForTest(int parity) 
 
 void TwampTestSession::initPmStates() {
     // A failure is traced by the state itself; the session runs without percentiles.
-    const uint32_t samples = expiriesPerMinute(packetsPerSecond);
+    // A minute holds its own expiries and those of the minute before that
+    // were read after it ended, at most one read's worth: a vector any
+    // smaller would refuse the last samples and leave them out of the average.
+    const auto samples =
+        static_cast<uint32_t>(expiriesPerMinute(packetsPerSecond) + kMaxExpiriesPerRead);
     for (int parity = 0; parity < kParityCount; ++parity) {
         for (std::unique_ptr<PmState>* states : {delayRt, ipdvFwd, ipdvRev}) {
             states[parity] = std::make_unique<PmState>();
