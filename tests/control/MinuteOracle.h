@@ -82,7 +82,6 @@ class MinuteOracle {
     std::string disturbanceNear(const MinuteTruth& minute) const;
     static std::string unfinishedPacket(const std::vector<const PacketTruth*>& packets);
     static std::string knownDefectIn(const std::vector<const PacketTruth*>& packets);
-    static bool oneWayDelayChangesSign(const PacketTruth& previous, const PacketTruth& packet);
     static bool analysedInOrder(const std::vector<const PacketTruth*>& packets);
     static bool gapsLostOneWay(const std::vector<const PacketTruth*>& packets);
     void markCrossing(uint64_t minuteIndex);

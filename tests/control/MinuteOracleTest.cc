@@ -126,6 +126,23 @@ TEST_F(MinuteOracleTest, FirstReplyOvertakingIsAKnownDefect) {
               verdict.knownDefect);
 }
 
+// A forward delay that turns negative is a decrease, not an IPDV sample.
+TEST_F(MinuteOracleTest, ForwardDelayTurningNegativeIsNoSample) {
+    send(2);
+    reflect(0, 10);
+    reflect(1, 11);
+    reply(0, 1, 3);
+    const uint64_t t2 = t1Of(1) + kUnit - kUnit;
+    oracle.replyOnItsWay(1);
+    oracle.replyDelivered(1, t2, t2 + kUnit, t2 + 5 * kUnit, 64, 60, 46);
+    const MinuteVerdict verdict = oracle.judge(kMinute);
+    ASSERT_TRUE(verdict.inOrder);
+    auto values = expected(verdict);
+    EXPECT_EQ(0, values[PmCounter::ipdvFwdMax]);
+    EXPECT_EQ(PmPeriodRecord::kNotAvailable, values[PmCounter::ipdvFwdP99]);
+    EXPECT_EQ(15625, values[PmCounter::ipdvRevMax]);
+}
+
 // A packet of a minute already forgotten that reaches the reflector late
 // takes a number among the next minute's packets.
 TEST_F(MinuteOracleTest, StragglerFromAForgottenMinuteCrossesTheNextOne) {

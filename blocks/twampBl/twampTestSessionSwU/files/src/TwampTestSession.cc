@@ -49,6 +49,9 @@ constexpr uint32_t kDscpShift = 2;
 // negative difference wraps to a large value on purpose.
 constexpr uint64_t kMicrosecondsPerNtpNumerator = 15625;
 constexpr unsigned kMicrosecondsPerNtpShift = 26;
+constexpr uint64_t kNtpFractionMask = 0xffffffffu;
+constexpr int64_t kNtpSecond = int64_t{1} << 32;
+constexpr int64_t kMicrosecondsPerSecond = 1000000;
 // A reply must come back within 4 s of the transmit timestamp; the same
 // bound, applied unchanged to the microsecond maxima, invalidates a minute.
 constexpr uint64_t kRoundTripLimit = kNtpFourSeconds;
@@ -137,6 +140,19 @@ uint32_t minuteOfNtp(uint64_t ntpTimestamp) {
 // An NTP time difference in microseconds.
 uint64_t ntpToMicroseconds(uint64_t ntpDifference) {
     return (ntpDifference * kMicrosecondsPerNtpNumerator) >> kMicrosecondsPerNtpShift;
+}
+
+// A one-way delay in microseconds. The clocks of sender and reflector need
+// not agree, so the difference may be negative and is read as signed: a
+// negative delay stays a small negative number instead of wrapping to about
+// 2^38 us, and only its change from packet to packet is used. A difference
+// of 0 to 2^50 gives the same value as ntpToMicroseconds.
+int64_t ntpToSignedMicroseconds(uint64_t ntpDifference) {
+    const uint64_t fraction = ntpDifference & kNtpFractionMask;
+    // Exact division: the fraction's bits are taken off first.
+    const int64_t seconds =
+        (static_cast<int64_t>(ntpDifference) - static_cast<int64_t>(fraction)) / kNtpSecond;
+    return seconds * kMicrosecondsPerSecond + static_cast<int64_t>(ntpToMicroseconds(fraction));
 }
 
 // The sequence tracker of one direction of one minute.
@@ -583,20 +599,20 @@ void TwampTestSession::addDelaySamples(const OutstandingPacket& packet, int pari
     // The reflector's residence time T3 - T2 is taken out of the round trip.
     delayRt[parity]->addSample(ntpToMicroseconds(t4 + t2 - t1Prime - t3));
     // The two clocks need not agree: only the variation of one-way delays is used.
-    addIpdvSamples(packet.getSenderSeqNo(), ntpToMicroseconds(t2 - t1Prime),
-                   ntpToMicroseconds(t4 - t3), parity);
+    addIpdvSamples(packet.getSenderSeqNo(), ntpToSignedMicroseconds(t2 - t1Prime),
+                   ntpToSignedMicroseconds(t4 - t3), parity);
 }
 
-void TwampTestSession::addIpdvSamples(uint32_t senderSeqNo, uint64_t forwardDelay,
-                                      uint64_t reverseDelay, int parity) {
+void TwampTestSession::addIpdvSamples(uint32_t senderSeqNo, int64_t forwardDelay,
+                                      int64_t reverseDelay, int parity) {
     std::map<uint32_t, DelayPair>& history = ipdvHistory[parity];
     history.emplace(senderSeqNo, DelayPair(forwardDelay, reverseDelay));
     const auto previous = history.find(senderSeqNo - 1);
     if (previous == history.end()) {
         return;
     }
-    const auto forwardVariation = static_cast<int64_t>(forwardDelay - previous->second.first);
-    const auto reverseVariation = static_cast<int64_t>(reverseDelay - previous->second.second);
+    const int64_t forwardVariation = forwardDelay - previous->second.first;
+    const int64_t reverseVariation = reverseDelay - previous->second.second;
     // Only increases of delay are recorded.
     if (forwardVariation >= 0) {
         ipdvFwd[parity]->addSample(static_cast<uint64_t>(forwardVariation));

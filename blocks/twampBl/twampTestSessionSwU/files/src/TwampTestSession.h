@@ -237,8 +237,9 @@ class TwampTestSession : public IoHandler, public MessageReceiver {
         }
     };
 
-    // Forward and reverse delay of a packet, microseconds.
-    using DelayPair = std::pair<uint64_t, uint64_t>;
+    // Forward and reverse delay of a packet, microseconds; negative when the
+    // reflector's clock is behind the sender's by more than the delay.
+    using DelayPair = std::pair<int64_t, int64_t>;
 
     // Resolves the destination into dstAddress; 0 or the getaddrinfo error.
     int resolveDestination();
@@ -264,7 +265,7 @@ class TwampTestSession : public IoHandler, public MessageReceiver {
                                   int parity, bool& counted);
     void addHeaderFields(const OutstandingPacket& packet, int parity);
     void addDelaySamples(const OutstandingPacket& packet, int parity);
-    void addIpdvSamples(uint32_t senderSeqNo, uint64_t forwardDelay, uint64_t reverseDelay,
+    void addIpdvSamples(uint32_t senderSeqNo, int64_t forwardDelay, int64_t reverseDelay,
                         int parity);
     void abandonStaleMinutes(uint32_t minute);
     void closeSkippedInterval(uint32_t interval);
