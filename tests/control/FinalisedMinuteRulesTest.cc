@@ -152,16 +152,4 @@ TEST_F(FinalisedMinuteRulesTest, DelaysWithoutReceivedPackets) {
               violations());
 }
 
-// With the IPDV let beyond 4 s, the other bounds still hold.
-TEST_F(FinalisedMinuteRulesTest, IpdvBeyondFourSeconds) {
-    FinalisedMinuteRules::Exemptions ipdvBeyond;
-    ipdvBeyond.ipdvBeyondFourSeconds = true;
-    set(PmCounter::ipdvFwdMax, 10000000);
-    set(PmCounter::delayRtMax, 4000001);
-    set(PmCounter::delayRtP99, 4000001);
-    EXPECT_EQ((std::vector<std::string>{"delayRtMax 4000001 exceeds 4 s",
-                                        "delayRtP99 4000001 exceeds 4 s"}),
-              FinalisedMinuteRules::violations(bin, ipdvBeyond));
-}
-
 }  // namespace

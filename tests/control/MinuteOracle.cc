@@ -9,6 +9,7 @@
 
 namespace {
 
+using simulation_time::kFourSecondsInMicroseconds;
 using simulation_time::kSecond;
 using simulation_time::ntpDifferenceToMicroseconds;
 
@@ -263,11 +264,18 @@ MinuteVerdict MinuteOracle::judge(const MinuteKey& key) const {
     MinuteVerdict verdict;
     const MinuteTruth& minute = minuteTruths.at(key);
     const std::vector<const PacketTruth*> sent = packetsOf(minute);
+    bool reflectorClockSet = false;
     for (int64_t stepNs : largeReflectorClockSteps) {
-        verdict.ipdvMayExceedBound |= stepNs >= minute.startNs - kDisturbanceMarginNs &&
-                                      stepNs <= minute.endNs + kDisturbanceMarginNs;
+        reflectorClockSet |= stepNs >= minute.startNs - kDisturbanceMarginNs &&
+                             stepNs <= minute.endNs + kDisturbanceMarginNs;
     }
     verdict.reason = disturbanceNear(minute);
+    // Which pairs of packets give IPDV samples, and so whether the step
+    // shows as an IPDV beyond 4 s, depends on the order of analysis.
+    if (verdict.reason.empty() && reflectorClockSet && !analysedInOrder(sent)) {
+        verdict.reason =
+            "the reflector's clock was set by more than 4 s and packets were analysed out of order";
+    }
     if (verdict.reason.empty() && minute.crossedAtReflector) {
         verdict.reason = "its packets crossed those of a minute around it on the way out";
     }
@@ -324,6 +332,14 @@ MinuteExpectation MinuteOracle::expect(const MinuteKey& key, const MinuteVerdict
     }
     if (verdict.periodsComparable) {
         expectLossPeriods(sent, expectation);
+    }
+    if (beyondFourSeconds(sent)) {
+        // The minute is invalidated whole.
+        expectation.values.clear();
+        for (int counter = 0; counter < PmPeriodRecord::kCounterCount; ++counter) {
+            expectation.values.push_back({static_cast<PmCounter::Index>(counter), kNotAvailable});
+        }
+        expectation.invalidated = true;
     }
     return expectation;
 }
@@ -642,6 +658,31 @@ std::string MinuteOracle::knownDefectIn(const std::vector<const PacketTruth*>& s
         }
     }
     return std::string();
+}
+
+bool MinuteOracle::beyondFourSeconds(const std::vector<const PacketTruth*>& sent) {
+    // A round trip, or (analysed in order, so that the samples are the
+    // increases from one answered packet to the next) an increase of a
+    // one-way delay, beyond 4 s: only a reflector clock that was set does that.
+    const bool inOrder = analysedInOrder(sent);
+    for (std::size_t index = 0; index < sent.size(); ++index) {
+        const PacketTruth& packet = *sent[index];
+        if (packet.copiesDelivered == 0) {
+            continue;
+        }
+        if (roundTripOf(packet) > kFourSecondsInMicroseconds) {
+            return true;
+        }
+        if (!inOrder || index == 0 || sent[index - 1]->copiesDelivered == 0) {
+            continue;
+        }
+        const PacketTruth& previous = *sent[index - 1];
+        if (forwardDelayOf(packet) - forwardDelayOf(previous) > kFourSecondsInMicroseconds ||
+            reverseDelayOf(packet) - reverseDelayOf(previous) > kFourSecondsInMicroseconds) {
+            return true;
+        }
+    }
+    return false;
 }
 
 bool MinuteOracle::analysedInOrder(const std::vector<const PacketTruth*>& sent) {

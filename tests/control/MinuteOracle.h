@@ -83,6 +83,7 @@ class MinuteOracle {
     static std::string unfinishedPacket(const std::vector<const PacketTruth*>& packets);
     static std::string knownDefectIn(const std::vector<const PacketTruth*>& packets);
     static bool analysedInOrder(const std::vector<const PacketTruth*>& packets);
+    static bool beyondFourSeconds(const std::vector<const PacketTruth*>& packets);
     static bool gapsLostOneWay(const std::vector<const PacketTruth*>& packets);
     void markCrossing(uint64_t minuteIndex);
     void markCrossingOfStragglers();

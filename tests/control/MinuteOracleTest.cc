@@ -126,6 +126,27 @@ TEST_F(MinuteOracleTest, FirstReplyOvertakingIsAKnownDefect) {
               verdict.knownDefect);
 }
 
+// An increase of a one-way delay beyond 4 s (the reflector's clock was set)
+// invalidates the minute whole.
+TEST_F(MinuteOracleTest, IpdvBeyondFourSecondsInvalidates) {
+    send(2);
+    reflect(0, 10);
+    reflect(1, 11);
+    reply(0, 2, 2);
+    // The reflector's clock jumped 5 s ahead before packet 1 reached it.
+    const uint64_t t1Prime = t1Of(1) + kUnit;
+    const uint64_t t2 = t1Prime + 2 * kUnit + (uint64_t{5} << 32);
+    oracle.replyOnItsWay(1);
+    oracle.replyDelivered(1, t2, t2 + kUnit, t1Prime + 5 * kUnit, 64, 60, 46);
+    const MinuteVerdict verdict = oracle.judge(kMinute);
+    ASSERT_TRUE(verdict.clean);
+    const MinuteExpectation expectation = oracle.expect(kMinute, verdict);
+    EXPECT_TRUE(expectation.invalidated);
+    auto values = expected(verdict);
+    EXPECT_EQ(PmPeriodRecord::kNotAvailable, values[PmCounter::sentPkts]);
+    EXPECT_EQ(PmPeriodRecord::kNotAvailable, values[PmCounter::ipdvFwdMax]);
+}
+
 // A forward delay that turns negative is a decrease, not an IPDV sample.
 TEST_F(MinuteOracleTest, ForwardDelayTurningNegativeIsNoSample) {
     send(2);

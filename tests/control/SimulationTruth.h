@@ -91,11 +91,6 @@ struct MinuteVerdict {
     // numbers do not follow the sender's: the loss arithmetic need not add
     // up, and lostPktsFwd alone is then -2, as documented.
     bool lostForwardMayBeVoid = false;
-    // The reflector's clock was set by more than 4 s while the minute's
-    // packets reached it: the one-way delays jump by the step, and the
-    // session reports an IPDV beyond 4 s instead of voiding the minute (a
-    // known defect); the 4 s bound of the IPDV is not checked.
-    bool ipdvMayExceedBound = false;
 };
 
 // One counter's expected value.
@@ -109,6 +104,9 @@ struct MinuteExpectation {
     std::vector<ExpectedValue> values;
     // lostPktsFwd + lostPktsRev: the packets without any reply.
     int64_t totalLost = 0;
+    // A round trip or IPDV beyond 4 s (a reflector clock that was set)
+    // invalidates the minute: every counter is -2.
+    bool invalidated = false;
 };
 
 #endif  // TWAMP_TESTS_SIMULATION_TRUTH_H

@@ -52,9 +52,13 @@ constexpr unsigned kMicrosecondsPerNtpShift = 26;
 constexpr uint64_t kNtpFractionMask = 0xffffffffu;
 constexpr int64_t kNtpSecond = int64_t{1} << 32;
 constexpr int64_t kMicrosecondsPerSecond = 1000000;
-// A reply must come back within 4 s of the transmit timestamp; the same
-// bound, applied unchanged to the microsecond maxima, invalidates a minute.
+// A reply must come back within 4 s of the transmit timestamp.
 constexpr uint64_t kRoundTripLimit = kNtpFourSeconds;
+// The same 4 s in microseconds bound a minute's round-trip delay and IPDV.
+// Only a reflector clock that was set can exceed it: a round trip whose
+// residence time T3 - T2 came out negative, or one-way delays that jumped
+// by the step. Such a minute is invalidated.
+constexpr uint64_t kSampleLimitMicroseconds = 4000000;
 // Operator-log records of an invalidated minute: severity informational,
 // network log stream only.
 constexpr SaLogSeverityT kInvalidationLogSeverity = static_cast<SaLogSeverityT>(6);
@@ -1095,9 +1099,9 @@ bool TwampTestSession::isBinConsistent(const PmPeriodRecord& record, int bin) co
 }
 
 bool TwampTestSession::exceedsRoundTripBound(int parity) const {
-    return delayRt[parity]->getMax() > kRoundTripLimit ||
-           ipdvFwd[parity]->getMax() > kRoundTripLimit ||
-           ipdvRev[parity]->getMax() > kRoundTripLimit;
+    return delayRt[parity]->getMax() > kSampleLimitMicroseconds ||
+           ipdvFwd[parity]->getMax() > kSampleLimitMicroseconds ||
+           ipdvRev[parity]->getMax() > kSampleLimitMicroseconds;
 }
 
 void TwampTestSession::writeDelayCounters(PmPeriodRecord& record, int bin, int parity) {
