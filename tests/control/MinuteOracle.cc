@@ -620,12 +620,6 @@ std::string MinuteOracle::knownDefectIn(const std::vector<const PacketTruth*>& s
         if (packet->readyOrder != 0) {
             analysed.push_back(packet);
         }
-        // The next number expected after 4294967295 is 0, which the session
-        // takes for "no reply yet": the next reply starts the reverse
-        // tracking afresh, as if it were the minute's first.
-        if (packet->copiesDelivered > 0 && packet->responderSeqNo == UINT32_MAX) {
-            return "the reflector's number wrapped from 4294967295 to 0";
-        }
     }
     std::sort(analysed.begin(), analysed.end(),
               [](const PacketTruth* left, const PacketTruth* right) {

@@ -550,22 +550,23 @@ bool TwampTestSession::isResponderRenumbered(const OutstandingPacket& packet, in
 }
 
 bool TwampTestSession::responderWentBack(const OutstandingPacket& packet, int parity) const {
-    // 0 means no reply yet this minute.
     const uint32_t expected = expectedResponderSeqNo[parity];
-    return expected != 0 && static_cast<int32_t>(packet.getResponderSeqNo() - expected) < 0;
+    return responderSeen[parity] && static_cast<int32_t>(packet.getResponderSeqNo() - expected) < 0;
 }
 
 void TwampTestSession::resynchroniseSequences(const OutstandingPacket& packet, int parity) {
     lastSenderSeqNo[parity] = packet.getSenderSeqNo() + 1;
     expectedResponderSeqNo[parity] = packet.getResponderSeqNo() + 1;
+    responderSeen[parity] = true;
 }
 
 uint32_t TwampTestSession::trackReverseSequence(PmPeriodRecord& record, int bin,
                                                 const OutstandingPacket& packet, int parity,
                                                 bool& counted) {
-    // 0 means no reply yet this minute: the first one only sets the pace.
-    if (expectedResponderSeqNo[parity] == 0) {
+    // The first reply of the minute only sets the pace.
+    if (!responderSeen[parity]) {
         expectedResponderSeqNo[parity] = packet.getResponderSeqNo() + 1;
+        responderSeen[parity] = true;
         return 0;
     }
     return trackSequence(
@@ -962,6 +963,7 @@ void TwampTestSession::startMinute(uint32_t minute) {
         records[recordIndex].at(counter, bin) = 0;
     }
     expectedResponderSeqNo[parity] = 0;
+    responderSeen[parity] = false;
     lastSenderSeqNo[parity] = sequenceNumber;
 }
 

@@ -332,6 +332,9 @@ class TwampTestSession : public IoHandler, public MessageReceiver {
     MissingSequenceList missingResponderSeqNos[kParityCount];
     std::map<uint32_t, DelayPair> ipdvHistory[kParityCount];
     uint32_t expectedResponderSeqNo[kParityCount] = {0, 0};
+    // A reply of the minute has set expectedResponderSeqNo. Not told by the
+    // number itself: after the reflector's 4294967295 the next expected is 0.
+    bool responderSeen[kParityCount] = {false, false};
     uint32_t lastSenderSeqNo[kParityCount] = {0, 0};
     uint8_t minutePending[2] = {0, 0};
     // Rates above 63 packets per second wrap: the limit is kept in 8 bits.
