@@ -628,17 +628,10 @@ std::string MinuteOracle::knownDefectIn(const std::vector<const PacketTruth*>& s
     if (analysed.empty()) {
         return std::string();
     }
-    const uint32_t firstResponder = analysed.front()->responderSeqNo;
     uint64_t highestSerial = analysed.front()->serial;
-    uint32_t highestResponder = firstResponder;
+    uint32_t highestResponder = analysed.front()->responderSeqNo;
     for (const PacketTruth* packet : analysed) {
         const uint32_t responder = packet->responderSeqNo;
-        // The minute's first reply sets the reflector's pace; an earlier
-        // reply analysed after it is taken for a duplicate and the minute
-        // is voided.
-        if (static_cast<int32_t>(responder - firstResponder) < 0) {
-            return "the first reply analysed in the minute overtook an earlier one";
-        }
         // A reply to the next packet in sending order whose reflector
         // number went back is taken for a renumbering reflector, and the
         // reverse loss is then overcounted.

@@ -168,11 +168,16 @@ struct SequenceCounters {
 
 // Books received sequence number seq against the expected one: a gap beyond
 // the allowance is counted lost and its numbers listed missing; an earlier
-// number is late when it was listed missing, otherwise a duplicate. counted
-// is shared by both directions of one packet, so a packet adds at most one
-// late or duplicate count. Returns the number of packets newly counted lost.
+// number is late when it was listed missing, otherwise a duplicate, unless
+// it is a packet's first reply: that one is no duplicate, its number went
+// back past where the minute's tracking of this direction began (the
+// minute's first reply may have overtaken it), and the other direction may
+// still find it missing. counted is shared by both directions of one
+// packet, so a packet adds at most one late or duplicate count. Returns the
+// number of packets newly counted lost.
 uint32_t trackSequence(uint32_t seq, uint32_t& expected, MissingSequenceList& missing,
-                       const SequenceCounters& counters, uint32_t allowance, bool& counted) {
+                       const SequenceCounters& counters, uint32_t allowance, bool firstReply,
+                       bool& counted) {
     // Serial-number order, so that a number wrapping from 2^32 - 1 to 0
     // inside a minute is a step forward.
     if (static_cast<int32_t>(seq - expected) > 0) {
@@ -196,10 +201,11 @@ uint32_t trackSequence(uint32_t seq, uint32_t& expected, MissingSequenceList& mi
     if (missing.remove(seq)) {
         counters.lost -= 1;
         counters.late += 1;
-    } else {
+        counted = true;
+    } else if (!firstReply) {
         counters.duplicate += 1;
+        counted = true;
     }
-    counted = true;
     return 0;
 }
 
@@ -518,7 +524,7 @@ void TwampTestSession::updatePmMember(PmPeriodRecord& record, int bin,
     trackSequence(packet.getSenderSeqNo(), lastSenderSeqNo[parity], missingSenderSeqNos[parity],
                   {record.at(PmCounter::lostPktsFwd, bin), record.at(PmCounter::latePktsFwd, bin),
                    record.at(PmCounter::duplicatePktsFwd, bin)},
-                  reverseGap, counted);
+                  reverseGap, packet.getReplyCount() == 1, counted);
     // Only the first reply of a packet feeds delays and header fields.
     if (packet.getReplyCount() != 1) {
         return;
@@ -573,7 +579,7 @@ uint32_t TwampTestSession::trackReverseSequence(PmPeriodRecord& record, int bin,
         packet.getResponderSeqNo(), expectedResponderSeqNo[parity], missingResponderSeqNos[parity],
         {record.at(PmCounter::lostPktsRev, bin), record.at(PmCounter::latePktsRev, bin),
          record.at(PmCounter::duplicatePktsRev, bin)},
-        0, counted);
+        0, packet.getReplyCount() == 1, counted);
 }
 
 void TwampTestSession::addHeaderFields(const OutstandingPacket& packet, int parity) {
