@@ -612,11 +612,6 @@ std::string MinuteOracle::unfinishedPacket(const std::vector<const PacketTruth*>
 std::string MinuteOracle::knownDefectIn(const std::vector<const PacketTruth*>& sent) {
     std::vector<const PacketTruth*> analysed;
     for (const PacketTruth* packet : sent) {
-        // Two copies before the transmit timestamp: the session keeps only
-        // the last one, analyses it as a duplicate and counts the packet lost.
-        if (packet->copiesBeforeTimestamp >= 2) {
-            return "two copies of a reply came before its transmit timestamp";
-        }
         if (packet->readyOrder != 0) {
             analysed.push_back(packet);
         }

@@ -161,7 +161,7 @@ class SessionSimulationDefectTest : public control_test::MeasureTestBase {
 
 // Two copies of a reply that both come before the packet's transmit
 // timestamp are two received replies and one answered packet with a delay.
-TEST_F(SessionSimulationDefectTest, DISABLED_TwoCopiesBeforeTheTransmitTimestampAreBothReceived) {
+TEST_F(SessionSimulationDefectTest, TwoCopiesBeforeTheTransmitTimestampAreBothReceived) {
     auto session = startSession();
     const uint64_t t1 = sendAt(*session, 8, 0);
     const uint64_t t1Prime = t1 + kNtpUnit;

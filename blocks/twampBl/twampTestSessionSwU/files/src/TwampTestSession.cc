@@ -409,8 +409,8 @@ void TwampTestSession::receiveErrQueueMessage(struct msghdr* msg, ssize_t length
         TRACE_LAB("No outstanding packet found for seqNum: %u ", seqNo);
         return;
     }
-    OutstandingPacket* held = outstanding.heldReply(seqNo);
-    if (held == nullptr && sent->replyCount != 0 && sent->t1Prime != 0) {
+    const std::vector<OutstandingPacket*> held = outstanding.heldReplies(seqNo);
+    if (held.empty() && sent->replyCount != 0 && sent->t1Prime != 0) {
         // The packet was answered and analysed already: a second timestamp
         // would count its reply twice.
         TRACE_LAB("Repeated TX Timestamp ignored, seqNum: %u ", seqNo);
@@ -419,15 +419,23 @@ void TwampTestSession::receiveErrQueueMessage(struct msghdr* msg, ssize_t length
     sent->t1Prime = getTxTimestamp(msg);
     // The usual order: the timestamp came before the reply. A held reply
     // without a receive timestamp is never analysed.
-    if (held == nullptr || held->getT4() == 0) {
+    const auto received = [](const OutstandingPacket* reply) { return reply->getT4() != 0; };
+    if (std::none_of(held.begin(), held.end(), received)) {
         return;
     }
-    held->restore(sent->t1Prime, sent->replyCount);
     TRACE_LAB("Got late TX Timestamp, seqNum: %u ", seqNo);
+    // Every copy that came meanwhile is analysed in the order it came: the
+    // first one gives the delays, the others are duplicates.
     const uint32_t minute = sent->minute;
-    analyzePM(*held, recordIndexOf(minute), static_cast<int>(minute % kMinutesPerInterval),
-              parityOf(minute));
-    outstanding.releaseReply(seqNo);
+    for (OutstandingPacket* reply : held) {
+        if (!received(reply)) {
+            continue;
+        }
+        reply->restore(sent->t1Prime, reply->getReplyCount());
+        analyzePM(*reply, recordIndexOf(minute), static_cast<int>(minute % kMinutesPerInterval),
+                  parityOf(minute));
+    }
+    outstanding.releaseReplies(seqNo);
 }
 
 // Several sessions may share one reflector address; the socket asks each
