@@ -199,7 +199,7 @@ void MinuteOracle::replyDelivered(uint32_t seqNo, uint64_t t2, uint64_t t3, uint
     }
     --packet->copiesPending;
     if (t4 - packet->t1Prime > kNtpFourSeconds) {
-        // The session rightly ignores it; the minute is no longer comparable.
+        // The session discards it: it counts nowhere.
         packet->lateCopy = true;
         return;
     }
@@ -599,9 +599,6 @@ std::string MinuteOracle::disturbanceNear(const MinuteTruth& minute) const {
 
 std::string MinuteOracle::unfinishedPacket(const std::vector<const PacketTruth*>& sent) {
     for (const PacketTruth* packet : sent) {
-        if (packet->lateCopy) {
-            return "a reply came later than 4 s";
-        }
         if (packet->outbound || packet->timestampPending || packet->copiesPending > 0) {
             return "a packet was still on its way when the minute was finalised";
         }

@@ -374,16 +374,25 @@ void TwampTestSession::receiveMessage(struct msghdr* msg) {
         return;
     }
     auto packet = std::make_unique<OutstandingPacket>(seqNo, sent->t1);
-    packet->restore(sent->t1Prime, sent->replyCount);
     packet->setResponse(msg, TwampTestSessionController::getInstance()->getSocketHelper());
-    outstanding.countReply(seqNo);
-    const uint32_t minute = sent->minute;
     if (sent->t1Prime == 0) {
         TRACE_LAB("Received response packet, but TX timestamp unknown, seqNum: %u ", seqNo);
         outstanding.holdReply(std::move(packet));
         return;
     }
-    analyzePM(*packet, recordIndexOf(minute), static_cast<int>(minute % kMinutesPerInterval),
+    analyzeReply(*packet, *sent);
+}
+
+void TwampTestSession::analyzeReply(OutstandingPacket& reply, const SentPacket& sent) {
+    // The reply counts, as the packet's next one, only when it came within
+    // 4 s of the transmit timestamp: a later copy is discarded by analyzePM
+    // and is neither a received packet nor a duplicate.
+    reply.restore(sent.t1Prime, sent.replyCount + 1);
+    if (reply.getT4() - sent.t1Prime <= kRoundTripLimit) {
+        outstanding.countReply(reply.getSenderSeqNo());
+    }
+    const uint32_t minute = sent.minute;
+    analyzePM(reply, recordIndexOf(minute), static_cast<int>(minute % kMinutesPerInterval),
               parityOf(minute));
 }
 
@@ -426,14 +435,10 @@ void TwampTestSession::receiveErrQueueMessage(struct msghdr* msg, ssize_t length
     TRACE_LAB("Got late TX Timestamp, seqNum: %u ", seqNo);
     // Every copy that came meanwhile is analysed in the order it came: the
     // first one gives the delays, the others are duplicates.
-    const uint32_t minute = sent->minute;
     for (OutstandingPacket* reply : held) {
-        if (!received(reply)) {
-            continue;
+        if (received(reply)) {
+            analyzeReply(*reply, *sent);
         }
-        reply->restore(sent->t1Prime, reply->getReplyCount());
-        analyzePM(*reply, recordIndexOf(minute), static_cast<int>(minute % kMinutesPerInterval),
-                  parityOf(minute));
     }
     outstanding.releaseReplies(seqNo);
 }

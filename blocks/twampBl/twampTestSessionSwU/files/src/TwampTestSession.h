@@ -256,6 +256,7 @@ class TwampTestSession : public IoHandler, public MessageReceiver {
     void startMinute(uint32_t minute);
     void minuteTick(uint32_t minute);
     SentPacket* findSentPacket(int parity, uint32_t seqNo);
+    void analyzeReply(OutstandingPacket& reply, const SentPacket& sent);
     bool isOutstanding(uint32_t seqNo, uint64_t t1) const;
     bool isSequenceBroken(const OutstandingPacket& packet, int parity) const;
     bool isResponderRenumbered(const OutstandingPacket& packet, int parity) const;
