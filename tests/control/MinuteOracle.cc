@@ -285,10 +285,6 @@ MinuteVerdict MinuteOracle::judge(const MinuteKey& key) const {
     if (verdict.reason.empty()) {
         verdict.reason = unfinishedPacket(sent);
     }
-    if (verdict.reason.empty()) {
-        verdict.knownDefect = knownDefectIn(sent);
-        verdict.reason = verdict.knownDefect;
-    }
     if (!verdict.reason.empty()) {
         return verdict;
     }
@@ -601,39 +597,6 @@ std::string MinuteOracle::unfinishedPacket(const std::vector<const PacketTruth*>
     for (const PacketTruth* packet : sent) {
         if (packet->outbound || packet->timestampPending || packet->copiesPending > 0) {
             return "a packet was still on its way when the minute was finalised";
-        }
-    }
-    return std::string();
-}
-
-std::string MinuteOracle::knownDefectIn(const std::vector<const PacketTruth*>& sent) {
-    std::vector<const PacketTruth*> analysed;
-    for (const PacketTruth* packet : sent) {
-        if (packet->readyOrder != 0) {
-            analysed.push_back(packet);
-        }
-    }
-    std::sort(analysed.begin(), analysed.end(),
-              [](const PacketTruth* left, const PacketTruth* right) {
-                  return left->readyOrder < right->readyOrder;
-              });
-    if (analysed.empty()) {
-        return std::string();
-    }
-    uint64_t highestSerial = analysed.front()->serial;
-    uint32_t highestResponder = analysed.front()->responderSeqNo;
-    for (const PacketTruth* packet : analysed) {
-        const uint32_t responder = packet->responderSeqNo;
-        // A reply to the next packet in sending order whose reflector
-        // number went back is taken for a renumbering reflector, and the
-        // reverse loss is then overcounted.
-        if (packet->serial > highestSerial &&
-            static_cast<int32_t>(responder - highestResponder) <= 0) {
-            return "a packet overtaken on the way out was answered in sending order";
-        }
-        highestSerial = std::max(highestSerial, packet->serial);
-        if (static_cast<int32_t>(responder - highestResponder) > 0) {
-            highestResponder = responder;
         }
     }
     return std::string();

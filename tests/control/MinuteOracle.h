@@ -81,7 +81,6 @@ class MinuteOracle {
     std::vector<const PacketTruth*> packetsOf(const MinuteTruth& minute) const;
     std::string disturbanceNear(const MinuteTruth& minute) const;
     static std::string unfinishedPacket(const std::vector<const PacketTruth*>& packets);
-    static std::string knownDefectIn(const std::vector<const PacketTruth*>& packets);
     static bool analysedInOrder(const std::vector<const PacketTruth*>& packets);
     static bool beyondFourSeconds(const std::vector<const PacketTruth*>& packets);
     static bool gapsLostOneWay(const std::vector<const PacketTruth*>& packets);

@@ -84,9 +84,6 @@ void SessionSimulation::Totals::add(const Totals& other) {
     inOrder += other.inOrder;
     periodsCompared += other.periodsCompared;
     lostForwardVoid += other.lostForwardVoid;
-    for (const auto& entry : other.knownDefects) {
-        knownDefects[entry.first] += entry.second;
-    }
     for (const auto& entry : other.notClean) {
         notClean[entry.first] += entry.second;
     }
@@ -534,8 +531,6 @@ void SessionSimulation::checkMinute(const MinuteKey& minute) {
     finalisedBins.emplace_back(minute, bin);
     if (verdict.clean) {
         compareWithTruth(minute, verdict, bin);
-    } else if (!verdict.knownDefect.empty()) {
-        ++counts.knownDefects[verdict.knownDefect];
     } else {
         ++counts.notClean[verdict.reason];
     }

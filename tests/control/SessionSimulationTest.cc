@@ -15,11 +15,12 @@
 //   0..63, TTL 1..255, nothing measured without a received packet. Its bin
 //   keeps the values it was finalised with until the bin is reused.
 // - A clean minute (no restart, clock step or stall within 20 s of it, no
-//   reply later than 4 s or after the finalisation, no packet crossing one
-//   of the neighbouring minutes on the way out, one reflector incarnation)
-//   reports exactly: sentPkts, receivedPkts, the duplicates of both
-//   directions, lostPktsFwd + lostPktsRev, the round trip's average,
-//   maximum, minimum and percentiles, DSCP and both TTLs.
+//   reply after the finalisation, no packet crossing one of the
+//   neighbouring minutes on the way out, one reflector incarnation) reports
+//   exactly: sentPkts, receivedPkts, the duplicates of both directions,
+//   lostPktsFwd + lostPktsRev, the round trip's average, maximum, minimum
+//   and percentiles, DSCP and both TTLs (replies later than 4 s count
+//   nowhere); or, when a round trip or an IPDV exceeds 4 s, -2 throughout.
 // - A clean minute whose packets a stateful reflector received and the
 //   session analysed in the order they were sent reports exactly as well:
 //   the loss of each direction, no late packets, the IPDV of both
@@ -30,9 +31,8 @@
 // may be -2, as documented), loss periods of runs lost both ways, and
 // anything of minutes that are not clean beyond the rules.
 //
-// Known defects of the daemon: minutes that run into one are only checked
-// against the rules and counted apart (MinuteOracle::knownDefectIn); each
-// defect has a disabled reproduction at the end of this file.
+// The defects the simulation found have a reproduction of their own at the
+// end of this file.
 //
 // The seed is printed; TWAMP_TEST_SEED repeats a run, and
 // TWAMP_SIMULATION_MINUTES sets how many minutes are simulated (2000 by
@@ -138,20 +138,13 @@ TEST_F(SessionSimulationTest, EveryFinalisedMinuteTellsTheTruth) {
         std::cout << entry.second << " minutes only checked against the rules: " << entry.first
                   << std::endl;
     }
-    for (const auto& entry : totals.knownDefects) {
-        std::cout << entry.second << " minutes ran into a known defect: " << entry.first
-                  << std::endl;
-    }
     // Most minutes are clean: a test that compares almost nothing proves nothing.
     EXPECT_GT(totals.clean * 2, totals.minutesChecked);
 }
 
 // Minimal reproductions of the defects the simulation found (the late copy
-// beyond 4 s was found while writing its oracle: such minutes are not clean).
-// Each asserts what the minute should report and fails on the daemon as it
-// stands, so it is disabled until the defect is mended; meanwhile the
-// randomized test leaves the condition out of its comparison
-// (MinuteOracle::judge and MinuteOracle::knownDefectIn).
+// beyond 4 s was found while writing its oracle). Each asserts what the
+// minute must report.
 class SessionSimulationDefectTest : public control_test::MeasureTestBase {
   protected:
     int64_t value(const TwampTestSession& session, PmCounter::Index counter, int bin) const {
@@ -217,6 +210,49 @@ TEST_F(SessionSimulationDefectTest, PacketsSwappedOnTheWayOutLoseNothing) {
     EXPECT_EQ(4, value(*session, PmCounter::sentPkts, 8));
     EXPECT_EQ(4, value(*session, PmCounter::receivedPkts, 8));
     EXPECT_EQ(0, value(*session, PmCounter::lostPktsFwd, 8));
+    EXPECT_EQ(0, value(*session, PmCounter::lostPktsRev, 8));
+}
+
+// The packet after the minute's first overtook it on the way to the
+// reflector (so the reflector numbered them 2 and 1), and the replies came
+// back in sending order: nothing is lost, the reply numbered 1 is no
+// reflector numbering from the start again.
+TEST_F(SessionSimulationDefectTest, FirstPacketOvertakenOnTheWayOutLosesNothing) {
+    auto session = startSession();
+    std::vector<uint64_t> t1;
+    for (int eighth = 0; eighth < 3; ++eighth) {
+        t1.push_back(sendAt(*session, 8, 0, eighth));
+    }
+    answer(*session, 0, t1[0], 2, 2, 2);
+    answer(*session, 1, t1[1], 1, 2, 2);
+    answer(*session, 2, t1[2], 3, 2, 2);
+    sendAt(*session, 9, 4);
+    EXPECT_EQ(3, value(*session, PmCounter::sentPkts, 8));
+    EXPECT_EQ(3, value(*session, PmCounter::receivedPkts, 8));
+    EXPECT_EQ(0, value(*session, PmCounter::lostPktsFwd, 8));
+    EXPECT_EQ(0, value(*session, PmCounter::lostPktsRev, 8));
+    EXPECT_EQ(0, value(*session, PmCounter::duplicatePktsFwd, 8) +
+                     value(*session, PmCounter::duplicatePktsRev, 8));
+}
+
+// At one packet a second (a jump limit of 0 packets) a packet lost on the
+// way out, followed by one that overtook the packet before it on the way to
+// the reflector: the reflector's number goes back a little while the
+// sender's jumped, which is no reflector restart.
+TEST_F(SessionSimulationDefectTest, OvertakingAfterALossIsNoRestart) {
+    auto session = startSession(0);
+    std::vector<uint64_t> t1;
+    for (int second = 0; second < 4; ++second) {
+        t1.push_back(sendAt(*session, 8, second));
+    }
+    answer(*session, 0, t1[0], 10, 2, 2);
+    answer(*session, 1, t1[1], 12, 2, 2);
+    answer(*session, 3, t1[3], 11, 2, 2);
+    EXPECT_FALSE(session->getSequenceErrorFlagForTest());
+    sendAt(*session, 9, 4);
+    EXPECT_EQ(4, value(*session, PmCounter::sentPkts, 8));
+    EXPECT_EQ(3, value(*session, PmCounter::receivedPkts, 8));
+    EXPECT_EQ(1, value(*session, PmCounter::lostPktsFwd, 8));
     EXPECT_EQ(0, value(*session, PmCounter::lostPktsRev, 8));
 }
 

@@ -67,8 +67,9 @@ struct MinuteTruth {
 
 // How far a finalised minute can be compared with the truth.
 //   clean:    nothing disturbed it (no reflector restart, clock step or
-//             stall near it), every reply came within 4 s and before the
-//             finalisation, its packets reached a reflector of one
+//             stall near it), every reply came before the finalisation
+//             (those later than 4 s count nowhere), its packets reached a
+//             reflector of one
 //             incarnation without crossing the packets of the minutes
 //             around it. Its packet totals, duplicates, round-trip delays,
 //             DSCP and TTL are exact.
@@ -84,9 +85,6 @@ struct MinuteVerdict {
     bool inOrder = false;
     bool periodsComparable = false;
     std::string reason;  // why it is not compared further
-    // A known defect of the daemon that the minute runs into; such a
-    // minute is only checked against the rules, and counted apart.
-    std::string knownDefect;
     // Packets overtook each other on the way out, so the reflector's
     // numbers do not follow the sender's: the loss arithmetic need not add
     // up, and lostPktsFwd alone is then -2, as documented.

@@ -269,7 +269,7 @@ TEST_F(TwampTestSessionFinalizeTest, RateAboveThousandGivesZeroMilliseconds) {
 TEST_F(TwampTestSessionFinalizeTest, RestartBeforeFinalisationVoidsTheMinute) {
     auto session = startSession(10);
     const auto t1 = sendInMinuteEight(*session, 45);
-    answer(*session, 0, t1[0], 10, 2, 2);
+    answer(*session, 0, t1[0], 1000, 2, 2);
     sendAt(*session, 9, 0);
     answer(*session, 44, t1[44], 0, 2, 2);
     EXPECT_TRUE(session->getSequenceErrorFlagForTest());
@@ -293,7 +293,7 @@ TEST_F(TwampTestSessionFinalizeTest, RestartAfterFinalisationOnlyPausesAccountin
         t1.push_back(sendAt(*session, 9, 0, index));
     }
     EXPECT_EQ(1, binEight(*session)[PmCounter::receivedPkts]);
-    answer(*session, 1, t1[0], 10, 2, 2);
+    answer(*session, 1, t1[0], 1000, 2, 2);
     answer(*session, 45, t1[44], 0, 2, 2);
     answer(*session, 46, t1[45], 1, 2, 2);
     EXPECT_TRUE(session->getSequenceErrorFlagForTest());

@@ -107,6 +107,23 @@ uint8_t jumpLimitFor(uint32_t packetsPerSecond) {
     return static_cast<uint8_t>(packetsPerSecond * 4);
 }
 
+// How far back a reflector number can lie when the packet overtook others
+// on the way to the reflector: the packets numbered between it and the
+// expected number reached the reflector while it was on its way, within
+// the 4 s a reply may take, and were sent at most 4 s before it. Eight
+// seconds of packets, at least eight packets.
+uint32_t overtakingWindowFor(int32_t packetsPerSecond) {
+    constexpr uint32_t kWindowSeconds = 8;
+    return kWindowSeconds * static_cast<uint32_t>(packetsPerSecond > 1 ? packetsPerSecond : 1);
+}
+
+// The reflector's number went back from the expected one by more than
+// overtaking on the way out can explain.
+bool wentBackBeyondOvertaking(uint32_t expected, uint32_t responderSeqNo,
+                              int32_t packetsPerSecond) {
+    return expected - responderSeqNo > overtakingWindowFor(packetsPerSecond);
+}
+
 // Sets every counter of one minute bin.
 void fillBin(PmPeriodRecord& record, int bin, int64_t value) {
     for (int counter = 0; counter < PmPeriodRecord::kCounterCount; ++counter) {
@@ -553,7 +570,11 @@ bool TwampTestSession::isSequenceBroken(const OutstandingPacket& packet, int par
     // The reflector's number went back while ours jumped ahead by more than
     // 4 s worth of packets.
     const auto senderJump = static_cast<int32_t>(packet.getSenderSeqNo() - lastSenderSeqNo[parity]);
-    return responderWentBack(packet, parity) && senderJump > sequenceJumpLimit;
+    // A number that went back no further than overtaking on the way out can
+    // take it is a packet that overtook others, also after a loss.
+    return responderWentBack(packet, parity) && senderJump > sequenceJumpLimit &&
+           wentBackBeyondOvertaking(expectedResponderSeqNo[parity], packet.getResponderSeqNo(),
+                                    packetsPerSecond);
 }
 
 bool TwampTestSession::isResponderRenumbered(const OutstandingPacket& packet, int parity) const {
@@ -563,9 +584,13 @@ bool TwampTestSession::isResponderRenumbered(const OutstandingPacket& packet, in
     // repeated reply has gone back in both numbers.
     const auto senderJump = static_cast<int32_t>(packet.getSenderSeqNo() - lastSenderSeqNo[parity]);
     // A number listed missing is a late reply whose packet overtook another
-    // on the way out, not a new numbering.
+    // on the way out, not a new numbering; so is a number that went back no
+    // further than overtaking can take it (the minute's first reply may
+    // have been overtaken, before anything was listed missing).
     return responderWentBack(packet, parity) && senderJump >= 0 && packet.getReplyCount() == 1 &&
-           !missingResponderSeqNos[parity].contains(packet.getResponderSeqNo());
+           !missingResponderSeqNos[parity].contains(packet.getResponderSeqNo()) &&
+           wentBackBeyondOvertaking(expectedResponderSeqNo[parity], packet.getResponderSeqNo(),
+                                    packetsPerSecond);
 }
 
 bool TwampTestSession::responderWentBack(const OutstandingPacket& packet, int parity) const {
