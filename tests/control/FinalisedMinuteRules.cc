@@ -42,11 +42,6 @@ FinalisedMinuteRules::Bin FinalisedMinuteRules::binOf(const PmPeriodRecord& reco
 }
 
 std::vector<std::string> FinalisedMinuteRules::violations(const Bin& bin) {
-    return violations(bin, Exemptions());
-}
-
-std::vector<std::string> FinalisedMinuteRules::violations(const Bin& bin,
-                                                          const Exemptions& exemptions) {
     std::vector<std::string> found;
     for (int counter = 0; counter < PmPeriodRecord::kCounterCount; ++counter) {
         if (bin[counter] < 0 && bin[counter] != kNotAvailable) {
@@ -54,19 +49,16 @@ std::vector<std::string> FinalisedMinuteRules::violations(const Bin& bin,
         }
     }
     checkPacketCounts(bin, found);
-    if (exemptions.onlyPacketCounts) {
-        return found;
-    }
     checkVoidBin(bin, found);
     checkDelayStatistics(bin, PmCounter::delayRtAvg, PmCounter::delayRtMax, PmCounter::delayRtMin,
-                         PmCounter::delayRtP95, PmCounter::delayRtP98, PmCounter::delayRtP99, true,
+                         PmCounter::delayRtP95, PmCounter::delayRtP98, PmCounter::delayRtP99,
                          found);
     checkDelayStatistics(bin, PmCounter::ipdvFwdAvg, PmCounter::ipdvFwdMax, PmCounter::ipdvFwdMin,
                          PmCounter::ipdvFwdP95, PmCounter::ipdvFwdP98, PmCounter::ipdvFwdP99,
-                         !exemptions.ipdvBeyondFourSeconds, found);
+                         found);
     checkDelayStatistics(bin, PmCounter::ipdvRevAvg, PmCounter::ipdvRevMax, PmCounter::ipdvRevMin,
                          PmCounter::ipdvRevP95, PmCounter::ipdvRevP98, PmCounter::ipdvRevP99,
-                         !exemptions.ipdvBeyondFourSeconds, found);
+                         found);
     checkMinMaxRange(bin, PmCounter::dscpRevMin, PmCounter::dscpRevMax, 0, 63, found);
     checkMinMaxRange(bin, PmCounter::ttlFwdMin, PmCounter::ttlFwdMax, 1, 255, found);
     checkMinMaxRange(bin, PmCounter::ttlRevMin, PmCounter::ttlRevMax, 1, 255, found);
@@ -127,10 +119,10 @@ void FinalisedMinuteRules::checkPacketCounts(const Bin& bin, std::vector<std::st
 void FinalisedMinuteRules::checkDelayStatistics(const Bin& bin, PmCounter::Index avg,
                                                 PmCounter::Index max, PmCounter::Index min,
                                                 PmCounter::Index p95, PmCounter::Index p98,
-                                                PmCounter::Index p99, bool withinFourSeconds,
+                                                PmCounter::Index p99,
                                                 std::vector<std::string>& found) {
     for (PmCounter::Index counter : {avg, max, min, p95, p98, p99}) {
-        if (withinFourSeconds && bin[counter] > simulation_time::kFourSecondsInMicroseconds) {
+        if (bin[counter] > simulation_time::kFourSecondsInMicroseconds) {
             found.push_back(valueText(bin, counter) + " exceeds 4 s");
         }
     }

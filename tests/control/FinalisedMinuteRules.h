@@ -17,17 +17,8 @@ class FinalisedMinuteRules {
 
     // The counters of bin of record.
     static Bin binOf(const PmPeriodRecord& record, int bin);
-    // Rules left out for minutes that run into a known defect.
-    struct Exemptions {
-        // Only the packet counts: no delay, IPDV, DSCP or TTL rule.
-        bool onlyPacketCounts = false;
-        // The IPDV may exceed 4 s.
-        bool ipdvBeyondFourSeconds = false;
-    };
-
     // Every rule bin breaks, one line each; empty when it obeys them all.
     static std::vector<std::string> violations(const Bin& bin);
-    static std::vector<std::string> violations(const Bin& bin, const Exemptions& exemptions);
 
   private:
     static void checkVoidBin(const Bin& bin, std::vector<std::string>& found);
@@ -35,7 +26,7 @@ class FinalisedMinuteRules {
     static void checkDelayStatistics(const Bin& bin, PmCounter::Index avg, PmCounter::Index max,
                                      PmCounter::Index min, PmCounter::Index p95,
                                      PmCounter::Index p98, PmCounter::Index p99,
-                                     bool withinFourSeconds, std::vector<std::string>& found);
+                                     std::vector<std::string>& found);
     static void checkMinMaxRange(const Bin& bin, PmCounter::Index min, PmCounter::Index max,
                                  int64_t lowest, int64_t highest, std::vector<std::string>& found);
     static void checkNothingMeasuredWithoutReplies(const Bin& bin, std::vector<std::string>& found);

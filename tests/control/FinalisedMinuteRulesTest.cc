@@ -152,28 +152,4 @@ TEST_F(FinalisedMinuteRulesTest, DelaysWithoutReceivedPackets) {
               violations());
 }
 
-// With only the packet counts asked for, stale delays are let pass.
-TEST_F(FinalisedMinuteRulesTest, OnlyPacketCounts) {
-    FinalisedMinuteRules::Exemptions onlyPacketCounts;
-    onlyPacketCounts.onlyPacketCounts = true;
-    set(PmCounter::delayRtP99, 3001);
-    set(PmCounter::lostPktsRev, 11);
-    EXPECT_EQ((std::vector<std::string>{"lostPktsRev 11 exceeds sentPkts 10",
-                                        "receivedPkts + lostPktsFwd + lostPktsRev = 21 exceeds "
-                                        "sentPkts + duplicates = 10"}),
-              FinalisedMinuteRules::violations(bin, onlyPacketCounts));
-}
-
-// With the IPDV let beyond 4 s, the other bounds still hold.
-TEST_F(FinalisedMinuteRulesTest, IpdvBeyondFourSeconds) {
-    FinalisedMinuteRules::Exemptions ipdvBeyond;
-    ipdvBeyond.ipdvBeyondFourSeconds = true;
-    set(PmCounter::ipdvFwdMax, 10000000);
-    set(PmCounter::delayRtMax, 4000001);
-    set(PmCounter::delayRtP99, 4000001);
-    EXPECT_EQ((std::vector<std::string>{"delayRtMax 4000001 exceeds 4 s",
-                                        "delayRtP99 4000001 exceeds 4 s"}),
-              FinalisedMinuteRules::violations(bin, ipdvBeyond));
-}
-
 }  // namespace

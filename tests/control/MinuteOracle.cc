@@ -9,6 +9,7 @@
 
 namespace {
 
+using simulation_time::kFourSecondsInMicroseconds;
 using simulation_time::kSecond;
 using simulation_time::ntpDifferenceToMicroseconds;
 
@@ -17,9 +18,6 @@ constexpr int64_t kNotAvailable = PmPeriodRecord::kNotAvailable;
 // replies take up to 5 s, a restarted reflector is down up to 9 s, and a
 // restart seen in the first 4 s of a minute voids the minute before.
 constexpr int64_t kDisturbanceMarginNs = 20 * kSecond;
-// Minute numbers measured this long ago are forgotten (clock steps go back
-// at most a few minutes).
-constexpr uint32_t kRememberedMinutes = 60;
 // At most this many packets are listed in a minute's description.
 constexpr std::size_t kDescribedPackets = 60;
 
@@ -33,28 +31,19 @@ constexpr PmCounter::Index kSampleCounters[] = {
     PmCounter::ttlFwdMax,  PmCounter::ttlRevMax,  PmCounter::ttlFwdMin,  PmCounter::ttlRevMin,
 };
 
-// How many times the packet timer expires in a minute at most: once a
-// second at rates 0 and 1, otherwise a minute over the interval in whole
-// nanoseconds, rounded up.
-std::size_t expiriesPerMinute(uint32_t packetsPerSecond) {
-    if (packetsPerSecond <= 1) {
-        return 60;
-    }
-    const uint64_t intervalNs = 1000000000 / packetsPerSecond;
-    return static_cast<std::size_t>((60000000000 + intervalNs - 1) / intervalNs);
-}
-
 // The round trip without the reflector's residence, in microseconds.
 uint64_t roundTripOf(const PacketTruth& packet) {
     return ntpDifferenceToMicroseconds(packet.t4 + packet.t2 - packet.t1Prime - packet.t3);
 }
 
-uint64_t forwardDelayOf(const PacketTruth& packet) {
-    return ntpDifferenceToMicroseconds(packet.t2 - packet.t1Prime);
+// The one-way delays: the clocks of sender and reflector need not agree, so
+// either may be negative.
+int64_t forwardDelayOf(const PacketTruth& packet) {
+    return simulation_time::ntpDifferenceToSignedMicroseconds(packet.t2 - packet.t1Prime);
 }
 
-uint64_t reverseDelayOf(const PacketTruth& packet) {
-    return ntpDifferenceToMicroseconds(packet.t4 - packet.t3);
+int64_t reverseDelayOf(const PacketTruth& packet) {
+    return simulation_time::ntpDifferenceToSignedMicroseconds(packet.t4 - packet.t3);
 }
 
 // The sample whose rank from the top matches percentile: of n samples in
@@ -66,20 +55,13 @@ int64_t percentileOf(const std::vector<uint64_t>& descending, int percentile) {
     return static_cast<int64_t>(descending[position]);
 }
 
-// Average, maximum, minimum and the three percentiles of samples (only
-// maximum and minimum unless whole); with no samples 0, 0, 0 and no
-// percentiles, as a minute reports an IPDV without any increase.
-void expectStatistics(std::vector<uint64_t> samples, bool whole, PmCounter::Index avg,
-                      PmCounter::Index max, PmCounter::Index min, PmCounter::Index p95,
-                      PmCounter::Index p98, PmCounter::Index p99, MinuteExpectation& expectation) {
+// Average, maximum, minimum and the three percentiles of samples; with no
+// samples 0, 0, 0 and no percentiles, as a minute reports an IPDV without
+// any increase.
+void expectStatistics(std::vector<uint64_t> samples, PmCounter::Index avg, PmCounter::Index max,
+                      PmCounter::Index min, PmCounter::Index p95, PmCounter::Index p98,
+                      PmCounter::Index p99, MinuteExpectation& expectation) {
     auto& values = expectation.values;
-    if (!whole && !samples.empty()) {
-        values.push_back(
-            {max, static_cast<int64_t>(*std::max_element(samples.begin(), samples.end()))});
-        values.push_back(
-            {min, static_cast<int64_t>(*std::min_element(samples.begin(), samples.end()))});
-        return;
-    }
     if (samples.empty()) {
         values.push_back({avg, 0});
         values.push_back({max, 0});
@@ -116,22 +98,13 @@ void MinuteOracle::Range::add(int64_t value) {
 }
 
 MinuteOracle::MinuteOracle(uint32_t packetsPerSecond, bool statelessReflector)
-    : packetsPerSecond(packetsPerSecond),
-      vectorSize(expiriesPerMinute(packetsPerSecond)),
-      statelessReflector(statelessReflector) {}
+    : packetsPerSecond(packetsPerSecond), statelessReflector(statelessReflector) {}
 
 void MinuteOracle::minuteBegins(const MinuteKey& minute, int64_t startNs) {
     MinuteTruth& truth = minuteTruths[minute];
     truth.index = nextMinuteIndex++;
     truth.startNs = startNs;
     truth.endNs = startNs + simulation_time::kMinute;
-    const auto earlier = epochOfMinuteNumber.find(minute.second);
-    truth.measuredBefore = earlier != epochOfMinuteNumber.end() && earlier->second != minute.first;
-    epochOfMinuteNumber[minute.second] = minute.first;
-    // A bin is reused after two intervals: older numbers cannot come back
-    // into a bin that still holds them.
-    epochOfMinuteNumber.erase(epochOfMinuteNumber.begin(),
-                              epochOfMinuteNumber.lower_bound(minute.second - kRememberedMinutes));
 }
 
 void MinuteOracle::packetSent(uint32_t seqNo, uint64_t t1, uint64_t t1Prime,
@@ -226,7 +199,7 @@ void MinuteOracle::replyDelivered(uint32_t seqNo, uint64_t t2, uint64_t t3, uint
     }
     --packet->copiesPending;
     if (t4 - packet->t1Prime > kNtpFourSeconds) {
-        // The session rightly ignores it; the minute is no longer comparable.
+        // The session discards it: it counts nowhere.
         packet->lateCopy = true;
         return;
     }
@@ -291,18 +264,18 @@ MinuteVerdict MinuteOracle::judge(const MinuteKey& key) const {
     MinuteVerdict verdict;
     const MinuteTruth& minute = minuteTruths.at(key);
     const std::vector<const PacketTruth*> sent = packetsOf(minute);
-    // Only the counters zeroed at the minute's start are sure to be new; the
-    // others may still hold the first measurement's values.
-    verdict.valuesMayBeStale = minute.measuredBefore;
-    verdict.samplesBeyondVector =
-        std::count_if(sent.begin(), sent.end(), [](const PacketTruth* packet) {
-            return packet->copiesDelivered > 0;
-        }) > static_cast<std::ptrdiff_t>(vectorSize);
+    bool reflectorClockSet = false;
     for (int64_t stepNs : largeReflectorClockSteps) {
-        verdict.ipdvMayExceedBound |= stepNs >= minute.startNs - kDisturbanceMarginNs &&
-                                      stepNs <= minute.endNs + kDisturbanceMarginNs;
+        reflectorClockSet |= stepNs >= minute.startNs - kDisturbanceMarginNs &&
+                             stepNs <= minute.endNs + kDisturbanceMarginNs;
     }
     verdict.reason = disturbanceNear(minute);
+    // Which pairs of packets give IPDV samples, and so whether the step
+    // shows as an IPDV beyond 4 s, depends on the order of analysis.
+    if (verdict.reason.empty() && reflectorClockSet && !analysedInOrder(sent)) {
+        verdict.reason =
+            "the reflector's clock was set by more than 4 s and packets were analysed out of order";
+    }
     if (verdict.reason.empty() && minute.crossedAtReflector) {
         verdict.reason = "its packets crossed those of a minute around it on the way out";
     }
@@ -311,10 +284,6 @@ MinuteVerdict MinuteOracle::judge(const MinuteKey& key) const {
     }
     if (verdict.reason.empty()) {
         verdict.reason = unfinishedPacket(sent);
-    }
-    if (verdict.reason.empty()) {
-        verdict.knownDefect = knownDefectIn(sent);
-        verdict.reason = verdict.knownDefect;
     }
     if (!verdict.reason.empty()) {
         return verdict;
@@ -360,6 +329,14 @@ MinuteExpectation MinuteOracle::expect(const MinuteKey& key, const MinuteVerdict
     if (verdict.periodsComparable) {
         expectLossPeriods(sent, expectation);
     }
+    if (beyondFourSeconds(sent)) {
+        // The minute is invalidated whole.
+        expectation.values.clear();
+        for (int counter = 0; counter < PmPeriodRecord::kCounterCount; ++counter) {
+            expectation.values.push_back({static_cast<PmCounter::Index>(counter), kNotAvailable});
+        }
+        expectation.invalidated = true;
+    }
     return expectation;
 }
 
@@ -391,9 +368,9 @@ void MinuteOracle::expectSampleCounters(const std::vector<const PacketTruth*>& s
         }
         return;
     }
-    expectStatistics(roundTrips, !verdict.samplesBeyondVector, PmCounter::delayRtAvg,
-                     PmCounter::delayRtMax, PmCounter::delayRtMin, PmCounter::delayRtP95,
-                     PmCounter::delayRtP98, PmCounter::delayRtP99, expectation);
+    expectStatistics(roundTrips, PmCounter::delayRtAvg, PmCounter::delayRtMax,
+                     PmCounter::delayRtMin, PmCounter::delayRtP95, PmCounter::delayRtP98,
+                     PmCounter::delayRtP99, expectation);
     const auto expectRange = [&values](const Range& range, PmCounter::Index min,
                                        PmCounter::Index max) {
         values.push_back({min, range.any ? range.min : kNotAvailable});
@@ -403,11 +380,11 @@ void MinuteOracle::expectSampleCounters(const std::vector<const PacketTruth*>& s
     expectRange(ttlFwd, PmCounter::ttlFwdMin, PmCounter::ttlFwdMax);
     expectRange(ttlRev, PmCounter::ttlRevMin, PmCounter::ttlRevMax);
     if (verdict.inOrder) {
-        expectIpdv(sent, !verdict.samplesBeyondVector, expectation);
+        expectIpdv(sent, expectation);
     }
 }
 
-void MinuteOracle::expectIpdv(const std::vector<const PacketTruth*>& sent, bool wholeStatistics,
+void MinuteOracle::expectIpdv(const std::vector<const PacketTruth*>& sent,
                               MinuteExpectation& expectation) {
     // The increase of each one-way delay from one packet to the next
     // sequence number, where both were answered; decreases are not samples.
@@ -419,10 +396,8 @@ void MinuteOracle::expectIpdv(const std::vector<const PacketTruth*>& sent, bool 
         if (previous.copiesDelivered == 0 || packet.copiesDelivered == 0) {
             continue;
         }
-        const auto forwardIncrease =
-            static_cast<int64_t>(forwardDelayOf(packet) - forwardDelayOf(previous));
-        const auto reverseIncrease =
-            static_cast<int64_t>(reverseDelayOf(packet) - reverseDelayOf(previous));
+        const int64_t forwardIncrease = forwardDelayOf(packet) - forwardDelayOf(previous);
+        const int64_t reverseIncrease = reverseDelayOf(packet) - reverseDelayOf(previous);
         if (forwardIncrease >= 0) {
             forward.push_back(static_cast<uint64_t>(forwardIncrease));
         }
@@ -430,12 +405,12 @@ void MinuteOracle::expectIpdv(const std::vector<const PacketTruth*>& sent, bool 
             reverse.push_back(static_cast<uint64_t>(reverseIncrease));
         }
     }
-    expectStatistics(forward, wholeStatistics, PmCounter::ipdvFwdAvg, PmCounter::ipdvFwdMax,
-                     PmCounter::ipdvFwdMin, PmCounter::ipdvFwdP95, PmCounter::ipdvFwdP98,
-                     PmCounter::ipdvFwdP99, expectation);
-    expectStatistics(reverse, wholeStatistics, PmCounter::ipdvRevAvg, PmCounter::ipdvRevMax,
-                     PmCounter::ipdvRevMin, PmCounter::ipdvRevP95, PmCounter::ipdvRevP98,
-                     PmCounter::ipdvRevP99, expectation);
+    expectStatistics(forward, PmCounter::ipdvFwdAvg, PmCounter::ipdvFwdMax, PmCounter::ipdvFwdMin,
+                     PmCounter::ipdvFwdP95, PmCounter::ipdvFwdP98, PmCounter::ipdvFwdP99,
+                     expectation);
+    expectStatistics(reverse, PmCounter::ipdvRevAvg, PmCounter::ipdvRevMax, PmCounter::ipdvRevMin,
+                     PmCounter::ipdvRevP95, PmCounter::ipdvRevP98, PmCounter::ipdvRevP99,
+                     expectation);
 }
 
 void MinuteOracle::expectDirections(const std::vector<const PacketTruth*>& sent,
@@ -620,9 +595,6 @@ std::string MinuteOracle::disturbanceNear(const MinuteTruth& minute) const {
 
 std::string MinuteOracle::unfinishedPacket(const std::vector<const PacketTruth*>& sent) {
     for (const PacketTruth* packet : sent) {
-        if (packet->lateCopy) {
-            return "a reply came later than 4 s";
-        }
         if (packet->outbound || packet->timestampPending || packet->copiesPending > 0) {
             return "a packet was still on its way when the minute was finalised";
         }
@@ -630,73 +602,29 @@ std::string MinuteOracle::unfinishedPacket(const std::vector<const PacketTruth*>
     return std::string();
 }
 
-bool MinuteOracle::oneWayDelayChangesSign(const PacketTruth& previous, const PacketTruth& packet) {
-    // The clocks of sender and reflector need not agree, so a one-way delay
-    // may be negative; one that changes sign between two answered packets in
-    // a row turns into an IPDV sample of about 2^38 us, which voids the minute
-    // (or hides a real increase).
-    if (previous.copiesDelivered == 0 || packet.copiesDelivered == 0) {
-        return false;
-    }
-    const auto negative = [](uint64_t difference) { return static_cast<int64_t>(difference) < 0; };
-    return negative(previous.t2 - previous.t1Prime) != negative(packet.t2 - packet.t1Prime) ||
-           negative(previous.t4 - previous.t3) != negative(packet.t4 - packet.t3);
-}
-
-std::string MinuteOracle::knownDefectIn(const std::vector<const PacketTruth*>& sent) {
-    std::vector<const PacketTruth*> analysed;
-    for (const PacketTruth* packet : sent) {
-        // Two copies before the transmit timestamp: the session keeps only
-        // the last one, analyses it as a duplicate and counts the packet lost.
-        if (packet->copiesBeforeTimestamp >= 2) {
-            return "two copies of a reply came before its transmit timestamp";
+bool MinuteOracle::beyondFourSeconds(const std::vector<const PacketTruth*>& sent) {
+    // A round trip, or (analysed in order, so that the samples are the
+    // increases from one answered packet to the next) an increase of a
+    // one-way delay, beyond 4 s: only a reflector clock that was set does that.
+    const bool inOrder = analysedInOrder(sent);
+    for (std::size_t index = 0; index < sent.size(); ++index) {
+        const PacketTruth& packet = *sent[index];
+        if (packet.copiesDelivered == 0) {
+            continue;
         }
-        if (packet->readyOrder != 0) {
-            analysed.push_back(packet);
+        if (roundTripOf(packet) > kFourSecondsInMicroseconds) {
+            return true;
         }
-        // The next number expected after 4294967295 is 0, which the session
-        // takes for "no reply yet": the next reply starts the reverse
-        // tracking afresh, as if it were the minute's first.
-        if (packet->copiesDelivered > 0 && packet->responderSeqNo == UINT32_MAX) {
-            return "the reflector's number wrapped from 4294967295 to 0";
+        if (!inOrder || index == 0 || sent[index - 1]->copiesDelivered == 0) {
+            continue;
+        }
+        const PacketTruth& previous = *sent[index - 1];
+        if (forwardDelayOf(packet) - forwardDelayOf(previous) > kFourSecondsInMicroseconds ||
+            reverseDelayOf(packet) - reverseDelayOf(previous) > kFourSecondsInMicroseconds) {
+            return true;
         }
     }
-    for (std::size_t index = 1; index < sent.size(); ++index) {
-        if (oneWayDelayChangesSign(*sent[index - 1], *sent[index])) {
-            return "a one-way delay changed sign from one packet to the next";
-        }
-    }
-    std::sort(analysed.begin(), analysed.end(),
-              [](const PacketTruth* left, const PacketTruth* right) {
-                  return left->readyOrder < right->readyOrder;
-              });
-    if (analysed.empty()) {
-        return std::string();
-    }
-    const uint32_t firstResponder = analysed.front()->responderSeqNo;
-    uint64_t highestSerial = analysed.front()->serial;
-    uint32_t highestResponder = firstResponder;
-    for (const PacketTruth* packet : analysed) {
-        const uint32_t responder = packet->responderSeqNo;
-        // The minute's first reply sets the reflector's pace; an earlier
-        // reply analysed after it is taken for a duplicate and the minute
-        // is voided.
-        if (static_cast<int32_t>(responder - firstResponder) < 0) {
-            return "the first reply analysed in the minute overtook an earlier one";
-        }
-        // A reply to the next packet in sending order whose reflector
-        // number went back is taken for a renumbering reflector, and the
-        // reverse loss is then overcounted.
-        if (packet->serial > highestSerial &&
-            static_cast<int32_t>(responder - highestResponder) <= 0) {
-            return "a packet overtaken on the way out was answered in sending order";
-        }
-        highestSerial = std::max(highestSerial, packet->serial);
-        if (static_cast<int32_t>(responder - highestResponder) > 0) {
-            highestResponder = responder;
-        }
-    }
-    return std::string();
+    return false;
 }
 
 bool MinuteOracle::analysedInOrder(const std::vector<const PacketTruth*>& sent) {

@@ -81,15 +81,14 @@ class MinuteOracle {
     std::vector<const PacketTruth*> packetsOf(const MinuteTruth& minute) const;
     std::string disturbanceNear(const MinuteTruth& minute) const;
     static std::string unfinishedPacket(const std::vector<const PacketTruth*>& packets);
-    static std::string knownDefectIn(const std::vector<const PacketTruth*>& packets);
-    static bool oneWayDelayChangesSign(const PacketTruth& previous, const PacketTruth& packet);
     static bool analysedInOrder(const std::vector<const PacketTruth*>& packets);
+    static bool beyondFourSeconds(const std::vector<const PacketTruth*>& packets);
     static bool gapsLostOneWay(const std::vector<const PacketTruth*>& packets);
     void markCrossing(uint64_t minuteIndex);
     void markCrossingOfStragglers();
     void expectSampleCounters(const std::vector<const PacketTruth*>& packets,
                               const MinuteVerdict& verdict, MinuteExpectation& expectation) const;
-    static void expectIpdv(const std::vector<const PacketTruth*>& packets, bool wholeStatistics,
+    static void expectIpdv(const std::vector<const PacketTruth*>& packets,
                            MinuteExpectation& expectation);
     static void expectDirections(const std::vector<const PacketTruth*>& packets,
                                  MinuteExpectation& expectation);
@@ -97,8 +96,6 @@ class MinuteOracle {
                            MinuteExpectation& expectation) const;
 
     uint32_t packetsPerSecond;
-    // Samples the session's percentile vectors hold: the timer's expiries in a minute.
-    std::size_t vectorSize;
     bool statelessReflector;
     std::map<MinuteKey, MinuteTruth> minuteTruths;
     std::unordered_map<uint32_t, PacketTruth> packets;
@@ -109,8 +106,6 @@ class MinuteOracle {
     uint32_t incarnation = 0;
     // When the reflector's clock was set by more than 4 s.
     std::vector<int64_t> largeReflectorClockSteps;
-    // The clock epoch each recent minute number was last measured in.
-    std::map<uint32_t, uint32_t> epochOfMinuteNumber;
     uint64_t nextSerial = 1;
     uint64_t nextMinuteIndex = 1;
     uint64_t deliveries = 0;

@@ -103,27 +103,69 @@ TEST_F(MinuteOracleTest, LeadingAndTrailingLossIsForward) {
     EXPECT_EQ(15625, values[PmCounter::ipdvRevP95]);
 }
 
-// A reply later than 4 s makes the minute incomparable.
-TEST_F(MinuteOracleTest, ReplyLaterThanFourSeconds) {
+// A reply later than 4 s counts nowhere: its packet is lost.
+TEST_F(MinuteOracleTest, ReplyLaterThanFourSecondsCountsNowhere) {
     send(1);
     reflect(0, 10);
     reply(0, 2, 5 * 64);
-    EXPECT_FALSE(oracle.judge(kMinute).clean);
-    EXPECT_EQ("a reply came later than 4 s", oracle.judge(kMinute).reason);
+    const MinuteVerdict verdict = oracle.judge(kMinute);
+    ASSERT_TRUE(verdict.clean);
+    auto values = expected(verdict);
+    EXPECT_EQ(0, values[PmCounter::receivedPkts]);
+    EXPECT_EQ(0, values[PmCounter::duplicatePktsRev]);
+    EXPECT_EQ(1, oracle.expect(kMinute, verdict).totalLost);
 }
 
-// A minute whose first analysed reply overtook an earlier one runs into a
-// known defect and is not compared.
-TEST_F(MinuteOracleTest, FirstReplyOvertakingIsAKnownDefect) {
+// A minute whose first analysed reply overtook an earlier one is compared,
+// though not in order.
+TEST_F(MinuteOracleTest, FirstReplyOvertakingIsCompared) {
     send(2);
     reflect(0, 10);
     reflect(1, 11);
     reply(1, 2, 2);
     reply(0, 2, 9);
     const MinuteVerdict verdict = oracle.judge(kMinute);
-    EXPECT_FALSE(verdict.clean);
-    EXPECT_EQ("the first reply analysed in the minute overtook an earlier one",
-              verdict.knownDefect);
+    EXPECT_TRUE(verdict.clean);
+    EXPECT_FALSE(verdict.inOrder);
+    EXPECT_EQ(2, expected(verdict)[PmCounter::receivedPkts]);
+}
+
+// An increase of a one-way delay beyond 4 s (the reflector's clock was set)
+// invalidates the minute whole.
+TEST_F(MinuteOracleTest, IpdvBeyondFourSecondsInvalidates) {
+    send(2);
+    reflect(0, 10);
+    reflect(1, 11);
+    reply(0, 2, 2);
+    // The reflector's clock jumped 5 s ahead before packet 1 reached it.
+    const uint64_t t1Prime = t1Of(1) + kUnit;
+    const uint64_t t2 = t1Prime + 2 * kUnit + (uint64_t{5} << 32);
+    oracle.replyOnItsWay(1);
+    oracle.replyDelivered(1, t2, t2 + kUnit, t1Prime + 5 * kUnit, 64, 60, 46);
+    const MinuteVerdict verdict = oracle.judge(kMinute);
+    ASSERT_TRUE(verdict.clean);
+    const MinuteExpectation expectation = oracle.expect(kMinute, verdict);
+    EXPECT_TRUE(expectation.invalidated);
+    auto values = expected(verdict);
+    EXPECT_EQ(PmPeriodRecord::kNotAvailable, values[PmCounter::sentPkts]);
+    EXPECT_EQ(PmPeriodRecord::kNotAvailable, values[PmCounter::ipdvFwdMax]);
+}
+
+// A forward delay that turns negative is a decrease, not an IPDV sample.
+TEST_F(MinuteOracleTest, ForwardDelayTurningNegativeIsNoSample) {
+    send(2);
+    reflect(0, 10);
+    reflect(1, 11);
+    reply(0, 1, 3);
+    const uint64_t t2 = t1Of(1) + kUnit - kUnit;
+    oracle.replyOnItsWay(1);
+    oracle.replyDelivered(1, t2, t2 + kUnit, t2 + 5 * kUnit, 64, 60, 46);
+    const MinuteVerdict verdict = oracle.judge(kMinute);
+    ASSERT_TRUE(verdict.inOrder);
+    auto values = expected(verdict);
+    EXPECT_EQ(0, values[PmCounter::ipdvFwdMax]);
+    EXPECT_EQ(PmPeriodRecord::kNotAvailable, values[PmCounter::ipdvFwdP99]);
+    EXPECT_EQ(15625, values[PmCounter::ipdvRevMax]);
 }
 
 // A packet of a minute already forgotten that reaches the reflector late

@@ -8,6 +8,7 @@
 #include <cstdlib>
 #include <iostream>
 #include <map>
+#include <memory>
 #include <random>
 #include <vector>
 
@@ -125,8 +126,23 @@ TEST(OutstandingPacketStoreTest, DropsHeldRepliesWithTheirMinute) {
     store.holdReply(std::make_unique<OutstandingPacket>(0, 1));
     store.holdReply(std::make_unique<OutstandingPacket>(1, 2));
     store.dropMinute(100);
-    EXPECT_EQ(nullptr, store.heldReply(0));
-    EXPECT_NE(nullptr, store.heldReply(1));
+    EXPECT_TRUE(store.heldReplies(0).empty());
+    EXPECT_EQ(1u, store.heldReplies(1).size());
+}
+
+// Every copy of a reply held is kept, in the order the copies came.
+TEST(OutstandingPacketStoreTest, HoldsEveryCopyInOrder) {
+    OutstandingPacketStore store;
+    store.add(0, 1, 100);
+    auto first = std::make_unique<OutstandingPacket>(0, 1);
+    auto second = std::make_unique<OutstandingPacket>(0, 1);
+    OutstandingPacket* firstCopy = first.get();
+    OutstandingPacket* secondCopy = second.get();
+    store.holdReply(std::move(first));
+    store.holdReply(std::move(second));
+    EXPECT_EQ((std::vector<OutstandingPacket*>{firstCopy, secondCopy}), store.heldReplies(0));
+    store.releaseReplies(0);
+    EXPECT_TRUE(store.heldReplies(0).empty());
 }
 
 // The ring grows when more is outstanding than it was made for.

@@ -41,9 +41,6 @@ class SessionSimulation {
         uint64_t periodsCompared = 0;
         // Clean minutes whose lostPktsFwd was -2 after reordering on the way out.
         uint64_t lostForwardVoid = 0;
-        // Minutes that ran into a known defect of the daemon, by defect: only
-        // checked against the rules (packet counts only for minutes measured again).
-        std::map<std::string, uint64_t> knownDefects;
         // Minutes only checked against the rules, by why they were not clean.
         std::map<std::string, uint64_t> notClean;
         void add(const Totals& other);

@@ -15,11 +15,12 @@
 //   0..63, TTL 1..255, nothing measured without a received packet. Its bin
 //   keeps the values it was finalised with until the bin is reused.
 // - A clean minute (no restart, clock step or stall within 20 s of it, no
-//   reply later than 4 s or after the finalisation, no packet crossing one
-//   of the neighbouring minutes on the way out, one reflector incarnation)
-//   reports exactly: sentPkts, receivedPkts, the duplicates of both
-//   directions, lostPktsFwd + lostPktsRev, the round trip's average,
-//   maximum, minimum and percentiles, DSCP and both TTLs.
+//   reply after the finalisation, no packet crossing one of the
+//   neighbouring minutes on the way out, one reflector incarnation) reports
+//   exactly: sentPkts, receivedPkts, the duplicates of both directions,
+//   lostPktsFwd + lostPktsRev, the round trip's average, maximum, minimum
+//   and percentiles, DSCP and both TTLs (replies later than 4 s count
+//   nowhere); or, when a round trip or an IPDV exceeds 4 s, -2 throughout.
 // - A clean minute whose packets a stateful reflector received and the
 //   session analysed in the order they were sent reports exactly as well:
 //   the loss of each direction, no late packets, the IPDV of both
@@ -30,9 +31,8 @@
 // may be -2, as documented), loss periods of runs lost both ways, and
 // anything of minutes that are not clean beyond the rules.
 //
-// Known defects of the daemon: minutes that run into one are only checked
-// against the rules and counted apart (MinuteOracle::knownDefectIn); each
-// defect has a disabled reproduction at the end of this file.
+// The defects the simulation found have a reproduction of their own at the
+// end of this file.
 //
 // The seed is printed; TWAMP_TEST_SEED repeats a run, and
 // TWAMP_SIMULATION_MINUTES sets how many minutes are simulated (2000 by
@@ -138,20 +138,13 @@ TEST_F(SessionSimulationTest, EveryFinalisedMinuteTellsTheTruth) {
         std::cout << entry.second << " minutes only checked against the rules: " << entry.first
                   << std::endl;
     }
-    for (const auto& entry : totals.knownDefects) {
-        std::cout << entry.second << " minutes ran into a known defect: " << entry.first
-                  << std::endl;
-    }
     // Most minutes are clean: a test that compares almost nothing proves nothing.
     EXPECT_GT(totals.clean * 2, totals.minutesChecked);
 }
 
 // Minimal reproductions of the defects the simulation found (the late copy
-// beyond 4 s was found while writing its oracle: such minutes are not clean).
-// Each asserts what the minute should report and fails on the daemon as it
-// stands, so it is disabled until the defect is mended; meanwhile the
-// randomized test leaves the condition out of its comparison
-// (MinuteOracle::judge and MinuteOracle::knownDefectIn).
+// beyond 4 s was found while writing its oracle). Each asserts what the
+// minute must report.
 class SessionSimulationDefectTest : public control_test::MeasureTestBase {
   protected:
     int64_t value(const TwampTestSession& session, PmCounter::Index counter, int bin) const {
@@ -161,7 +154,7 @@ class SessionSimulationDefectTest : public control_test::MeasureTestBase {
 
 // Two copies of a reply that both come before the packet's transmit
 // timestamp are two received replies and one answered packet with a delay.
-TEST_F(SessionSimulationDefectTest, DISABLED_TwoCopiesBeforeTheTransmitTimestampAreBothReceived) {
+TEST_F(SessionSimulationDefectTest, TwoCopiesBeforeTheTransmitTimestampAreBothReceived) {
     auto session = startSession();
     const uint64_t t1 = sendAt(*session, 8, 0);
     const uint64_t t1Prime = t1 + kNtpUnit;
@@ -180,7 +173,7 @@ TEST_F(SessionSimulationDefectTest, DISABLED_TwoCopiesBeforeTheTransmitTimestamp
 
 // A minute whose first reply overtook the reply before it is reported,
 // with the overtaken packet late and nothing lost or duplicated.
-TEST_F(SessionSimulationDefectTest, DISABLED_FirstReplyOvertakingAnEarlierOneKeepsTheMinute) {
+TEST_F(SessionSimulationDefectTest, FirstReplyOvertakingAnEarlierOneKeepsTheMinute) {
     auto session = startSession();
     std::vector<uint64_t> t1;
     for (int eighth = 0; eighth < 3; ++eighth) {
@@ -220,10 +213,53 @@ TEST_F(SessionSimulationDefectTest, PacketsSwappedOnTheWayOutLoseNothing) {
     EXPECT_EQ(0, value(*session, PmCounter::lostPktsRev, 8));
 }
 
+// The packet after the minute's first overtook it on the way to the
+// reflector (so the reflector numbered them 2 and 1), and the replies came
+// back in sending order: nothing is lost, the reply numbered 1 is no
+// reflector numbering from the start again.
+TEST_F(SessionSimulationDefectTest, FirstPacketOvertakenOnTheWayOutLosesNothing) {
+    auto session = startSession();
+    std::vector<uint64_t> t1;
+    for (int eighth = 0; eighth < 3; ++eighth) {
+        t1.push_back(sendAt(*session, 8, 0, eighth));
+    }
+    answer(*session, 0, t1[0], 2, 2, 2);
+    answer(*session, 1, t1[1], 1, 2, 2);
+    answer(*session, 2, t1[2], 3, 2, 2);
+    sendAt(*session, 9, 4);
+    EXPECT_EQ(3, value(*session, PmCounter::sentPkts, 8));
+    EXPECT_EQ(3, value(*session, PmCounter::receivedPkts, 8));
+    EXPECT_EQ(0, value(*session, PmCounter::lostPktsFwd, 8));
+    EXPECT_EQ(0, value(*session, PmCounter::lostPktsRev, 8));
+    EXPECT_EQ(0, value(*session, PmCounter::duplicatePktsFwd, 8) +
+                     value(*session, PmCounter::duplicatePktsRev, 8));
+}
+
+// At one packet a second (a jump limit of 0 packets) a packet lost on the
+// way out, followed by one that overtook the packet before it on the way to
+// the reflector: the reflector's number goes back a little while the
+// sender's jumped, which is no reflector restart.
+TEST_F(SessionSimulationDefectTest, OvertakingAfterALossIsNoRestart) {
+    auto session = startSession(0);
+    std::vector<uint64_t> t1;
+    for (int second = 0; second < 4; ++second) {
+        t1.push_back(sendAt(*session, 8, second));
+    }
+    answer(*session, 0, t1[0], 10, 2, 2);
+    answer(*session, 1, t1[1], 12, 2, 2);
+    answer(*session, 3, t1[3], 11, 2, 2);
+    EXPECT_FALSE(session->getSequenceErrorFlagForTest());
+    sendAt(*session, 9, 4);
+    EXPECT_EQ(4, value(*session, PmCounter::sentPkts, 8));
+    EXPECT_EQ(3, value(*session, PmCounter::receivedPkts, 8));
+    EXPECT_EQ(1, value(*session, PmCounter::lostPktsFwd, 8));
+    EXPECT_EQ(0, value(*session, PmCounter::lostPktsRev, 8));
+}
+
 // A copy of a reply that comes more than 4 s after the transmit timestamp
 // is not counted, neither as a reply nor as a duplicate, and its packet,
 // answered in time by the first copy, is not lost.
-TEST_F(SessionSimulationDefectTest, DISABLED_CopyLaterThanFourSecondsLeavesItsPacketReceived) {
+TEST_F(SessionSimulationDefectTest, CopyLaterThanFourSecondsLeavesItsPacketReceived) {
     auto session = startSession();
     const uint64_t t1 = sendAt(*session, 8, 0);
     answer(*session, 0, t1, 0, 2, 2);
@@ -239,7 +275,7 @@ TEST_F(SessionSimulationDefectTest, DISABLED_CopyLaterThanFourSecondsLeavesItsPa
 // A minute measured again after the wall clock was set back into its
 // interval reports only what the second measurement saw: without replies,
 // no delay, DSCP or TTL of the first.
-TEST_F(SessionSimulationDefectTest, DISABLED_MinuteMeasuredAgainAfterClockSetBackKeepsNoOldValues) {
+TEST_F(SessionSimulationDefectTest, MinuteMeasuredAgainAfterClockSetBackKeepsNoOldValues) {
     auto session = startSession();
     const uint64_t t1 = sendAt(*session, 8, 0);
     answer(*session, 0, t1, 0, 2, 2);
@@ -261,7 +297,7 @@ TEST_F(SessionSimulationDefectTest, DISABLED_MinuteMeasuredAgainAfterClockSetBac
 // delay, so that T2 - T1' is +1/64 s for one packet and -1/64 s for the
 // next: a decrease of the forward delay, which gives no IPDV sample and
 // leaves the minute valid.
-TEST_F(SessionSimulationDefectTest, DISABLED_ForwardDelayChangingSignKeepsTheMinute) {
+TEST_F(SessionSimulationDefectTest, ForwardDelayChangingSignKeepsTheMinute) {
     auto session = startSession();
     const uint64_t t1First = sendAt(*session, 8, 0, 0);
     const uint64_t t1Second = sendAt(*session, 8, 0, 1);
@@ -285,7 +321,7 @@ TEST_F(SessionSimulationDefectTest, DISABLED_ForwardDelayChangingSignKeepsTheMin
 // The reflector's clock, 20 s ahead of the sender's, is set forward by 10 s
 // between two packets: the forward delay jumps by 10 s, an IPDV beyond the
 // 4 s bound, and the whole minute is set to -2.
-TEST_F(SessionSimulationDefectTest, DISABLED_IpdvBeyondFourSecondsVoidsTheMinute) {
+TEST_F(SessionSimulationDefectTest, IpdvBeyondFourSecondsVoidsTheMinute) {
     auto session = startSession();
     const uint64_t reflectorAhead = uint64_t{20} << 32;
     const uint64_t step = uint64_t{10} << 32;
@@ -308,7 +344,7 @@ TEST_F(SessionSimulationDefectTest, DISABLED_IpdvBeyondFourSecondsVoidsTheMinute
 // A minute can hold one packet more than the packet timer's expiries per
 // minute (600 at 10 packets per second): the last expiry of a minute may be
 // read after the minute began. That packet's delay counts in the average.
-TEST_F(SessionSimulationDefectTest, DISABLED_OnePacketMoreThanAMinuteOfExpiriesCountsInTheAverage) {
+TEST_F(SessionSimulationDefectTest, OnePacketMoreThanAMinuteOfExpiriesCountsInTheAverage) {
     auto session = startSession();
     constexpr int kPackets = 601;
     // One packet every 6/64 s from the start of minute 8: all within it.
@@ -334,7 +370,7 @@ TEST_F(SessionSimulationDefectTest, DISABLED_OnePacketMoreThanAMinuteOfExpiriesC
 // The reflector's number wraps from 4294967295 to 0 and the reply numbered 0
 // is lost on the way back: one packet lost on the way back, none on the way
 // out, as anywhere else in the numbering.
-TEST_F(SessionSimulationDefectTest, DISABLED_ReflectorNumberWrappingKeepsCountingReverseLoss) {
+TEST_F(SessionSimulationDefectTest, ReflectorNumberWrappingKeepsCountingReverseLoss) {
     auto session = startSession();
     std::vector<uint64_t> t1;
     for (int eighth = 0; eighth < 4; ++eighth) {

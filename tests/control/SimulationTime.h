@@ -44,6 +44,16 @@ inline uint64_t ntpDifferenceToMicroseconds(uint64_t difference) {
     return (difference * 15625) >> 26;
 }
 
+// A one-way delay in microseconds: an NTP difference read as signed 32.32
+// seconds (the clocks of sender and reflector need not agree), truncated
+// toward minus infinity.
+inline int64_t ntpDifferenceToSignedMicroseconds(uint64_t difference) {
+    const auto signedDifference = static_cast<int64_t>(difference);
+    const int64_t seconds =
+        (signedDifference - static_cast<int64_t>(difference & 0xffffffffu)) / (int64_t{1} << 32);
+    return seconds * 1000000 + static_cast<int64_t>(((difference & 0xffffffffu) * 15625) >> 26);
+}
+
 }  // namespace simulation_time
 
 #endif  // TWAMP_TESTS_SIMULATION_TIME_H

@@ -63,15 +63,13 @@ struct MinuteTruth {
     bool anyAtReflector = false;
     uint32_t firstIncarnation = 0;
     bool severalIncarnations = false;
-    // The minute number was measured before, in an earlier clock epoch:
-    // the wall clock was set back into it.
-    bool measuredBefore = false;
 };
 
 // How far a finalised minute can be compared with the truth.
 //   clean:    nothing disturbed it (no reflector restart, clock step or
-//             stall near it), every reply came within 4 s and before the
-//             finalisation, its packets reached a reflector of one
+//             stall near it), every reply came before the finalisation
+//             (those later than 4 s count nowhere), its packets reached a
+//             reflector of one
 //             incarnation without crossing the packets of the minutes
 //             around it. Its packet totals, duplicates, round-trip delays,
 //             DSCP and TTL are exact.
@@ -87,29 +85,10 @@ struct MinuteVerdict {
     bool inOrder = false;
     bool periodsComparable = false;
     std::string reason;  // why it is not compared further
-    // A known defect of the daemon that the minute runs into; such a
-    // minute is only checked against the rules, and counted apart.
-    std::string knownDefect;
     // Packets overtook each other on the way out, so the reflector's
     // numbers do not follow the sender's: the loss arithmetic need not add
     // up, and lostPktsFwd alone is then -2, as documented.
     bool lostForwardMayBeVoid = false;
-    // The minute was measured again after the wall clock was set back into
-    // its interval, and its bin may keep the delay, IPDV, DSCP and TTL values
-    // of the first measurement (a known defect): only the packet counts,
-    // which the minute's start sets to 0, are checked and compared.
-    bool valuesMayBeStale = false;
-    // The reflector's clock was set by more than 4 s while the minute's
-    // packets reached it: the one-way delays jump by the step, and the
-    // session reports an IPDV beyond 4 s instead of voiding the minute (a
-    // known defect); the 4 s bound of the IPDV is not checked.
-    bool ipdvMayExceedBound = false;
-    // More packets were answered in the minute than the packet timer expires
-    // in a minute (the last expiry of the minute before was read after this
-    // one began): the session's percentile vectors refuse the samples beyond
-    // and leave them out of the average (a known defect); only the minimum
-    // and maximum of the delays and IPDV are compared.
-    bool samplesBeyondVector = false;
 };
 
 // One counter's expected value.
@@ -123,6 +102,9 @@ struct MinuteExpectation {
     std::vector<ExpectedValue> values;
     // lostPktsFwd + lostPktsRev: the packets without any reply.
     int64_t totalLost = 0;
+    // A round trip or IPDV beyond 4 s (a reflector clock that was set)
+    // invalidates the minute: every counter is -2.
+    bool invalidated = false;
 };
 
 #endif  // TWAMP_TESTS_SIMULATION_TRUTH_H

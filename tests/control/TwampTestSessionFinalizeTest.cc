@@ -269,7 +269,7 @@ TEST_F(TwampTestSessionFinalizeTest, RateAboveThousandGivesZeroMilliseconds) {
 TEST_F(TwampTestSessionFinalizeTest, RestartBeforeFinalisationVoidsTheMinute) {
     auto session = startSession(10);
     const auto t1 = sendInMinuteEight(*session, 45);
-    answer(*session, 0, t1[0], 10, 2, 2);
+    answer(*session, 0, t1[0], 1000, 2, 2);
     sendAt(*session, 9, 0);
     answer(*session, 44, t1[44], 0, 2, 2);
     EXPECT_TRUE(session->getSequenceErrorFlagForTest());
@@ -293,7 +293,7 @@ TEST_F(TwampTestSessionFinalizeTest, RestartAfterFinalisationOnlyPausesAccountin
         t1.push_back(sendAt(*session, 9, 0, index));
     }
     EXPECT_EQ(1, binEight(*session)[PmCounter::receivedPkts]);
-    answer(*session, 1, t1[0], 10, 2, 2);
+    answer(*session, 1, t1[0], 1000, 2, 2);
     answer(*session, 45, t1[44], 0, 2, 2);
     answer(*session, 46, t1[45], 1, 2, 2);
     EXPECT_TRUE(session->getSequenceErrorFlagForTest());
@@ -340,24 +340,23 @@ TEST_F(TwampTestSessionInvalidationTest, SkewedReflectorInvalidatesTheMinute) {
     EXPECT_EQ(std::vector<int64_t>(PmPeriodRecord::kCounterCount, PmPeriodRecord::kNotAvailable),
               binEight(*session));
     // (2^64 - 7 * 2^26) * 15625 mod 2^64, shifted right by 26: 2^38 - 109375.
-    // The reverse delay wraps the same way (2^38 - 125000) and its increase
-    // over packet 0's 31250 us is an IPDV sample.
-    EXPECT_EQ(
-        (Messages{
-            "finalizePmMember(): delayRtMax 274877797569 or ipdvFwdMax 0 or "
-            "ipdvRevMax 274877750694 are larger than 4s for period 8 for dstIpAddress 127.0.0.1, "
-            "dstUdpPort 862, srcIpAddress  and srcUdpPort  so all counters are reset "
-            "to -2",
-            // Emptying the forward IPDV vector, which has no samples.
-            "updatePercentilePmCounters(): no samples were added to vector 2"}),
-        labTraces());
+    // The reverse delay is -125000 us, a decrease from packet 0's 31250 us,
+    // and gives no IPDV sample.
+    EXPECT_EQ((Messages{"finalizePmMember(): delayRtMax 274877797569 or ipdvFwdMax 0 or "
+                        "ipdvRevMax 0 are larger than 4s for period 8 for dstIpAddress 127.0.0.1, "
+                        "dstUdpPort 862, srcIpAddress  and srcUdpPort  so all counters are reset "
+                        "to -2",
+                        // Emptying the IPDV vectors, which have no samples.
+                        "updatePercentilePmCounters(): no samples were added to vector 2",
+                        "updatePercentilePmCounters(): no samples were added to vector 3"}),
+              labTraces());
     const auto& records = FakeSaLog::records();
     ASSERT_EQ(2u, records.size());
     EXPECT_EQ("TnNetworkLog", records[0].streamName);
     EXPECT_EQ("TWAMP", records[0].userName);
     EXPECT_EQ(static_cast<SaLogSeverityT>(6), records[0].severity);
     EXPECT_EQ(
-        "TwampTestSession: delayRtMax 274877797569 or ipdvFwdMax 0 or ipdvRevMax 274877750694 are "
+        "TwampTestSession: delayRtMax 274877797569 or ipdvFwdMax 0 or ipdvRevMax 0 are "
         "larger than 4s for period 8 so all counters are reset to -2",
         records[0].text);
     EXPECT_EQ("TnNetworkLog", records[1].streamName);

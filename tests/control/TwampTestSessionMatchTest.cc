@@ -175,14 +175,15 @@ TEST_F(TwampTestSessionMatchTest, ReplyWithoutReceiveTimestampDiscarded) {
 }
 
 // A reply without a receive timestamp before the transmit timestamp looks
-// unanswered when the timestamp comes, and is never analysed.
+// unanswered when the timestamp comes, is never analysed and so counts as
+// no reply of its packet.
 TEST_F(TwampTestSessionMatchTest, ReplyWithoutReceiveTimestampFirstNeverAnalysed) {
     auto session = startSession();
     const uint64_t t1 = sendAt(*session, 8, 0);
     deliverReply(*session, 0, t1, 0, t1 + 2 * kNtpUnit, t1 + 3 * kNtpUnit, 0);
     deliverTxTimestamp(*session, 0, t1, t1 + kNtpUnit);
     EXPECT_TRUE(session->calls.empty());
-    EXPECT_EQ(1u, session->getOutstandingPacketForTest(0, 0)->getReplyCount());
+    EXPECT_EQ(0u, session->getOutstandingPacketForTest(0, 0)->getReplyCount());
 }
 
 }  // namespace

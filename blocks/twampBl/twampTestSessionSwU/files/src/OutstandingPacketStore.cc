@@ -89,16 +89,22 @@ std::vector<uint32_t> OutstandingPacketStore::minutes() const {
 
 void OutstandingPacketStore::holdReply(std::unique_ptr<OutstandingPacket> packet) {
     const uint32_t seqNo = packet->getSenderSeqNo();
-    heldReplies[seqNo] = std::move(packet);
+    held[seqNo].push_back(std::move(packet));
 }
 
-OutstandingPacket* OutstandingPacketStore::heldReply(uint32_t seqNo) const {
-    const auto entry = heldReplies.find(seqNo);
-    return entry == heldReplies.end() ? nullptr : entry->second.get();
+std::vector<OutstandingPacket*> OutstandingPacketStore::heldReplies(uint32_t seqNo) const {
+    std::vector<OutstandingPacket*> replies;
+    const auto entry = held.find(seqNo);
+    if (entry != held.end()) {
+        for (const std::unique_ptr<OutstandingPacket>& reply : entry->second) {
+            replies.push_back(reply.get());
+        }
+    }
+    return replies;
 }
 
-void OutstandingPacketStore::releaseReply(uint32_t seqNo) {
-    heldReplies.erase(seqNo);
+void OutstandingPacketStore::releaseReplies(uint32_t seqNo) {
+    held.erase(seqNo);
 }
 
 void OutstandingPacketStore::dropMinute(uint32_t minute) {
@@ -118,7 +124,7 @@ void OutstandingPacketStore::clear() {
     head = 0;
     count = 0;
     spans.clear();
-    heldReplies.clear();
+    held.clear();
 }
 
 std::size_t OutstandingPacketStore::size() const {
@@ -173,9 +179,9 @@ OutstandingPacketStore::MinuteSpan* OutstandingPacketStore::spanOf(uint32_t minu
 void OutstandingPacketStore::dropFront() {
     const MinuteSpan span = spans.front();
     spans.pop_front();
-    for (auto entry = heldReplies.begin(); entry != heldReplies.end();) {
+    for (auto entry = held.begin(); entry != held.end();) {
         if (static_cast<uint32_t>(entry->first - span.firstSeqNo) < span.count) {
-            entry = heldReplies.erase(entry);
+            entry = held.erase(entry);
         } else {
             ++entry;
         }

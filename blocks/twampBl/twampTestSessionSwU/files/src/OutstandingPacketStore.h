@@ -8,8 +8,8 @@
 // of packets) and grows only when more is outstanding, e.g. after a stall.
 //
 // Replies that come before their packet's transmit timestamp wait aside,
-// whole, until the timestamp arrives; that is rare, so only those pay for
-// an object of their own.
+// whole and every copy of them, until the timestamp arrives; that is rare,
+// so only those pay for an object of their own.
 #ifndef TWAMP_OUTSTANDING_PACKET_STORE_H
 #define TWAMP_OUTSTANDING_PACKET_STORE_H
 
@@ -58,13 +58,13 @@ class OutstandingPacketStore {
     // Minutes with packets, oldest first.
     virtual std::vector<uint32_t> minutes() const;
 
-    // Keeps a reply whose transmit timestamp is still unknown (replacing an
-    // earlier one of the same packet).
+    // Keeps a reply whose transmit timestamp is still unknown, after the
+    // copies of the same packet's reply held before it.
     virtual void holdReply(std::unique_ptr<OutstandingPacket> packet);
-    // The held reply of packet seqNo, null when none.
-    virtual OutstandingPacket* heldReply(uint32_t seqNo) const;
-    // Forgets the held reply of packet seqNo.
-    virtual void releaseReply(uint32_t seqNo);
+    // The held replies of packet seqNo in the order they came; empty when none.
+    virtual std::vector<OutstandingPacket*> heldReplies(uint32_t seqNo) const;
+    // Forgets the held replies of packet seqNo.
+    virtual void releaseReplies(uint32_t seqNo);
 
     // Forgets the packets of minute, with every older minute's that is still
     // stored, and their held replies.
@@ -98,7 +98,7 @@ class OutstandingPacketStore {
     std::size_t count = 0;  // packets stored
     uint32_t firstSeqNo = 0;
     std::deque<MinuteSpan> spans;  // oldest first
-    std::map<uint32_t, std::unique_ptr<OutstandingPacket>> heldReplies;
+    std::map<uint32_t, std::vector<std::unique_ptr<OutstandingPacket>>> held;
 };
 
 #endif  // TWAMP_OUTSTANDING_PACKET_STORE_H

@@ -49,9 +49,16 @@ constexpr uint32_t kDscpShift = 2;
 // negative difference wraps to a large value on purpose.
 constexpr uint64_t kMicrosecondsPerNtpNumerator = 15625;
 constexpr unsigned kMicrosecondsPerNtpShift = 26;
-// A reply must come back within 4 s of the transmit timestamp; the same
-// bound, applied unchanged to the microsecond maxima, invalidates a minute.
+constexpr uint64_t kNtpFractionMask = 0xffffffffu;
+constexpr int64_t kNtpSecond = int64_t{1} << 32;
+constexpr int64_t kMicrosecondsPerSecond = 1000000;
+// A reply must come back within 4 s of the transmit timestamp.
 constexpr uint64_t kRoundTripLimit = kNtpFourSeconds;
+// The same 4 s in microseconds bound a minute's round-trip delay and IPDV.
+// Only a reflector clock that was set can exceed it: a round trip whose
+// residence time T3 - T2 came out negative, or one-way delays that jumped
+// by the step. Such a minute is invalidated.
+constexpr uint64_t kSampleLimitMicroseconds = 4000000;
 // Operator-log records of an invalidated minute: severity informational,
 // network log stream only.
 constexpr SaLogSeverityT kInvalidationLogSeverity = static_cast<SaLogSeverityT>(6);
@@ -100,6 +107,23 @@ uint8_t jumpLimitFor(uint32_t packetsPerSecond) {
     return static_cast<uint8_t>(packetsPerSecond * 4);
 }
 
+// How far back a reflector number can lie when the packet overtook others
+// on the way to the reflector: the packets numbered between it and the
+// expected number reached the reflector while it was on its way, within
+// the 4 s a reply may take, and were sent at most 4 s before it. Eight
+// seconds of packets, at least eight packets.
+uint32_t overtakingWindowFor(int32_t packetsPerSecond) {
+    constexpr uint32_t kWindowSeconds = 8;
+    return kWindowSeconds * static_cast<uint32_t>(packetsPerSecond > 1 ? packetsPerSecond : 1);
+}
+
+// The reflector's number went back from the expected one by more than
+// overtaking on the way out can explain.
+bool wentBackBeyondOvertaking(uint32_t expected, uint32_t responderSeqNo,
+                              int32_t packetsPerSecond) {
+    return expected - responderSeqNo > overtakingWindowFor(packetsPerSecond);
+}
+
 // Sets every counter of one minute bin.
 void fillBin(PmPeriodRecord& record, int bin, int64_t value) {
     for (int counter = 0; counter < PmPeriodRecord::kCounterCount; ++counter) {
@@ -139,6 +163,19 @@ uint64_t ntpToMicroseconds(uint64_t ntpDifference) {
     return (ntpDifference * kMicrosecondsPerNtpNumerator) >> kMicrosecondsPerNtpShift;
 }
 
+// A one-way delay in microseconds. The clocks of sender and reflector need
+// not agree, so the difference may be negative and is read as signed: a
+// negative delay stays a small negative number instead of wrapping to about
+// 2^38 us, and only its change from packet to packet is used. A difference
+// of 0 to 2^50 gives the same value as ntpToMicroseconds.
+int64_t ntpToSignedMicroseconds(uint64_t ntpDifference) {
+    const uint64_t fraction = ntpDifference & kNtpFractionMask;
+    // Exact division: the fraction's bits are taken off first.
+    const int64_t seconds =
+        (static_cast<int64_t>(ntpDifference) - static_cast<int64_t>(fraction)) / kNtpSecond;
+    return seconds * kMicrosecondsPerSecond + static_cast<int64_t>(ntpToMicroseconds(fraction));
+}
+
 // The sequence tracker of one direction of one minute.
 struct SequenceCounters {
     int64_t& lost;
@@ -148,11 +185,16 @@ struct SequenceCounters {
 
 // Books received sequence number seq against the expected one: a gap beyond
 // the allowance is counted lost and its numbers listed missing; an earlier
-// number is late when it was listed missing, otherwise a duplicate. counted
-// is shared by both directions of one packet, so a packet adds at most one
-// late or duplicate count. Returns the number of packets newly counted lost.
+// number is late when it was listed missing, otherwise a duplicate, unless
+// it is a packet's first reply: that one is no duplicate, its number went
+// back past where the minute's tracking of this direction began (the
+// minute's first reply may have overtaken it), and the other direction may
+// still find it missing. counted is shared by both directions of one
+// packet, so a packet adds at most one late or duplicate count. Returns the
+// number of packets newly counted lost.
 uint32_t trackSequence(uint32_t seq, uint32_t& expected, MissingSequenceList& missing,
-                       const SequenceCounters& counters, uint32_t allowance, bool& counted) {
+                       const SequenceCounters& counters, uint32_t allowance, bool firstReply,
+                       bool& counted) {
     // Serial-number order, so that a number wrapping from 2^32 - 1 to 0
     // inside a minute is a step forward.
     if (static_cast<int32_t>(seq - expected) > 0) {
@@ -176,10 +218,11 @@ uint32_t trackSequence(uint32_t seq, uint32_t& expected, MissingSequenceList& mi
     if (missing.remove(seq)) {
         counters.lost -= 1;
         counters.late += 1;
-    } else {
+        counted = true;
+    } else if (!firstReply) {
         counters.duplicate += 1;
+        counted = true;
     }
-    counted = true;
     return 0;
 }
 
@@ -348,16 +391,25 @@ void TwampTestSession::receiveMessage(struct msghdr* msg) {
         return;
     }
     auto packet = std::make_unique<OutstandingPacket>(seqNo, sent->t1);
-    packet->restore(sent->t1Prime, sent->replyCount);
     packet->setResponse(msg, TwampTestSessionController::getInstance()->getSocketHelper());
-    outstanding.countReply(seqNo);
-    const uint32_t minute = sent->minute;
     if (sent->t1Prime == 0) {
         TRACE_LAB("Received response packet, but TX timestamp unknown, seqNum: %u ", seqNo);
         outstanding.holdReply(std::move(packet));
         return;
     }
-    analyzePM(*packet, recordIndexOf(minute), static_cast<int>(minute % kMinutesPerInterval),
+    analyzeReply(*packet, *sent);
+}
+
+void TwampTestSession::analyzeReply(OutstandingPacket& reply, const SentPacket& sent) {
+    // The reply counts, as the packet's next one, only when it came within
+    // 4 s of the transmit timestamp: a later copy is discarded by analyzePM
+    // and is neither a received packet nor a duplicate.
+    reply.restore(sent.t1Prime, sent.replyCount + 1);
+    if (reply.getT4() - sent.t1Prime <= kRoundTripLimit) {
+        outstanding.countReply(reply.getSenderSeqNo());
+    }
+    const uint32_t minute = sent.minute;
+    analyzePM(reply, recordIndexOf(minute), static_cast<int>(minute % kMinutesPerInterval),
               parityOf(minute));
 }
 
@@ -383,8 +435,8 @@ void TwampTestSession::receiveErrQueueMessage(struct msghdr* msg, ssize_t length
         TRACE_LAB("No outstanding packet found for seqNum: %u ", seqNo);
         return;
     }
-    OutstandingPacket* held = outstanding.heldReply(seqNo);
-    if (held == nullptr && sent->replyCount != 0 && sent->t1Prime != 0) {
+    const std::vector<OutstandingPacket*> held = outstanding.heldReplies(seqNo);
+    if (held.empty() && sent->replyCount != 0 && sent->t1Prime != 0) {
         // The packet was answered and analysed already: a second timestamp
         // would count its reply twice.
         TRACE_LAB("Repeated TX Timestamp ignored, seqNum: %u ", seqNo);
@@ -393,15 +445,19 @@ void TwampTestSession::receiveErrQueueMessage(struct msghdr* msg, ssize_t length
     sent->t1Prime = getTxTimestamp(msg);
     // The usual order: the timestamp came before the reply. A held reply
     // without a receive timestamp is never analysed.
-    if (held == nullptr || held->getT4() == 0) {
+    const auto received = [](const OutstandingPacket* reply) { return reply->getT4() != 0; };
+    if (std::none_of(held.begin(), held.end(), received)) {
         return;
     }
-    held->restore(sent->t1Prime, sent->replyCount);
     TRACE_LAB("Got late TX Timestamp, seqNum: %u ", seqNo);
-    const uint32_t minute = sent->minute;
-    analyzePM(*held, recordIndexOf(minute), static_cast<int>(minute % kMinutesPerInterval),
-              parityOf(minute));
-    outstanding.releaseReply(seqNo);
+    // Every copy that came meanwhile is analysed in the order it came: the
+    // first one gives the delays, the others are duplicates.
+    for (OutstandingPacket* reply : held) {
+        if (received(reply)) {
+            analyzeReply(*reply, *sent);
+        }
+    }
+    outstanding.releaseReplies(seqNo);
 }
 
 // Several sessions may share one reflector address; the socket asks each
@@ -498,7 +554,7 @@ void TwampTestSession::updatePmMember(PmPeriodRecord& record, int bin,
     trackSequence(packet.getSenderSeqNo(), lastSenderSeqNo[parity], missingSenderSeqNos[parity],
                   {record.at(PmCounter::lostPktsFwd, bin), record.at(PmCounter::latePktsFwd, bin),
                    record.at(PmCounter::duplicatePktsFwd, bin)},
-                  reverseGap, counted);
+                  reverseGap, packet.getReplyCount() == 1, counted);
     // Only the first reply of a packet feeds delays and header fields.
     if (packet.getReplyCount() != 1) {
         return;
@@ -514,7 +570,11 @@ bool TwampTestSession::isSequenceBroken(const OutstandingPacket& packet, int par
     // The reflector's number went back while ours jumped ahead by more than
     // 4 s worth of packets.
     const auto senderJump = static_cast<int32_t>(packet.getSenderSeqNo() - lastSenderSeqNo[parity]);
-    return responderWentBack(packet, parity) && senderJump > sequenceJumpLimit;
+    // A number that went back no further than overtaking on the way out can
+    // take it is a packet that overtook others, also after a loss.
+    return responderWentBack(packet, parity) && senderJump > sequenceJumpLimit &&
+           wentBackBeyondOvertaking(expectedResponderSeqNo[parity], packet.getResponderSeqNo(),
+                                    packetsPerSecond);
 }
 
 bool TwampTestSession::isResponderRenumbered(const OutstandingPacket& packet, int parity) const {
@@ -524,35 +584,40 @@ bool TwampTestSession::isResponderRenumbered(const OutstandingPacket& packet, in
     // repeated reply has gone back in both numbers.
     const auto senderJump = static_cast<int32_t>(packet.getSenderSeqNo() - lastSenderSeqNo[parity]);
     // A number listed missing is a late reply whose packet overtook another
-    // on the way out, not a new numbering.
+    // on the way out, not a new numbering; so is a number that went back no
+    // further than overtaking can take it (the minute's first reply may
+    // have been overtaken, before anything was listed missing).
     return responderWentBack(packet, parity) && senderJump >= 0 && packet.getReplyCount() == 1 &&
-           !missingResponderSeqNos[parity].contains(packet.getResponderSeqNo());
+           !missingResponderSeqNos[parity].contains(packet.getResponderSeqNo()) &&
+           wentBackBeyondOvertaking(expectedResponderSeqNo[parity], packet.getResponderSeqNo(),
+                                    packetsPerSecond);
 }
 
 bool TwampTestSession::responderWentBack(const OutstandingPacket& packet, int parity) const {
-    // 0 means no reply yet this minute.
     const uint32_t expected = expectedResponderSeqNo[parity];
-    return expected != 0 && static_cast<int32_t>(packet.getResponderSeqNo() - expected) < 0;
+    return responderSeen[parity] && static_cast<int32_t>(packet.getResponderSeqNo() - expected) < 0;
 }
 
 void TwampTestSession::resynchroniseSequences(const OutstandingPacket& packet, int parity) {
     lastSenderSeqNo[parity] = packet.getSenderSeqNo() + 1;
     expectedResponderSeqNo[parity] = packet.getResponderSeqNo() + 1;
+    responderSeen[parity] = true;
 }
 
 uint32_t TwampTestSession::trackReverseSequence(PmPeriodRecord& record, int bin,
                                                 const OutstandingPacket& packet, int parity,
                                                 bool& counted) {
-    // 0 means no reply yet this minute: the first one only sets the pace.
-    if (expectedResponderSeqNo[parity] == 0) {
+    // The first reply of the minute only sets the pace.
+    if (!responderSeen[parity]) {
         expectedResponderSeqNo[parity] = packet.getResponderSeqNo() + 1;
+        responderSeen[parity] = true;
         return 0;
     }
     return trackSequence(
         packet.getResponderSeqNo(), expectedResponderSeqNo[parity], missingResponderSeqNos[parity],
         {record.at(PmCounter::lostPktsRev, bin), record.at(PmCounter::latePktsRev, bin),
          record.at(PmCounter::duplicatePktsRev, bin)},
-        0, counted);
+        0, packet.getReplyCount() == 1, counted);
 }
 
 void TwampTestSession::addHeaderFields(const OutstandingPacket& packet, int parity) {
@@ -583,20 +648,20 @@ void TwampTestSession::addDelaySamples(const OutstandingPacket& packet, int pari
     // The reflector's residence time T3 - T2 is taken out of the round trip.
     delayRt[parity]->addSample(ntpToMicroseconds(t4 + t2 - t1Prime - t3));
     // The two clocks need not agree: only the variation of one-way delays is used.
-    addIpdvSamples(packet.getSenderSeqNo(), ntpToMicroseconds(t2 - t1Prime),
-                   ntpToMicroseconds(t4 - t3), parity);
+    addIpdvSamples(packet.getSenderSeqNo(), ntpToSignedMicroseconds(t2 - t1Prime),
+                   ntpToSignedMicroseconds(t4 - t3), parity);
 }
 
-void TwampTestSession::addIpdvSamples(uint32_t senderSeqNo, uint64_t forwardDelay,
-                                      uint64_t reverseDelay, int parity) {
+void TwampTestSession::addIpdvSamples(uint32_t senderSeqNo, int64_t forwardDelay,
+                                      int64_t reverseDelay, int parity) {
     std::map<uint32_t, DelayPair>& history = ipdvHistory[parity];
     history.emplace(senderSeqNo, DelayPair(forwardDelay, reverseDelay));
     const auto previous = history.find(senderSeqNo - 1);
     if (previous == history.end()) {
         return;
     }
-    const auto forwardVariation = static_cast<int64_t>(forwardDelay - previous->second.first);
-    const auto reverseVariation = static_cast<int64_t>(reverseDelay - previous->second.second);
+    const int64_t forwardVariation = forwardDelay - previous->second.first;
+    const int64_t reverseVariation = reverseDelay - previous->second.second;
     // Only increases of delay are recorded.
     if (forwardVariation >= 0) {
         ipdvFwd[parity]->addSample(static_cast<uint64_t>(forwardVariation));
@@ -732,7 +797,11 @@ std::vector<uint32_t> TwampTestSession::getOutstandingSeqNosForTest(int parity) 
 
 void TwampTestSession::initPmStates() {
     // A failure is traced by the state itself; the session runs without percentiles.
-    const uint32_t samples = expiriesPerMinute(packetsPerSecond);
+    // A minute holds its own expiries and those of the minute before that
+    // were read after it ended, at most one read's worth: a vector any
+    // smaller would refuse the last samples and leave them out of the average.
+    const auto samples =
+        static_cast<uint32_t>(expiriesPerMinute(packetsPerSecond) + kMaxExpiriesPerRead);
     for (int parity = 0; parity < kParityCount; ++parity) {
         for (std::unique_ptr<PmState>* states : {delayRt, ipdvFwd, ipdvRev}) {
             states[parity] = std::make_unique<PmState>();
@@ -931,10 +1000,14 @@ void TwampTestSession::startMinute(uint32_t minute) {
     missingResponderSeqNos[parity].clear();
     ipdvHistory[parity].clear();
     sequenceErrorFlag = 0;
+    // A minute measured again after the wall clock was set back into its
+    // interval keeps nothing of its first measurement.
+    fillBin(records[recordIndex], bin, PmPeriodRecord::kNotAvailable);
     for (PmCounter::Index counter : kCountersZeroedAtMinuteStart) {
         records[recordIndex].at(counter, bin) = 0;
     }
     expectedResponderSeqNo[parity] = 0;
+    responderSeen[parity] = false;
     lastSenderSeqNo[parity] = sequenceNumber;
 }
 
@@ -1072,9 +1145,9 @@ bool TwampTestSession::isBinConsistent(const PmPeriodRecord& record, int bin) co
 }
 
 bool TwampTestSession::exceedsRoundTripBound(int parity) const {
-    return delayRt[parity]->getMax() > kRoundTripLimit ||
-           ipdvFwd[parity]->getMax() > kRoundTripLimit ||
-           ipdvRev[parity]->getMax() > kRoundTripLimit;
+    return delayRt[parity]->getMax() > kSampleLimitMicroseconds ||
+           ipdvFwd[parity]->getMax() > kSampleLimitMicroseconds ||
+           ipdvRev[parity]->getMax() > kSampleLimitMicroseconds;
 }
 
 void TwampTestSession::writeDelayCounters(PmPeriodRecord& record, int bin, int parity) {

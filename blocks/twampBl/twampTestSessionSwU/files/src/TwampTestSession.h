@@ -237,8 +237,9 @@ class TwampTestSession : public IoHandler, public MessageReceiver {
         }
     };
 
-    // Forward and reverse delay of a packet, microseconds.
-    using DelayPair = std::pair<uint64_t, uint64_t>;
+    // Forward and reverse delay of a packet, microseconds; negative when the
+    // reflector's clock is behind the sender's by more than the delay.
+    using DelayPair = std::pair<int64_t, int64_t>;
 
     // Resolves the destination into dstAddress; 0 or the getaddrinfo error.
     int resolveDestination();
@@ -255,6 +256,7 @@ class TwampTestSession : public IoHandler, public MessageReceiver {
     void startMinute(uint32_t minute);
     void minuteTick(uint32_t minute);
     SentPacket* findSentPacket(int parity, uint32_t seqNo);
+    void analyzeReply(OutstandingPacket& reply, const SentPacket& sent);
     bool isOutstanding(uint32_t seqNo, uint64_t t1) const;
     bool isSequenceBroken(const OutstandingPacket& packet, int parity) const;
     bool isResponderRenumbered(const OutstandingPacket& packet, int parity) const;
@@ -264,7 +266,7 @@ class TwampTestSession : public IoHandler, public MessageReceiver {
                                   int parity, bool& counted);
     void addHeaderFields(const OutstandingPacket& packet, int parity);
     void addDelaySamples(const OutstandingPacket& packet, int parity);
-    void addIpdvSamples(uint32_t senderSeqNo, uint64_t forwardDelay, uint64_t reverseDelay,
+    void addIpdvSamples(uint32_t senderSeqNo, int64_t forwardDelay, int64_t reverseDelay,
                         int parity);
     void abandonStaleMinutes(uint32_t minute);
     void closeSkippedInterval(uint32_t interval);
@@ -331,6 +333,9 @@ class TwampTestSession : public IoHandler, public MessageReceiver {
     MissingSequenceList missingResponderSeqNos[kParityCount];
     std::map<uint32_t, DelayPair> ipdvHistory[kParityCount];
     uint32_t expectedResponderSeqNo[kParityCount] = {0, 0};
+    // A reply of the minute has set expectedResponderSeqNo. Not told by the
+    // number itself: after the reflector's 4294967295 the next expected is 0.
+    bool responderSeen[kParityCount] = {false, false};
     uint32_t lastSenderSeqNo[kParityCount] = {0, 0};
     uint8_t minutePending[2] = {0, 0};
     // Rates above 63 packets per second wrap: the limit is kept in 8 bits.
