@@ -55,6 +55,8 @@ typedef struct {
     SaLogStreamHandleT handle;
     SaLogHandleT service;
     int fd;
+    /* The file the stream's name gives, kept to follow it (follow_stream_file). */
+    char* path;
 } stream_t;
 
 static pthread_mutex_t g_lock = PTHREAD_MUTEX_INITIALIZER;
@@ -110,6 +112,7 @@ static stream_t* find_stream(SaLogStreamHandleT handle) {
  * takes its place). Returns close's result. */
 static int remove_stream(stream_t* stream) {
     int result = close(stream->fd);
+    free(stream->path);
     *stream = g_streams[g_stream_count - 1];
     --g_stream_count;
     return result;
@@ -201,15 +204,10 @@ static SaAisErrorT open_error(int error) {
 /* Opens the stream's file for appending; creates it only when asked. The open
  * does not block: a FIFO without a reader fails instead of hanging the caller.
  * Writes block again once the file is open. */
-static SaAisErrorT open_stream_file(const char* id, size_t idLength, bool create, int* fd) {
-    char* path = stream_file_path(id, idLength);
-    if (path == NULL) {
-        return SA_AIS_ERR_NO_MEMORY;
-    }
+static SaAisErrorT open_stream_file(const char* path, bool create, int* fd) {
     int flags = O_WRONLY | O_APPEND | O_CLOEXEC | O_NOCTTY | O_NONBLOCK | (create ? O_CREAT : 0);
     int opened = open(path, flags, SALOG_FILE_MODE);
     int openErrno = errno;
-    free(path);
     if (opened < 0) {
         return open_error(openErrno);
     }
@@ -429,8 +427,10 @@ static SaAisErrorT check_open_flags(const SaLogFileCreateAttributesT_2* createAt
     return SA_AIS_OK;
 }
 
-/* Registers an open file as a new stream of the service. */
-static SaAisErrorT add_stream(SaLogHandleT service, int fd, SaLogStreamHandleT* streamHandle) {
+/* Registers an open file as a new stream of the service, which then owns the
+ * path. */
+static SaAisErrorT add_stream(SaLogHandleT service, int fd, char* path,
+                              SaLogStreamHandleT* streamHandle) {
     stream_t* streams =
         table_with_room(g_streams, &g_stream_capacity, g_stream_count, sizeof(stream_t));
     if (streams == NULL) {
@@ -441,6 +441,7 @@ static SaAisErrorT add_stream(SaLogHandleT service, int fd, SaLogStreamHandleT* 
     stream->handle = g_next_handle++;
     stream->service = service;
     stream->fd = fd;
+    stream->path = path;
     *streamHandle = stream->handle;
     return SA_AIS_OK;
 }
@@ -464,14 +465,20 @@ static SaAisErrorT open_stream(SaLogHandleT logHandle, const SaNameT* logStreamN
     if (!parse_stream_id(logStreamName, &id, &idLength)) {
         return SA_AIS_ERR_INVALID_PARAM;
     }
-    int fd = -1;
-    result = open_stream_file(id, idLength, createAttributes != NULL, &fd);
-    if (result != SA_AIS_OK) {
-        return result;
+    char* path = stream_file_path(id, idLength);
+    if (path == NULL) {
+        return SA_AIS_ERR_NO_MEMORY;
     }
-    result = add_stream(logHandle, fd, logStreamHandle);
+    int fd = -1;
+    result = open_stream_file(path, createAttributes != NULL, &fd);
+    if (result == SA_AIS_OK) {
+        result = add_stream(logHandle, fd, path, logStreamHandle);
+        if (result != SA_AIS_OK) {
+            close(fd);
+        }
+    }
     if (result != SA_AIS_OK) {
-        close(fd);
+        free(path);
     }
     return result;
 }
@@ -505,11 +512,33 @@ static SaAisErrorT check_ack_flags(const stream_t* stream, SaLogAckFlagsT ackFla
     return SA_AIS_OK;
 }
 
+/* A stream writes to the file its name gives. When that file was removed or
+ * replaced while the stream was open (by hand, or by a rotation that renames
+ * it), the name is opened again, and created when missing: records written to
+ * a removed file would be lost without a word. When that fails the record
+ * fails with it, so the caller learns of it; the next record tries again. */
+static SaAisErrorT follow_stream_file(stream_t* stream) {
+    struct stat named;
+    struct stat opened;
+    if (fstat(stream->fd, &opened) == 0 && stat(stream->path, &named) == 0 &&
+        named.st_dev == opened.st_dev && named.st_ino == opened.st_ino) {
+        return SA_AIS_OK;
+    }
+    int fd = -1;
+    SaAisErrorT result = open_stream_file(stream->path, true, &fd);
+    if (result != SA_AIS_OK) {
+        return result;
+    }
+    close(stream->fd);
+    stream->fd = fd;
+    return SA_AIS_OK;
+}
+
 /* Checks, formats and writes one record; the lock is held, so a record the
  * service stamps is never appended after a later one. */
 static SaAisErrorT write_record(SaLogStreamHandleT logStreamHandle, SaLogAckFlagsT ackFlags,
                                 const SaLogRecordT* logRecord) {
-    const stream_t* stream = find_stream(logStreamHandle);
+    stream_t* stream = find_stream(logStreamHandle);
     if (stream == NULL) {
         return SA_AIS_ERR_BAD_HANDLE;
     }
@@ -523,6 +552,9 @@ static SaAisErrorT write_record(SaLogStreamHandleT logStreamHandle, SaLogAckFlag
     }
     line_t line = {NULL, 0};
     result = format_record(logRecord, &line);
+    if (result == SA_AIS_OK) {
+        result = follow_stream_file(stream);
+    }
     if (result == SA_AIS_OK) {
         result = write_line(stream->fd, &line);
     }

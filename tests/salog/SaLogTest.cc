@@ -725,6 +725,48 @@ TEST_F(SaLogTest, StreamOpenedTwiceSharesFile) {
     EXPECT_EQ(expected, readLines(pathOf("TnNetworkLog")));
 }
 
+// A stream whose file was removed while it was open creates the file again with the next record.
+TEST_F(SaLogTest, RemovedFileIsCreatedAgain) {
+    const SaLogStreamHandleT stream = openConfigured("TnNetworkLog");
+    ASSERT_EQ(SA_AIS_OK, write(stream, Record(SA_LOG_SEV_INFO, "TWAMP", "before")));
+    ASSERT_EQ(0, unlink(pathOf("TnNetworkLog").c_str()));
+    ASSERT_EQ(SA_AIS_OK, write(stream, Record(SA_LOG_SEV_INFO, "TWAMP", "after")));
+    EXPECT_EQ("2026-11-20T23:12:01.123456Z INFO TWAMP after\n", readFile(pathOf("TnNetworkLog")));
+}
+
+// A file created again after its removal gets mode 0640 less the umask.
+TEST_F(SaLogTest, RemovedFileIsCreatedAgainWithStreamMode) {
+    const SaLogStreamHandleT stream = openConfigured("TnNetworkLog");
+    ASSERT_EQ(0, unlink(pathOf("TnNetworkLog").c_str()));
+    const mode_t previous = umask(0027);
+    const SaAisErrorT result = write(stream, Record(SA_LOG_SEV_INFO, "TWAMP", "after"));
+    umask(previous);
+    ASSERT_EQ(SA_AIS_OK, result);
+    struct stat status;
+    ASSERT_EQ(0, stat(pathOf("TnNetworkLog").c_str(), &status));
+    EXPECT_EQ(0640u, status.st_mode & 0777u);
+}
+
+// A stream whose file was renamed away and replaced writes to the new file, not the renamed one.
+TEST_F(SaLogTest, ReplacedFileIsFollowed) {
+    const SaLogStreamHandleT stream = openConfigured("TnNetworkLog");
+    ASSERT_EQ(SA_AIS_OK, write(stream, Record(SA_LOG_SEV_INFO, "TWAMP", "before")));
+    ASSERT_EQ(0, rename(pathOf("TnNetworkLog").c_str(), (directory + "/rotated").c_str()));
+    configure("TnNetworkLog", "new file\n");
+    ASSERT_EQ(SA_AIS_OK, write(stream, Record(SA_LOG_SEV_INFO, "TWAMP", "after")));
+    EXPECT_EQ("2026-11-20T23:12:01.123456Z INFO TWAMP before\n", readFile(directory + "/rotated"));
+    EXPECT_EQ("new file\n2026-11-20T23:12:01.123456Z INFO TWAMP after\n",
+              readFile(pathOf("TnNetworkLog")));
+}
+
+// A record whose file and directory were removed fails with not-exist instead of being lost.
+TEST_F(SaLogTest, RemovedDirectoryFailsTheRecord) {
+    const SaLogStreamHandleT stream = openConfigured("TnNetworkLog");
+    ASSERT_EQ(0, unlink(pathOf("TnNetworkLog").c_str()));
+    ASSERT_EQ(0, rmdir(directory.c_str()));
+    EXPECT_EQ(SA_AIS_ERR_NOT_EXIST, write(stream, Record(SA_LOG_SEV_INFO, "TWAMP", "lost")));
+}
+
 // A full device reports no space.
 TEST_F(SaLogTest, FullDeviceIsNoSpace) {
     ASSERT_EQ(0, symlink("/dev/full", pathOf("Full").c_str()));
