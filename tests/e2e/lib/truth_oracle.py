@@ -51,7 +51,7 @@ Assumptions:
 
 usage: truth_oracle.py --counters FILE [--truth FILE --rate PPS --minute M[:open|:void]...]
                        [--tolerance-us N] [--label TEXT] [--na-bins LIST]
-                       [--expect-sent N] [--expect valid|invalidated|restart]
+                       [--expect-sent N] [--expect WHAT] [--dscp N]
                        [--network-log FILE --session-text TEXT] [--verbose]
   --minute M       POSIX minute to check (bin M mod 15), finalised; M:open for
                    a minute not finalised yet (only the counters zeroed at its
@@ -63,10 +63,19 @@ usage: truth_oracle.py --counters FILE [--truth FILE --rate PPS --minute M[:open
   --expect WHAT    what the truth must make of each minute checked, so that a
                    scenario really does what it is meant to: valid (delay
                    counters written), invalidated (a maximum above the 4 s
-                   bound) or restart (a reflector restart detected in it)
+                   bound), restart (a reflector restart detected in it),
+                   renumbered (valid, and the reflector numbered from 0 again
+                   after a short pause), stateless (valid, and a reply with
+                   the sender's own number revealed a gap), discarded (every
+                   reply echoed another send time) or unaccountable (the
+                   counts break the rules every minute obeys: all -2)
+  --dscp N         replay only the replies that carry DSCP N: one of several
+                   sessions of a daemon towards one reflector port (the truth
+                   must then hold replies only)
   --network-log    the TnNetworkLog file: an invalidated minute must have its
                    two records there, naming --session-text ("for dstIpAddress
-                   ..."); a valid one must have none for it.
+                   ..."), an unaccountable one its record; a valid one must
+                   have none for it.
 Exit status 0 when everything matches, 1 otherwise, 2 on bad input.
 """
 
@@ -181,6 +190,22 @@ class Delays:
         self.rt = wrapped(fwd + rev, fwd + rev + tolerance_us)
 
 
+def session_events(events, dscp):
+    """The events of the session with this DSCP among several sessions of one
+    daemon towards one reflector port: its replies carry its TOS byte. A
+    request lost without a reply cannot be told apart."""
+    kept = []
+    for event in events:
+        if event.get("event") not in REQUEST_EVENTS:
+            continue
+        if "tos" not in event:
+            raise OracleError("a %s line carries no TOS byte: its session is unknown"
+                              % event["event"])
+        if (event["tos"] >> 2) == dscp:
+            kept.append(event)
+    return kept
+
+
 # ---- the replay of one minute ----
 
 
@@ -195,8 +220,9 @@ class Direction:
         self.duplicate = 0
 
     def track(self, seq, allowance, counted):
-        """Returns (newly lost, counted)."""
-        if self.expected < seq:
+        """Returns (newly lost, counted). Numbers compare in serial-number
+        order, so a wrap from 2^32 - 1 to 0 is a step forward."""
+        if int32(seq - self.expected) > 0:
             gap = (seq - self.expected) & MASK32
             newly = 0
             if int32(gap) > int32(allowance):
@@ -225,6 +251,9 @@ class MinuteState:
     def __init__(self, first_seq, jump_limit):
         self.jump_limit = jump_limit
         self.restart_detected = False
+        self.renumbered = False
+        self.stateless_seen = False
+        self.echo_discarded = 0
         self.received = 0
         self.forward = Direction(first_seq)
         self.reverse = Direction(0)
@@ -246,23 +275,36 @@ class MinuteState:
         if session.sequence_error:
             self.resynchronise(seq, rseq)
             return False
-        if self.reverse.expected > rseq and int32(seq - self.forward.expected) > self.jump_limit:
+        sender_jump = int32(seq - self.forward.expected)
+        went_back = self.reverse.expected != 0 and int32(rseq - self.reverse.expected) < 0
+        if went_back and sender_jump > self.jump_limit:
             session.sequence_error = True
             self.restart_detected = True
             self.resynchronise(seq, rseq)
             return True
         counted = False
+        gap = 0
         if self.reverse.expected == 0:
             self.reverse.expected = (rseq + 1) & MASK32
-            gap = 0
+        elif (went_back and sender_jump >= 0 and self.reply_count[seq] == 1 and
+              rseq not in self.reverse.missing):
+            # A reflector that restarted after a short pause: its new
+            # numbering is followed, neither late nor duplicate.
+            self.renumbered = True
+            self.reverse.expected = (rseq + 1) & MASK32
         else:
             gap, counted = self.reverse.track(rseq, 0, counted)
+        if gap > 0 and rseq == seq:
+            self.stateless_seen = True
         self.forward.track(seq, gap, counted)
         if self.reply_count[seq] != 1:
             return False
         self.dscp.append((reply["tos"] >> 2) & 0xFF)
-        self.ttl_fwd.append(reply["ttl"])
-        self.ttl_rev.append(session.reply_ttl)
+        # No packet arrives with TTL 0: a Sender TTL left at 0 tells nothing.
+        if reply["ttl"] != 0:
+            self.ttl_fwd.append(reply["ttl"])
+        if session.reply_ttl != 0:
+            self.ttl_rev.append(session.reply_ttl)
         delays = Delays(reply, session.tolerance_us)
         self.rt.append(delays.rt)
         self.ipdv_step(seq, delays)
@@ -286,7 +328,9 @@ class MinuteState:
 class SessionReplay:
     """Replays the whole truth file for one minute M (and M + 1 up to M's finalisation)."""
 
-    def __init__(self, start, events, rate, tolerance_us):
+    def __init__(self, start, events, rate, tolerance_us, dscp=None):
+        if dscp is not None:
+            events = session_events(events, dscp)
         self.events = events
         self.rate = rate
         self.reply_ttl = start.get("replyTtl", 255)
@@ -320,6 +364,11 @@ class SessionReplay:
                 if finalised and tick_seq is not None and event["senderSeq"] >= tick_seq:
                     break
             if kind != "reply":
+                continue
+            if event.get("t1OffsetUs", 0) != 0:
+                # A reply that echoes another send time is discarded unseen.
+                if event_minute == minute:
+                    state.echo_discarded += 1
                 continue
             if event_minute == minute:
                 state.analyse(event, self)
@@ -412,6 +461,7 @@ class Expectation:
     def __init__(self):
         self.values = {name: Span(NA) for name in COUNTERS}
         self.invalidated = False
+        self.unaccountable = False
         self.log_maxima = None
         self.notes = []
 
@@ -451,7 +501,26 @@ def expect_finalised(sent, state, sequence_error, rate):
             return expected
         write_delay_counters(expected, state, capacity)
     write_sequence_counters(expected, sent, state, rate)
+    if not counts_in_range(expected):
+        expected.values = {name: Span(NA) for name in COUNTERS}
+        expected.unaccountable = True
+        expected.notes.append("counts out of range: all -2")
     return expected
+
+
+def counts_in_range(expected):
+    """The rules every finalised minute obeys; a minute that breaks them is void."""
+    value = {name: expected.values[name].lo for name in COUNTERS}
+    sent = value["sentPkts"]
+    for name in ("lostPktsFwd", "lostPktsRev", "latePktsFwd", "latePktsRev"):
+        if value[name] != NA and not 0 <= value[name] <= sent:
+            return False
+    duplicates = value["duplicatePktsFwd"] + value["duplicatePktsRev"]
+    if min(value["duplicatePktsFwd"], value["duplicatePktsRev"], value["receivedPkts"]) < 0:
+        return False
+    accounted = value["receivedPkts"] + sum(
+        value[name] for name in ("lostPktsFwd", "lostPktsRev") if value[name] != NA)
+    return accounted <= sent + duplicates
 
 
 def write_delay_counters(expected, state, capacity):
@@ -470,8 +539,11 @@ def write_delay_counters(expected, state, capacity):
             expected.set("%sP%d" % (prefix, percentile), spans["p%d" % percentile])
     for name, values in (("dscpRev", state.dscp), ("ttlFwd", state.ttl_fwd),
                          ("ttlRev", state.ttl_rev)):
-        expected.set(name + "Max", max(values))
-        expected.set(name + "Min", min(values))
+        if values:
+            expected.set(name + "Max", max(values))
+            expected.set(name + "Min", min(values))
+        else:
+            expected.notes.append("%s: no value in the minute" % name)
 
 
 def write_sequence_counters(expected, sent, state, rate):
@@ -542,10 +614,36 @@ def check_na_bins(label, bins, measured):
     return failures
 
 
+def check_unaccountable_record(label, lines, session_text, minute, expected):
+    """The record of a minute voided for counts out of range, and none otherwise."""
+    session = re.match(r"for dstIpAddress (\S+), dstUdpPort (\S+),", session_text or "")
+    if session is None:
+        raise OracleError("--session-text does not name the reflector: %r" % session_text)
+    record = (" TwampTestSession: minute %d cannot be accounted (counts out of range) for "
+              "dstIpAddress %s, dstUdpPort %s so all counters of period %d are reset to -2" % (
+                  minute, session.group(1), session.group(2), minute % BINS))
+    found = sum(1 for line in lines if line.endswith(record))
+    if expected.unaccountable and found != 1:
+        print("%s: expected one record ending '%s', found %d" % (label, record, found))
+        return 1
+    if not expected.unaccountable and found:
+        print("%s: unexpected record: %s" % (label, record.strip()))
+        return 1
+    if found:
+        print("%s: counts out of range recorded for period %d" % (label, minute % BINS))
+    return 0
+
+
 def check_network_log(label, path, session_text, minute, expected):
-    """The two records of an invalidated minute, and none for a valid one."""
+    """The two records of an invalidated minute, and none for a valid one;
+    likewise the record of a minute whose counts are out of range."""
     with open(path) as stream:
         lines = [line.rstrip("\n") for line in stream]
+    failures = check_unaccountable_record(label, lines, session_text, minute, expected)
+    return failures + check_invalidation_records(label, lines, session_text, minute, expected)
+
+
+def check_invalidation_records(label, lines, session_text, minute, expected):
     head = re.compile(r" TwampTestSession: delayRtMax (\d+) or ipdvFwdMax (\d+) or ipdvRevMax "
                       r"(\d+) are larger than 4s for period (\d+) so all counters are reset to -2$")
     tail = " " + session_text
@@ -579,10 +677,16 @@ def check_scenario(options, minute, state, expected):
     """The truth does to the minute what the scenario is meant to do."""
     if options.expect is None:
         return 0
+    valid = (not expected.invalidated and not expected.unaccountable and bool(state.rt) and
+             not state.restart_detected)
     outcome = {
-        "valid": not expected.invalidated and bool(state.rt) and not state.restart_detected,
+        "valid": valid,
         "invalidated": expected.invalidated,
         "restart": state.restart_detected,
+        "renumbered": valid and state.renumbered,
+        "stateless": valid and state.stateless_seen,
+        "discarded": state.echo_discarded > 0 and state.received == 0,
+        "unaccountable": expected.unaccountable,
     }[options.expect]
     if not outcome:
         print("%s: the truth of minute %d does not give the '%s' scenario" % (
@@ -612,7 +716,9 @@ def parse_arguments(argv):
     parser.add_argument("--label", default="session")
     parser.add_argument("--na-bins", default="")
     parser.add_argument("--expect-sent", type=int)
-    parser.add_argument("--expect", choices=("valid", "invalidated", "restart"))
+    parser.add_argument("--expect", choices=("valid", "invalidated", "restart", "renumbered",
+                                             "stateless", "discarded", "unaccountable"))
+    parser.add_argument("--dscp", type=int)
     parser.add_argument("--network-log")
     parser.add_argument("--session-text")
     parser.add_argument("--verbose", action="store_true")
@@ -627,7 +733,7 @@ def run(options):
         if not options.truth:
             raise OracleError("--minute needs --truth")
         start, events = load_truth(options.truth)
-        session = SessionReplay(start, events, options.rate, options.tolerance_us)
+        session = SessionReplay(start, events, options.rate, options.tolerance_us, options.dscp)
     for item in options.minute:
         text, _, mode = item.partition(":")
         minute = int(text)
