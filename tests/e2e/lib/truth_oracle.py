@@ -67,8 +67,10 @@ usage: truth_oracle.py --counters FILE [--truth FILE --rate PPS --minute M[:open
                    renumbered (valid, and the reflector numbered from 0 again
                    after a short pause), stateless (valid, and a reply with
                    the sender's own number revealed a gap), discarded (every
-                   reply echoed another send time) or unaccountable (the
-                   counts break the rules every minute obeys: all -2)
+                   reply echoed another send time), unaccountable (the
+                   counts break the rules every minute obeys: all -2) or
+                   restart_void (a reflector restart seen before the minute
+                   was finalised, in the first 4 s of the next: all -2)
   --dscp N         replay only the replies that carry DSCP N: one of several
                    sessions of a daemon towards one reflector port (the truth
                    must then hold replies only)
@@ -76,6 +78,9 @@ usage: truth_oracle.py --counters FILE [--truth FILE --rate PPS --minute M[:open
                    two records there, naming --session-text ("for dstIpAddress
                    ..."), an unaccountable one its record; a valid one must
                    have none for it.
+       truth_oracle.py --batch FILE
+  --batch FILE     one run per line of FILE, its options quoted as in a shell;
+                   each reported as "ok: LABEL" or "FAIL: LABEL"
 Exit status 0 when everything matches, 1 otherwise, 2 on bad input.
 """
 
@@ -83,6 +88,7 @@ import argparse
 import json
 import math
 import re
+import shlex
 import sys
 from collections import defaultdict
 
@@ -416,9 +422,13 @@ def ipdv_stats(pairs, capacity):
     outcomes = []
     if definite or ambiguous:
         outcomes.append(state_values([lo for lo, _ in definite + ambiguous], capacity))
-    for taken in range(0 if definite else 1, len(ambiguous) + 1):
-        outcomes.append(
-            state_values([hi for _, hi in definite] + [hi for _, hi in ambiguous[:taken]], capacity))
+    highs = [hi for _, hi in definite]
+    uncertain = [hi for _, hi in ambiguous]
+    if len(highs) + len(uncertain) <= capacity:
+        outcomes.extend(highest_outcomes(highs, uncertain))
+    else:
+        for taken in range(0 if definite else 1, len(ambiguous) + 1):
+            outcomes.append(state_values(highs + uncertain[:taken], capacity))
     if not outcomes:
         # No sample at all: avg, max and min of an empty state, no percentiles.
         outcomes.append(state_values([], capacity))
@@ -431,6 +441,43 @@ def ipdv_stats(pairs, capacity):
         for percentile in PERCENTILES:
             spans["p%d" % percentile].also = NA
     return spans, bool(definite), bool(ambiguous)
+
+
+def highest_outcomes(highs, uncertain):
+    """state_values of highs plus the t first of uncertain (sorted from the
+    top), for every t, kept or not; as state_values computes them when every
+    sample fits the vector, but in one sweep: a minute of samples within the
+    tolerance of 0 would otherwise sort the minute once per sample."""
+    ordered = sorted(highs, reverse=True)
+    total = sum(ordered)
+    outcomes = []
+    for taken in range(0 if ordered else 1, len(uncertain) + 1):
+        if taken > 0:
+            total += uncertain[taken - 1]
+        count = len(ordered) + taken
+        kept_max = max(ordered[:1] + uncertain[:1])
+        kept_min = min(ordered[-1:] + uncertain[taken - 1:taken]) if taken else ordered[-1]
+        outcome = {"avg": total // count, "max": kept_max, "min": kept_min}
+        for percentile in PERCENTILES:
+            outcome["p%d" % percentile] = nth_largest(
+                ordered, uncertain, taken, percentile_index(count, percentile))
+        outcomes.append(outcome)
+    return outcomes
+
+
+def nth_largest(ordered, uncertain, taken, index):
+    """The value at index (from 0) of ordered and the first taken of
+    uncertain merged from the top; both lists are sorted from the top."""
+    i = j = 0
+    value = None
+    for _ in range(index + 1):
+        if j < taken and (i >= len(ordered) or uncertain[j] >= ordered[i]):
+            value = uncertain[j]
+            j += 1
+        else:
+            value = ordered[i]
+            i += 1
+    return value
 
 
 def invalidation(state):
@@ -462,6 +509,7 @@ class Expectation:
         self.values = {name: Span(NA) for name in COUNTERS}
         self.invalidated = False
         self.unaccountable = False
+        self.restart_void = False
         self.log_maxima = None
         self.notes = []
 
@@ -487,6 +535,7 @@ def expect_open(sent, state):
 def expect_finalised(sent, state, sequence_error, rate):
     expected = Expectation()
     if sequence_error:
+        expected.restart_void = True
         expected.notes.append("reflector restart seen before finalisation: all -2")
         return expected
     capacity = rate * 60
@@ -615,7 +664,9 @@ def check_na_bins(label, bins, measured):
 
 
 def check_unaccountable_record(label, lines, session_text, minute, expected):
-    """The record of a minute voided for counts out of range, and none otherwise."""
+    """The record of a minute voided for counts out of range, and none otherwise.
+    The record names the reflector, not the session: sessions sharing a
+    reflector port each write one."""
     session = re.match(r"for dstIpAddress (\S+), dstUdpPort (\S+),", session_text or "")
     if session is None:
         raise OracleError("--session-text does not name the reflector: %r" % session_text)
@@ -623,8 +674,8 @@ def check_unaccountable_record(label, lines, session_text, minute, expected):
               "dstIpAddress %s, dstUdpPort %s so all counters of period %d are reset to -2" % (
                   minute, session.group(1), session.group(2), minute % BINS))
     found = sum(1 for line in lines if line.endswith(record))
-    if expected.unaccountable and found != 1:
-        print("%s: expected one record ending '%s', found %d" % (label, record, found))
+    if expected.unaccountable and found < 1:
+        print("%s: expected a record ending '%s', found none" % (label, record))
         return 1
     if not expected.unaccountable and found:
         print("%s: unexpected record: %s" % (label, record.strip()))
@@ -677,8 +728,8 @@ def check_scenario(options, minute, state, expected):
     """The truth does to the minute what the scenario is meant to do."""
     if options.expect is None:
         return 0
-    valid = (not expected.invalidated and not expected.unaccountable and bool(state.rt) and
-             not state.restart_detected)
+    valid = (not expected.invalidated and not expected.unaccountable and
+             not expected.restart_void and bool(state.rt) and not state.restart_detected)
     outcome = {
         "valid": valid,
         "invalidated": expected.invalidated,
@@ -687,6 +738,7 @@ def check_scenario(options, minute, state, expected):
         "stateless": valid and state.stateless_seen,
         "discarded": state.echo_discarded > 0 and state.received == 0,
         "unaccountable": expected.unaccountable,
+        "restart_void": expected.restart_void,
     }[options.expect]
     if not outcome:
         print("%s: the truth of minute %d does not give the '%s' scenario" % (
@@ -717,7 +769,8 @@ def parse_arguments(argv):
     parser.add_argument("--na-bins", default="")
     parser.add_argument("--expect-sent", type=int)
     parser.add_argument("--expect", choices=("valid", "invalidated", "restart", "renumbered",
-                                             "stateless", "discarded", "unaccountable"))
+                                             "stateless", "discarded", "unaccountable",
+                                             "restart_void"))
     parser.add_argument("--dscp", type=int)
     parser.add_argument("--network-log")
     parser.add_argument("--session-text")
@@ -759,7 +812,8 @@ def run(options):
     return failures
 
 
-def main(argv):
+def check_one(argv):
+    """One session's check: 0 when it matches, 1 when not, 2 on bad input."""
     options = parse_arguments(argv)
     try:
         failures = run(options)
@@ -767,6 +821,27 @@ def main(argv):
         print("%s: oracle: %s" % (options.label, error))
         return 2
     return 1 if failures else 0
+
+
+def check_batch(path):
+    """One check per line of the file (the options of one run, quoted as in a
+    shell), each reported ok or FAIL with its label: one interpreter for many
+    sessions, which matters on a host whose CPUs are busy."""
+    worst = 0
+    with open(path) as stream:
+        lines = [line for line in stream if line.strip()]
+    for line in lines:
+        argv = shlex.split(line)
+        status = check_one(argv)
+        print("%s: %s" % ("ok" if status == 0 else "FAIL", parse_arguments(argv).label))
+        worst = max(worst, status)
+    return worst
+
+
+def main(argv):
+    if len(argv) == 2 and argv[0] == "--batch":
+        return check_batch(argv[1])
+    return check_one(argv)
 
 
 if __name__ == "__main__":

@@ -2,6 +2,7 @@
 """Tests of the oracle's replay of the minute accounting on small ground truths."""
 
 import os
+import random
 import sys
 import unittest
 
@@ -111,6 +112,20 @@ class SequenceTest(unittest.TestCase):
         self.assertEqual(4100, value(expected, "lossPeriodFwdMax"))
         self.assertEqual(0, value(expected, "duplicatePktsRev"))
 
+    # A restart seen in the first 4 s of the next minute, before this one is
+    # finalised, voids this one. At 100 packets/s the limit of 400 packets
+    # wraps to 144 in its 8 bits: a pause of 150 packets is a restart.
+    def test_restart_early_in_the_next_minute_voids(self):
+        events = [reply(seq, seq) for seq in range(10)]
+        events += [reply(seq, seq, minute=MINUTE + 1) for seq in range(10, 60)]
+        events += [fwd_loss(seq, minute=MINUTE + 1) for seq in range(60, 210)]
+        events += [reply(seq, seq - 210, minute=MINUTE + 1) for seq in range(210, 220)]
+        session = oracle.SessionReplay(START, events, 100, 0)
+        sent, state, sequence_error = session.replay(MINUTE, True)
+        expected = oracle.expect_finalised(sent, state, sequence_error, 100)
+        self.assertTrue(expected.restart_void)
+        self.assertEqual(oracle.NA, value(expected, "sentPkts"))
+
     # The same jump by exactly 40 is no restart: the new numbering is
     # followed, the pause counted as forward loss, no reply repeated.
     def test_jump_at_the_limit_is_no_restart(self):
@@ -158,6 +173,36 @@ class SequenceTest(unittest.TestCase):
         expected = finalised(events)
         self.assertTrue(expected.unaccountable)
         self.assertEqual(oracle.NA, value(expected, "receivedPkts"))
+
+
+class IpdvSweepTest(unittest.TestCase):
+    # The one-sweep ranges equal those of trying every number of uncertain
+    # samples kept, on random minutes.
+    def test_sweep_equals_every_set(self):
+        generator = random.Random(5)
+        for _ in range(200):
+            count = generator.randint(1, 80)
+            pairs = []
+            for _ in range(count):
+                lo = generator.randint(-300, 900)
+                pairs.append((lo, lo + generator.randint(0, 400)))
+            spans, _, _ = oracle.ipdv_stats(pairs, 600)
+            reference = every_set_spans(pairs, 600)
+            for name, span in spans.items():
+                self.assertEqual((reference[name].lo, reference[name].hi), (span.lo, span.hi),
+                                 "%s of %r" % (name, pairs))
+
+
+def every_set_spans(pairs, capacity):
+    """The ranges by brute force: every number of uncertain samples kept."""
+    definite = [(lo, hi) for lo, hi in pairs if lo >= 0]
+    ambiguous = sorted((hi for lo, hi in pairs if lo < 0 <= hi), reverse=True)
+    outcomes = [oracle.state_values([lo for lo, _ in definite] + [0] * len(ambiguous), capacity)]
+    for taken in range(0 if definite else 1, len(ambiguous) + 1):
+        outcomes.append(oracle.state_values([hi for _, hi in definite] + ambiguous[:taken],
+                                            capacity))
+    return {name: oracle.Span(min(o[name] for o in outcomes), max(o[name] for o in outcomes))
+            for name in outcomes[0]}
 
 
 class ReplyFieldTest(unittest.TestCase):
