@@ -204,13 +204,13 @@ for entry in "${SESSIONS[@]}"; do
     session_text+=" srcIpAddress ${SOURCE_ADDRESS[$daemon]} and srcUdpPort ${SOURCE_PORT[$daemon]}."
     printf '%q ' --truth "$(truth_of "$port")" --counters "$WORK/$name.counters.json" \
         --rate "$rate" --minute "$MINUTE" --tolerance-us "$tolerance" \
-        --label "$name: minute $MINUTE as the rule says ($expectation)" \
+        --label "$name ($expectation)" \
         --expect-sent $((rate * 60)) --expect "$expectation" --na-bins "$other_bins" \
         "${split[@]}" --network-log "$WORK/log_$daemon/TnNetworkLog.log" \
         --session-text "$session_text" >>"$batch"
     echo >>"$batch"
 done
-check "every session's minute $MINUTE against its reflector's truth (one line each above)" \
+check "every session's minute $MINUTE as its rule says, against its reflector's truth (one line each above)" \
     python3 "$ORACLE" --batch "$batch"
 
 # bin_value NAME COUNTER: the counter of minute M of a session.
