@@ -204,12 +204,19 @@ for entry in "${SESSIONS[@]}"; do
     if [ "$daemon" = shared4 ]; then
         split=(--dscp "$dscp")
     fi
+    # A daemon held up for more than 8 packet intervals catches up only 8
+    # sends: at 100 packets/s a stall of 120 ms on a busy host costs a few.
+    # The void minute does not depend on them.
+    sent=(--expect-sent $((rate * 60)))
+    if [ "$expectation" = restart_void ]; then
+        sent=()
+    fi
     session_text="for dstIpAddress $(destination_of "$daemon"), dstUdpPort $port,"
     session_text+=" srcIpAddress ${SOURCE_ADDRESS[$daemon]} and srcUdpPort ${SOURCE_PORT[$daemon]}."
     printf '%q ' --truth "$(truth_of "$port")" --counters "$WORK/$name.counters.json" \
         --rate "$rate" --minute "$MINUTE" --tolerance-us "$tolerance" \
         --label "$name ($expectation)" \
-        --expect-sent $((rate * 60)) --expect "$expectation" --na-bins "$other_bins" \
+        "${sent[@]}" --expect "$expectation" --na-bins "$other_bins" \
         "${split[@]}" --network-log "$WORK/log_$daemon/TnNetworkLog.log" \
         --session-text "$session_text" >>"$batch"
     echo >>"$batch"
