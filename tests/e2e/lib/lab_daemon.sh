@@ -34,13 +34,13 @@ lab_enter() {
     local lab="$1"
     shift
     if [ -n "${TWAMP_LAB_ENTERED:-}" ]; then
-        lab_harness_priority
         return 0
     fi
     if [ "$(id -u)" -ne 0 ]; then
         echo "skipped: the lab needs root"
         exit 77
     fi
+    lab_harness_priority
     local was_up=0 status=0
     if bash "$lab" status >/dev/null 2>&1; then
         was_up=1
@@ -60,9 +60,10 @@ lab_enter() {
 # sessions are created before their minute starts, the counters read before
 # the next one ends, everything within the test's time-out. Started at nice
 # 19 on a host whose CPUs run other work at nice 0 it gets about 1.5 % of a
-# CPU: the daemons wait seconds for the session daemon to register them, a
-# dozen creates take longer than the lead before the minute, and the test
-# times out. The ordinary share is enough; the test itself uses little.
+# CPU: bringing the lab up alone took minutes, the daemons waited for the
+# session daemon to register them, a dozen creates took longer than the
+# lead before the minute, and the test timed out. The ordinary share is
+# enough; the test itself uses little.
 lab_harness_priority() {
     if [ "$(nice)" -gt 0 ] && ! renice -n 0 -p $$ >/dev/null 2>&1; then
         echo "note: the test runs at nice $(nice) (renice refused)"
