@@ -16,9 +16,9 @@
 #            reflector address and port, one deleted half-way through the
 #            minute (the others count exactly); and two sessions towards one
 #            reflector that numbers its replies per sender, so that each sees
-#            the other's numbers as replies lost on the way back: more losses
-#            than packets, the minute is void, all -2, with its TnNetworkLog
-#            record.
+#            the other's numbers as replies lost on the way back although
+#            every reply came back: the counts do not add up, the minute is
+#            void, all -2, with its TnNetworkLog record.
 #   large6   packets of 1453, 1500, 9000 and 65507 bytes over IPv6 on the
 #            veth's 1500-byte MTU, fragmented: every reply counted.
 # The daemons' clock is placed 20 s before a whole minute M; after M is
