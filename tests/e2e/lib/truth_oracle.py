@@ -51,7 +51,7 @@ Assumptions:
 
 usage: truth_oracle.py --counters FILE [--truth FILE --rate PPS --minute M[:open|:void]...]
                        [--tolerance-us N] [--label TEXT] [--na-bins LIST]
-                       [--expect-sent N] [--expect valid|invalidated|restart]
+                       [--expect-sent N] [--expect WHAT] [--dscp N]
                        [--network-log FILE --session-text TEXT] [--verbose]
   --minute M       POSIX minute to check (bin M mod 15), finalised; M:open for
                    a minute not finalised yet (only the counters zeroed at its
@@ -63,10 +63,24 @@ usage: truth_oracle.py --counters FILE [--truth FILE --rate PPS --minute M[:open
   --expect WHAT    what the truth must make of each minute checked, so that a
                    scenario really does what it is meant to: valid (delay
                    counters written), invalidated (a maximum above the 4 s
-                   bound) or restart (a reflector restart detected in it)
+                   bound), restart (a reflector restart detected in it),
+                   renumbered (valid, and the reflector numbered from 0 again
+                   after a short pause), stateless (valid, and a reply with
+                   the sender's own number revealed a gap), discarded (every
+                   reply echoed another send time), unaccountable (the
+                   counts break the rules every minute obeys: all -2) or
+                   restart_void (a reflector restart seen before the minute
+                   was finalised, in the first 4 s of the next: all -2)
+  --dscp N         replay only the replies that carry DSCP N: one of several
+                   sessions of a daemon towards one reflector port (the truth
+                   must then hold replies only)
   --network-log    the TnNetworkLog file: an invalidated minute must have its
                    two records there, naming --session-text ("for dstIpAddress
-                   ..."); a valid one must have none for it.
+                   ..."), an unaccountable one its record; a valid one must
+                   have none for it.
+       truth_oracle.py --batch FILE
+  --batch FILE     one run per line of FILE, its options quoted as in a shell;
+                   each reported as "ok: LABEL" or "FAIL: LABEL"
 Exit status 0 when everything matches, 1 otherwise, 2 on bad input.
 """
 
@@ -74,6 +88,7 @@ import argparse
 import json
 import math
 import re
+import shlex
 import sys
 from collections import defaultdict
 
@@ -181,6 +196,22 @@ class Delays:
         self.rt = wrapped(fwd + rev, fwd + rev + tolerance_us)
 
 
+def session_events(events, dscp):
+    """The events of the session with this DSCP among several sessions of one
+    daemon towards one reflector port: its replies carry its TOS byte. A
+    request lost without a reply cannot be told apart."""
+    kept = []
+    for event in events:
+        if event.get("event") not in REQUEST_EVENTS:
+            continue
+        if "tos" not in event:
+            raise OracleError("a %s line carries no TOS byte: its session is unknown"
+                              % event["event"])
+        if (event["tos"] >> 2) == dscp:
+            kept.append(event)
+    return kept
+
+
 # ---- the replay of one minute ----
 
 
@@ -195,8 +226,9 @@ class Direction:
         self.duplicate = 0
 
     def track(self, seq, allowance, counted):
-        """Returns (newly lost, counted)."""
-        if self.expected < seq:
+        """Returns (newly lost, counted). Numbers compare in serial-number
+        order, so a wrap from 2^32 - 1 to 0 is a step forward."""
+        if int32(seq - self.expected) > 0:
             gap = (seq - self.expected) & MASK32
             newly = 0
             if int32(gap) > int32(allowance):
@@ -225,6 +257,9 @@ class MinuteState:
     def __init__(self, first_seq, jump_limit):
         self.jump_limit = jump_limit
         self.restart_detected = False
+        self.renumbered = False
+        self.stateless_seen = False
+        self.echo_discarded = 0
         self.received = 0
         self.forward = Direction(first_seq)
         self.reverse = Direction(0)
@@ -246,23 +281,36 @@ class MinuteState:
         if session.sequence_error:
             self.resynchronise(seq, rseq)
             return False
-        if self.reverse.expected > rseq and int32(seq - self.forward.expected) > self.jump_limit:
+        sender_jump = int32(seq - self.forward.expected)
+        went_back = self.reverse.expected != 0 and int32(rseq - self.reverse.expected) < 0
+        if went_back and sender_jump > self.jump_limit:
             session.sequence_error = True
             self.restart_detected = True
             self.resynchronise(seq, rseq)
             return True
         counted = False
+        gap = 0
         if self.reverse.expected == 0:
             self.reverse.expected = (rseq + 1) & MASK32
-            gap = 0
+        elif (went_back and sender_jump >= 0 and self.reply_count[seq] == 1 and
+              rseq not in self.reverse.missing):
+            # A reflector that restarted after a short pause: its new
+            # numbering is followed, neither late nor duplicate.
+            self.renumbered = True
+            self.reverse.expected = (rseq + 1) & MASK32
         else:
             gap, counted = self.reverse.track(rseq, 0, counted)
+        if gap > 0 and rseq == seq:
+            self.stateless_seen = True
         self.forward.track(seq, gap, counted)
         if self.reply_count[seq] != 1:
             return False
         self.dscp.append((reply["tos"] >> 2) & 0xFF)
-        self.ttl_fwd.append(reply["ttl"])
-        self.ttl_rev.append(session.reply_ttl)
+        # No packet arrives with TTL 0: a Sender TTL left at 0 tells nothing.
+        if reply["ttl"] != 0:
+            self.ttl_fwd.append(reply["ttl"])
+        if session.reply_ttl != 0:
+            self.ttl_rev.append(session.reply_ttl)
         delays = Delays(reply, session.tolerance_us)
         self.rt.append(delays.rt)
         self.ipdv_step(seq, delays)
@@ -286,7 +334,9 @@ class MinuteState:
 class SessionReplay:
     """Replays the whole truth file for one minute M (and M + 1 up to M's finalisation)."""
 
-    def __init__(self, start, events, rate, tolerance_us):
+    def __init__(self, start, events, rate, tolerance_us, dscp=None):
+        if dscp is not None:
+            events = session_events(events, dscp)
         self.events = events
         self.rate = rate
         self.reply_ttl = start.get("replyTtl", 255)
@@ -320,6 +370,11 @@ class SessionReplay:
                 if finalised and tick_seq is not None and event["senderSeq"] >= tick_seq:
                     break
             if kind != "reply":
+                continue
+            if event.get("t1OffsetUs", 0) != 0:
+                # A reply that echoes another send time is discarded unseen.
+                if event_minute == minute:
+                    state.echo_discarded += 1
                 continue
             if event_minute == minute:
                 state.analyse(event, self)
@@ -367,9 +422,13 @@ def ipdv_stats(pairs, capacity):
     outcomes = []
     if definite or ambiguous:
         outcomes.append(state_values([lo for lo, _ in definite + ambiguous], capacity))
-    for taken in range(0 if definite else 1, len(ambiguous) + 1):
-        outcomes.append(
-            state_values([hi for _, hi in definite] + [hi for _, hi in ambiguous[:taken]], capacity))
+    highs = [hi for _, hi in definite]
+    uncertain = [hi for _, hi in ambiguous]
+    if len(highs) + len(uncertain) <= capacity:
+        outcomes.extend(highest_outcomes(highs, uncertain))
+    else:
+        for taken in range(0 if definite else 1, len(ambiguous) + 1):
+            outcomes.append(state_values(highs + uncertain[:taken], capacity))
     if not outcomes:
         # No sample at all: avg, max and min of an empty state, no percentiles.
         outcomes.append(state_values([], capacity))
@@ -382,6 +441,43 @@ def ipdv_stats(pairs, capacity):
         for percentile in PERCENTILES:
             spans["p%d" % percentile].also = NA
     return spans, bool(definite), bool(ambiguous)
+
+
+def highest_outcomes(highs, uncertain):
+    """state_values of highs plus the t first of uncertain (sorted from the
+    top), for every t, kept or not; as state_values computes them when every
+    sample fits the vector, but in one sweep: a minute of samples within the
+    tolerance of 0 would otherwise sort the minute once per sample."""
+    ordered = sorted(highs, reverse=True)
+    total = sum(ordered)
+    outcomes = []
+    for taken in range(0 if ordered else 1, len(uncertain) + 1):
+        if taken > 0:
+            total += uncertain[taken - 1]
+        count = len(ordered) + taken
+        kept_max = max(ordered[:1] + uncertain[:1])
+        kept_min = min(ordered[-1:] + uncertain[taken - 1:taken]) if taken else ordered[-1]
+        outcome = {"avg": total // count, "max": kept_max, "min": kept_min}
+        for percentile in PERCENTILES:
+            outcome["p%d" % percentile] = nth_largest(
+                ordered, uncertain, taken, percentile_index(count, percentile))
+        outcomes.append(outcome)
+    return outcomes
+
+
+def nth_largest(ordered, uncertain, taken, index):
+    """The value at index (from 0) of ordered and the first taken of
+    uncertain merged from the top; both lists are sorted from the top."""
+    i = j = 0
+    value = None
+    for _ in range(index + 1):
+        if j < taken and (i >= len(ordered) or uncertain[j] >= ordered[i]):
+            value = uncertain[j]
+            j += 1
+        else:
+            value = ordered[i]
+            i += 1
+    return value
 
 
 def invalidation(state):
@@ -412,6 +508,8 @@ class Expectation:
     def __init__(self):
         self.values = {name: Span(NA) for name in COUNTERS}
         self.invalidated = False
+        self.unaccountable = False
+        self.restart_void = False
         self.log_maxima = None
         self.notes = []
 
@@ -437,6 +535,7 @@ def expect_open(sent, state):
 def expect_finalised(sent, state, sequence_error, rate):
     expected = Expectation()
     if sequence_error:
+        expected.restart_void = True
         expected.notes.append("reflector restart seen before finalisation: all -2")
         return expected
     capacity = rate * 60
@@ -451,7 +550,26 @@ def expect_finalised(sent, state, sequence_error, rate):
             return expected
         write_delay_counters(expected, state, capacity)
     write_sequence_counters(expected, sent, state, rate)
+    if not counts_in_range(expected):
+        expected.values = {name: Span(NA) for name in COUNTERS}
+        expected.unaccountable = True
+        expected.notes.append("counts out of range: all -2")
     return expected
+
+
+def counts_in_range(expected):
+    """The rules every finalised minute obeys; a minute that breaks them is void."""
+    value = {name: expected.values[name].lo for name in COUNTERS}
+    sent = value["sentPkts"]
+    for name in ("lostPktsFwd", "lostPktsRev", "latePktsFwd", "latePktsRev"):
+        if value[name] != NA and not 0 <= value[name] <= sent:
+            return False
+    duplicates = value["duplicatePktsFwd"] + value["duplicatePktsRev"]
+    if min(value["duplicatePktsFwd"], value["duplicatePktsRev"], value["receivedPkts"]) < 0:
+        return False
+    accounted = value["receivedPkts"] + sum(
+        value[name] for name in ("lostPktsFwd", "lostPktsRev") if value[name] != NA)
+    return accounted <= sent + duplicates
 
 
 def write_delay_counters(expected, state, capacity):
@@ -470,8 +588,11 @@ def write_delay_counters(expected, state, capacity):
             expected.set("%sP%d" % (prefix, percentile), spans["p%d" % percentile])
     for name, values in (("dscpRev", state.dscp), ("ttlFwd", state.ttl_fwd),
                          ("ttlRev", state.ttl_rev)):
-        expected.set(name + "Max", max(values))
-        expected.set(name + "Min", min(values))
+        if values:
+            expected.set(name + "Max", max(values))
+            expected.set(name + "Min", min(values))
+        else:
+            expected.notes.append("%s: no value in the minute" % name)
 
 
 def write_sequence_counters(expected, sent, state, rate):
@@ -542,10 +663,38 @@ def check_na_bins(label, bins, measured):
     return failures
 
 
+def check_unaccountable_record(label, lines, session_text, minute, expected):
+    """The record of a minute voided for counts out of range, and none otherwise.
+    The record names the reflector, not the session: sessions sharing a
+    reflector port each write one."""
+    session = re.match(r"for dstIpAddress (\S+), dstUdpPort (\S+),", session_text or "")
+    if session is None:
+        raise OracleError("--session-text does not name the reflector: %r" % session_text)
+    record = (" TwampTestSession: minute %d cannot be accounted (counts out of range) for "
+              "dstIpAddress %s, dstUdpPort %s so all counters of period %d are reset to -2" % (
+                  minute, session.group(1), session.group(2), minute % BINS))
+    found = sum(1 for line in lines if line.endswith(record))
+    if expected.unaccountable and found < 1:
+        print("%s: expected a record ending '%s', found none" % (label, record))
+        return 1
+    if not expected.unaccountable and found:
+        print("%s: unexpected record: %s" % (label, record.strip()))
+        return 1
+    if found:
+        print("%s: counts out of range recorded for period %d" % (label, minute % BINS))
+    return 0
+
+
 def check_network_log(label, path, session_text, minute, expected):
-    """The two records of an invalidated minute, and none for a valid one."""
+    """The two records of an invalidated minute, and none for a valid one;
+    likewise the record of a minute whose counts are out of range."""
     with open(path) as stream:
         lines = [line.rstrip("\n") for line in stream]
+    failures = check_unaccountable_record(label, lines, session_text, minute, expected)
+    return failures + check_invalidation_records(label, lines, session_text, minute, expected)
+
+
+def check_invalidation_records(label, lines, session_text, minute, expected):
     head = re.compile(r" TwampTestSession: delayRtMax (\d+) or ipdvFwdMax (\d+) or ipdvRevMax "
                       r"(\d+) are larger than 4s for period (\d+) so all counters are reset to -2$")
     tail = " " + session_text
@@ -579,10 +728,17 @@ def check_scenario(options, minute, state, expected):
     """The truth does to the minute what the scenario is meant to do."""
     if options.expect is None:
         return 0
+    valid = (not expected.invalidated and not expected.unaccountable and
+             not expected.restart_void and bool(state.rt) and not state.restart_detected)
     outcome = {
-        "valid": not expected.invalidated and bool(state.rt) and not state.restart_detected,
+        "valid": valid,
         "invalidated": expected.invalidated,
         "restart": state.restart_detected,
+        "renumbered": valid and state.renumbered,
+        "stateless": valid and state.stateless_seen,
+        "discarded": state.echo_discarded > 0 and state.received == 0,
+        "unaccountable": expected.unaccountable,
+        "restart_void": expected.restart_void,
     }[options.expect]
     if not outcome:
         print("%s: the truth of minute %d does not give the '%s' scenario" % (
@@ -612,7 +768,10 @@ def parse_arguments(argv):
     parser.add_argument("--label", default="session")
     parser.add_argument("--na-bins", default="")
     parser.add_argument("--expect-sent", type=int)
-    parser.add_argument("--expect", choices=("valid", "invalidated", "restart"))
+    parser.add_argument("--expect", choices=("valid", "invalidated", "restart", "renumbered",
+                                             "stateless", "discarded", "unaccountable",
+                                             "restart_void"))
+    parser.add_argument("--dscp", type=int)
     parser.add_argument("--network-log")
     parser.add_argument("--session-text")
     parser.add_argument("--verbose", action="store_true")
@@ -627,7 +786,7 @@ def run(options):
         if not options.truth:
             raise OracleError("--minute needs --truth")
         start, events = load_truth(options.truth)
-        session = SessionReplay(start, events, options.rate, options.tolerance_us)
+        session = SessionReplay(start, events, options.rate, options.tolerance_us, options.dscp)
     for item in options.minute:
         text, _, mode = item.partition(":")
         minute = int(text)
@@ -653,7 +812,8 @@ def run(options):
     return failures
 
 
-def main(argv):
+def check_one(argv):
+    """One session's check: 0 when it matches, 1 when not, 2 on bad input."""
     options = parse_arguments(argv)
     try:
         failures = run(options)
@@ -661,6 +821,27 @@ def main(argv):
         print("%s: oracle: %s" % (options.label, error))
         return 2
     return 1 if failures else 0
+
+
+def check_batch(path):
+    """One check per line of the file (the options of one run, quoted as in a
+    shell), each reported ok or FAIL with its label: one interpreter for many
+    sessions, which matters on a host whose CPUs are busy."""
+    worst = 0
+    with open(path) as stream:
+        lines = [line for line in stream if line.strip()]
+    for line in lines:
+        argv = shlex.split(line)
+        status = check_one(argv)
+        print("%s: %s" % ("ok" if status == 0 else "FAIL", parse_arguments(argv).label))
+        worst = max(worst, status)
+    return worst
+
+
+def main(argv):
+    if len(argv) == 2 and argv[0] == "--batch":
+        return check_batch(argv[1])
+    return check_one(argv)
 
 
 if __name__ == "__main__":

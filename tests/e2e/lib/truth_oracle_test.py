@@ -2,6 +2,7 @@
 """Tests of the oracle's replay of the minute accounting on small ground truths."""
 
 import os
+import random
 import sys
 import unittest
 
@@ -111,13 +112,136 @@ class SequenceTest(unittest.TestCase):
         self.assertEqual(4100, value(expected, "lossPeriodFwdMax"))
         self.assertEqual(0, value(expected, "duplicatePktsRev"))
 
-    # The same jump by exactly 40 is no restart: the reflector's numbers look repeated.
+    # A restart seen in the first 4 s of the next minute, before this one is
+    # finalised, voids this one. At 100 packets/s the limit of 400 packets
+    # wraps to 144 in its 8 bits: a pause of 150 packets is a restart.
+    def test_restart_early_in_the_next_minute_voids(self):
+        events = [reply(seq, seq) for seq in range(10)]
+        events += [reply(seq, seq, minute=MINUTE + 1) for seq in range(10, 60)]
+        events += [fwd_loss(seq, minute=MINUTE + 1) for seq in range(60, 210)]
+        events += [reply(seq, seq - 210, minute=MINUTE + 1) for seq in range(210, 220)]
+        session = oracle.SessionReplay(START, events, 100, 0)
+        sent, state, sequence_error = session.replay(MINUTE, True)
+        expected = oracle.expect_finalised(sent, state, sequence_error, 100)
+        self.assertTrue(expected.restart_void)
+        self.assertEqual(oracle.NA, value(expected, "sentPkts"))
+
+    # The same jump by exactly 40 is no restart: the new numbering is
+    # followed, the pause counted as forward loss, no reply repeated.
     def test_jump_at_the_limit_is_no_restart(self):
         events = [reply(seq, seq) for seq in range(10)]
         events += [fwd_loss(seq) for seq in range(10, 50)]
         events += [reply(seq, seq - 50) for seq in range(50, 53)]
         expected = finalised(events)
-        self.assertEqual(3, value(expected, "duplicatePktsRev"))
+        self.assertEqual(0, value(expected, "duplicatePktsRev"))
+        self.assertEqual(40, value(expected, "lostPktsFwd"))
+        self.assertEqual(0, value(expected, "lostPktsRev"))
+
+    # A short pause of 10 requests, then numbers from 0: renumbered, not a restart.
+    def test_short_restart_is_followed(self):
+        events = [reply(seq, seq) for seq in range(20)]
+        events += [fwd_loss(seq) for seq in range(20, 30)]
+        events += [reply(seq, seq - 30) for seq in range(30, 40)]
+        session = oracle.SessionReplay(START, events, RATE, 0)
+        sent, state, sequence_error = session.replay(MINUTE, True)
+        self.assertTrue(state.renumbered)
+        self.assertFalse(state.restart_detected)
+        expected = oracle.expect_finalised(sent, state, sequence_error, RATE)
+        self.assertEqual(10, value(expected, "lostPktsFwd"))
+        self.assertEqual(0, value(expected, "latePktsRev"))
+        self.assertEqual(0, value(expected, "duplicatePktsRev"))
+
+    # A reply whose reflector number went back but is listed missing is late, not renumbered.
+    def test_missing_reflector_number_is_late(self):
+        expected = finalised([reply(0, 0), reply(2, 2), reply(1, 1)])
+        self.assertEqual(1, value(expected, "latePktsRev"))
+        self.assertEqual(0, value(expected, "lostPktsRev"))
+
+    # A stateless reflector: a forward loss reads as reverse loss, and is seen as such.
+    def test_stateless_forward_loss_is_reverse(self):
+        session = oracle.SessionReplay(START, [reply(0, 0), fwd_loss(1), reply(2, 2)], RATE, 0)
+        sent, state, sequence_error = session.replay(MINUTE, True)
+        self.assertTrue(state.stateless_seen)
+        expected = oracle.expect_finalised(sent, state, sequence_error, RATE)
+        self.assertEqual(1, value(expected, "lostPktsRev"))
+        self.assertEqual(0, value(expected, "lostPktsFwd"))
+
+    # Three sessions numbered by one reflector: each sees gaps of two on the
+    # way back, more losses than packets; the minute is void.
+    def test_counts_out_of_range_void_the_minute(self):
+        events = [reply(seq, 3 * seq) for seq in range(10)]
+        expected = finalised(events)
+        self.assertTrue(expected.unaccountable)
+        self.assertEqual(oracle.NA, value(expected, "receivedPkts"))
+
+
+class IpdvSweepTest(unittest.TestCase):
+    # The one-sweep ranges equal those of trying every number of uncertain
+    # samples kept, on random minutes.
+    def test_sweep_equals_every_set(self):
+        generator = random.Random(5)
+        for _ in range(200):
+            count = generator.randint(1, 80)
+            pairs = []
+            for _ in range(count):
+                lo = generator.randint(-300, 900)
+                pairs.append((lo, lo + generator.randint(0, 400)))
+            spans, _, _ = oracle.ipdv_stats(pairs, 600)
+            reference = every_set_spans(pairs, 600)
+            for name, span in spans.items():
+                self.assertEqual((reference[name].lo, reference[name].hi), (span.lo, span.hi),
+                                 "%s of %r" % (name, pairs))
+
+
+def every_set_spans(pairs, capacity):
+    """The ranges by brute force: every number of uncertain samples kept."""
+    definite = [(lo, hi) for lo, hi in pairs if lo >= 0]
+    ambiguous = sorted((hi for lo, hi in pairs if lo < 0 <= hi), reverse=True)
+    outcomes = [oracle.state_values([lo for lo, _ in definite] + [0] * len(ambiguous), capacity)]
+    for taken in range(0 if definite else 1, len(ambiguous) + 1):
+        outcomes.append(oracle.state_values([hi for _, hi in definite] + ambiguous[:taken],
+                                            capacity))
+    return {name: oracle.Span(min(o[name] for o in outcomes), max(o[name] for o in outcomes))
+            for name in outcomes[0]}
+
+
+class ReplyFieldTest(unittest.TestCase):
+    # A Sender TTL left at 0 gives no forward TTL; the reply TTL is still counted.
+    def test_sender_ttl_zero_gives_no_value(self):
+        events = [reply(0, 0), reply(1, 1)]
+        for event in events:
+            event["ttl"] = 0
+        expected = finalised(events)
+        self.assertEqual(oracle.NA, value(expected, "ttlFwdMax"))
+        self.assertEqual(oracle.NA, value(expected, "ttlFwdMin"))
+        self.assertEqual(64, value(expected, "ttlRevMax"))
+
+    # Replies echoing another send time count nowhere: the packets are lost.
+    def test_corrupted_echo_is_discarded(self):
+        events = [reply(0, 0), reply(1, 1)]
+        for event in events:
+            event["t1OffsetUs"] = 5000
+        session = oracle.SessionReplay(START, events, RATE, 0)
+        sent, state, sequence_error = session.replay(MINUTE, True)
+        self.assertEqual(2, state.echo_discarded)
+        expected = oracle.expect_finalised(sent, state, sequence_error, RATE)
+        self.assertEqual(0, value(expected, "receivedPkts"))
+        self.assertEqual(2, value(expected, "lostPktsFwd"))
+        self.assertEqual(oracle.NA, value(expected, "delayRtMax"))
+
+    # Sessions of one daemon towards one reflector port are told apart by DSCP.
+    def test_replies_split_by_dscp(self):
+        other = reply(0, 0)
+        other["tos"] = 34 << 2
+        session = oracle.SessionReplay(START, [reply(0, 0), other, reply(1, 1)], RATE, 0, dscp=46)
+        sent, state, _ = session.replay(MINUTE, True)
+        self.assertEqual([0, 1], sent)
+        self.assertEqual(2, state.received)
+
+    # A lost request carries no TOS byte: its session cannot be told.
+    def test_split_by_dscp_refuses_losses(self):
+        with self.assertRaises(oracle.OracleError):
+            oracle.SessionReplay(START, [reply(0, 0), fwd_loss(1)], RATE, 0, dscp=46)
 
 
 class DelayTest(unittest.TestCase):
