@@ -11,6 +11,7 @@
 // 0 to 7, one a second from 22:08:00 on 2023-11-14.
 #include <sys/socket.h>
 
+#include <algorithm>
 #include <cstddef>
 #include <cstdint>
 #include <cstring>
@@ -37,12 +38,12 @@ int familyOf(uint8_t selector) {
 
 // Each buffer is allocated at its exact size, so that the sanitizer sees
 // every read past its end.
-void parseDirectly(const std::vector<uint8_t>& frameBytes,
-                   const std::vector<uint8_t>& controlBytes, int family) {
+void parseDirectly(const std::vector<uint8_t>& frameBytes, const std::vector<uint8_t>& controlBytes,
+                   int family) {
     std::unique_ptr<uint8_t[]> frame(new uint8_t[frameBytes.size()]);
-    std::memcpy(frame.get(), frameBytes.data(), frameBytes.size());
+    std::copy(frameBytes.begin(), frameBytes.end(), frame.get());
     std::unique_ptr<uint8_t[]> control(new uint8_t[controlBytes.size()]);
-    std::memcpy(control.get(), controlBytes.data(), controlBytes.size());
+    std::copy(controlBytes.begin(), controlBytes.end(), control.get());
 
     if (isLoopedUdpFrame(frame.get(), frameBytes.size(), family)) {
         ReceiverKey key;

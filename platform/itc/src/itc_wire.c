@@ -4,8 +4,8 @@
 
 #include "itc_internal.h"
 
-static bool itc_wire_check(itc_mbox_id_t receiver, const unsigned char* datagram,
-                           size_t received, itc_wire_header_t* wire) {
+static bool itc_wire_check(itc_mbox_id_t receiver, const unsigned char* datagram, size_t received,
+                           itc_wire_header_t* wire) {
     if (received < sizeof *wire) {
         return false;
     }

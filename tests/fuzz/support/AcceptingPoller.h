@@ -10,9 +10,7 @@
 class AcceptingPoller : public IoPoller {
   public:
     // IoPoller
-    bool setEvents(int /*fd*/, unsigned /*previous*/, unsigned /*events*/) override {
-        return true;
-    }
+    bool setEvents(int /*fd*/, unsigned /*previous*/, unsigned /*events*/) override { return true; }
     bool wait(std::vector<IoReadiness>& ready) override {
         ready.clear();
         return false;

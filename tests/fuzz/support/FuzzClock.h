@@ -15,7 +15,9 @@ class FuzzClock : public Clock {
         now.tv_nsec = nanoseconds;
     }
     // What the clock shows.
-    struct timespec get() const { return now; }
+    struct timespec get() const {
+        return now;
+    }
 
     // Clock
     bool getRealtime(struct timespec* time) override {

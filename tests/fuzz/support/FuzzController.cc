@@ -7,7 +7,6 @@
 #include "FakeItc.h"
 #include "FakeSaLog.h"
 #include "PercentileVector.h"
-#include "TraceRecorder.h"
 #include "TwampTestSessionController.h"
 #include "tn_log_internal.h"
 
@@ -129,7 +128,6 @@ void FuzzController::deleteAllSessions() {
 }
 
 void FuzzController::startInput() {
-    twamp_test::TraceRecorder::reset();
     twamp_test::FakeSaLog::forgetCalls();
     twamp_test::FakeItc::reset();
     socketSystemCalls.resetQueues();

@@ -49,8 +49,7 @@ class FuzzController : public TwampTestSessionControllerInterface {
     // The system calls of the socket.
     FuzzSocketSystemCalls& getSocketSystemCalls();
     // A session on the fuzz clock and system calls, not registered.
-    std::unique_ptr<TwampTestSession> makeSession(const char* dstIpAddress,
-                                                  const char* dstUdpPort,
+    std::unique_ptr<TwampTestSession> makeSession(const char* dstIpAddress, const char* dstUdpPort,
                                                   uint32_t packetsPerSecond, int32_t packetSize);
     // Fires the packet timer of every registered session once.
     void fireTimers();
@@ -58,7 +57,7 @@ class FuzzController : public TwampTestSessionControllerInterface {
     void deleteAllSessions();
 
     // Every input starts from the same state: clock at kStartSeconds, no
-    // sessions, empty kernel queues, no signals, traces or log records.
+    // sessions, empty kernel queues, no signals and no log records.
     void startInput();
     // Destroys what the input created and frees what it left in ITC.
     void finishInput();

@@ -6,7 +6,9 @@
 #include <netinet/in.h>
 #include <sys/socket.h>
 
+#include <algorithm>
 #include <cstring>
+#include <vector>
 
 #include "FuzzController.h"
 #include "FuzzInput.h"
@@ -25,7 +27,7 @@ inline ReceiverKey takeSource(FuzzInput& input, int family) {
         address.ss_family = static_cast<sa_family_t>(input.takeU16());
         auto* bytes = reinterpret_cast<uint8_t*>(&address);
         const std::vector<uint8_t> rest = input.takeBytes(sizeof(struct sockaddr_in6) - 2);
-        std::memcpy(bytes + 2, rest.data(), rest.size());
+        std::copy(rest.begin(), rest.end(), bytes + 2);
         return ReceiverKey(address);
     }
     const uint16_t port = htons(choice % 3 == 0 ? 862 : 863);

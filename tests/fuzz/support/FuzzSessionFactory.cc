@@ -7,6 +7,5 @@ TwampTestSession* FuzzSessionFactory::createTwampTestSession(
     uint32_t spare2, int32_t packetSize, uint32_t dscp, uint32_t startOffset,
     uint32_t spreadingBase) {
     return new TwampTestSession(dstIpAddress, dstUdpPort, packetsPerSecond, spare1, spare2,
-                                packetSize, dscp, startOffset, spreadingBase, clock,
-                                &systemCalls);
+                                packetSize, dscp, startOffset, spreadingBase, clock, &systemCalls);
 }

@@ -17,8 +17,7 @@ class FuzzSessionFactory : public TwampTestSessionFactory {
     TwampTestSession* createTwampTestSession(const char* dstIpAddress, const char* dstUdpPort,
                                              uint32_t packetsPerSecond, uint32_t spare1,
                                              uint32_t spare2, int32_t packetSize, uint32_t dscp,
-                                             uint32_t startOffset,
-                                             uint32_t spreadingBase) override;
+                                             uint32_t startOffset, uint32_t spreadingBase) override;
 
   private:
     FuzzClock& clock;
