@@ -82,8 +82,10 @@ for target in "${targets[@]}"; do
     artifacts_before=$(find "$artifacts" -type f | wc -l)
     started=$SECONDS
     status=0
-    # New inputs go to the first directory, never into the seeds in the tree.
-    nice -n 19 "$binary" "${limit[@]}" -jobs=1 -workers=1 -timeout=25 -print_final_stats=1 \
+    # One process, one worker (no -jobs: that would run it in a child with
+    # its log in the current directory). New inputs go to the first
+    # directory, never into the seeds in the tree.
+    nice -n 19 "$binary" "${limit[@]}" -timeout=25 -print_final_stats=1 \
         -artifact_prefix="$artifacts/" "$corpus" "$seeds" >"$log" 2>&1 || status=$?
     elapsed=$((SECONDS - started))
     executions=$(sed -n 's/^stat::number_of_executed_units: *//p' "$log" | tail -1)
