@@ -15,7 +15,8 @@
 set -euo pipefail
 
 ROOT="$(cd "$(dirname "$0")/.." && pwd)"
-BUILD="$ROOT/build-fuzz"
+# TWAMP_FUZZ_BUILD_DIR: another build directory (CI time measurements).
+BUILD="${TWAMP_FUZZ_BUILD_DIR:-$ROOT/build-fuzz}"
 ALL_TARGETS=(itc_dispatcher udp_receive looped_frame itc_wire ctl_options reflector_options)
 
 runs=10000000
