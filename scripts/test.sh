@@ -1,6 +1,7 @@
 #!/usr/bin/env bash
 # The whole test run: set-up, build, CTest, then the same suite again under
-# AddressSanitizer and UndefinedBehaviorSanitizer. Needs root (network
+# AddressSanitizer and UndefinedBehaviorSanitizer, then every fuzz target for
+# 30 seconds (a crash fails the run; docs/RELIABILITY.md). Needs root (network
 # namespaces, a private trace session daemon, apt-get on a fresh machine).
 set -euo pipefail
 
@@ -23,3 +24,5 @@ echo "=== tests ==="
 run_suite "$ROOT/build"
 echo "=== tests under AddressSanitizer and UndefinedBehaviorSanitizer ==="
 run_suite "$ROOT/build-sanitize" -DTWAMP_SANITIZE=ON
+echo "=== fuzz targets, 30 s each ==="
+bash "$ROOT/scripts/fuzz.sh" --seconds 30

@@ -99,6 +99,14 @@ class FakeSessionSystemCalls : public SessionSystemCalls {
         closedFds.push_back(fd);
         return 0;
     }
+    int getaddrinfo(const char* node, const char* service, const struct addrinfo* hints,
+                    struct addrinfo** result) override {
+        resolved.push_back(std::string(node) + " " + service);
+        if (resolveError != 0) {
+            return resolveError;
+        }
+        return SessionSystemCalls::getaddrinfo(node, service, hints, result);
+    }
 
     // Queues one timer read that returns count expiries.
     void queueExpiries(uint64_t count) { timerReads.push_back({count, 8, 0}); }
@@ -124,6 +132,10 @@ class FakeSessionSystemCalls : public SessionSystemCalls {
     int setsockoptErrno = 0;
     std::vector<std::string> events;
     std::vector<int> closedFds;
+    // Address and port texts of every getaddrinfo, "address port"; a
+    // resolveError other than 0 is returned instead of resolving.
+    std::vector<std::string> resolved;
+    int resolveError = 0;
 
   private:
     struct TimerRead {

@@ -63,6 +63,14 @@ uint32_t itc_msg_number(const itc_msg_head_t* head);
 /* Frees a block (NULL-safe), keeping errno. */
 void itc_msg_release(itc_msg_head_t* head);
 
+/* itc_wire.c */
+typedef enum { ITC_WIRE_SIGNAL, ITC_WIRE_DROPPED, ITC_WIRE_ERROR } itc_wire_result_t;
+/* Turns received bytes of a datagram for mailbox receiver into a signal (SIGNAL, *head set);
+ * DROPPED for anything that is not one whole ITC signal for that mailbox, ERROR (errno)
+ * when no memory is left. */
+itc_wire_result_t itc_wire_decode(itc_mbox_id_t receiver, const unsigned char* datagram,
+                                  size_t received, itc_msg_head_t** head);
+
 /* itc_process.c */
 /* Takes a place for a new mailbox of the calling thread; false with EPERM, EBUSY, ENOSPC. */
 bool itc_process_reserve(void);

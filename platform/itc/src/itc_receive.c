@@ -76,17 +76,6 @@ static itc_msg_head_t* itc_kept_take(itc_mailbox_t* mailbox, const uint32_t* fil
     return NULL;
 }
 
-/* Anything that is not a whole ITC signal for this very mailbox is not trusted. */
-static bool itc_wire_check(const itc_mailbox_t* mailbox, size_t received, itc_wire_header_t* wire) {
-    if (received < sizeof *wire) {
-        return false;
-    }
-    memcpy(wire, mailbox->rx_buffer, sizeof *wire);
-    return wire->magic == ITC_WIRE_MAGIC && wire->version == ITC_WIRE_VERSION &&
-           wire->receiver == mailbox->id && wire->length == received - sizeof *wire &&
-           wire->length >= sizeof(uint32_t) && wire->length <= ITC_MAX_MSG_SIZE;
-}
-
 static itc_rx_t itc_read_datagram(itc_mailbox_t* mailbox, itc_msg_head_t** head) {
     if (mailbox->rx_buffer == NULL) {
         mailbox->rx_buffer = malloc(ITC_RX_CAPACITY);
@@ -107,12 +96,17 @@ static itc_rx_t itc_read_datagram(itc_mailbox_t* mailbox, itc_msg_head_t** head)
     if (received < 0) {
         return errno == EAGAIN || errno == EWOULDBLOCK ? ITC_RX_EMPTY : ITC_RX_ERROR;
     }
-    itc_wire_header_t wire;
-    if ((message.msg_flags & MSG_TRUNC) != 0 || !itc_wire_check(mailbox, (size_t)received, &wire)) {
+    if ((message.msg_flags & MSG_TRUNC) != 0) {
         return ITC_RX_DROPPED;
     }
-    *head = itc_msg_received(&wire, mailbox->rx_buffer + sizeof wire);
-    return *head != NULL ? ITC_RX_SIGNAL : ITC_RX_ERROR;
+    switch (itc_wire_decode(mailbox->id, mailbox->rx_buffer, (size_t)received, head)) {
+        case ITC_WIRE_SIGNAL:
+            return ITC_RX_SIGNAL;
+        case ITC_WIRE_DROPPED:
+            return ITC_RX_DROPPED;
+        default:
+            return ITC_RX_ERROR;
+    }
 }
 
 static struct timespec itc_deadline(int32_t tmo) {

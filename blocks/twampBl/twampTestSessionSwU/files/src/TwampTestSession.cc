@@ -268,6 +268,15 @@ int SessionSystemCalls::close(int fd) {
     return ::close(fd);
 }
 
+int SessionSystemCalls::getaddrinfo(const char* node, const char* service,
+                                    const struct addrinfo* hints, struct addrinfo** result) {
+    return ::getaddrinfo(node, service, hints, result);
+}
+
+void SessionSystemCalls::freeaddrinfo(struct addrinfo* result) {
+    ::freeaddrinfo(result);
+}
+
 SessionSystemCalls& SessionSystemCalls::real() {
     static SessionSystemCalls systemCalls;
     return systemCalls;
@@ -739,13 +748,14 @@ int TwampTestSession::resolveDestination() {
     hints.ai_family = AF_UNSPEC;
     hints.ai_socktype = SOCK_DGRAM;
     struct addrinfo* result = nullptr;
-    const int rc = getaddrinfo(dstIpAddress.c_str(), dstUdpPort.c_str(), &hints, &result);
+    const int rc =
+        systemCalls.getaddrinfo(dstIpAddress.c_str(), dstUdpPort.c_str(), &hints, &result);
     if (rc != 0) {
         return rc;
     }
     std::memcpy(&dstAddress, result->ai_addr, result->ai_addrlen);
     dstAddressLength = result->ai_addrlen;
-    freeaddrinfo(result);
+    systemCalls.freeaddrinfo(result);
     return 0;
 }
 

@@ -9,6 +9,7 @@
 #ifndef TWAMP_TEST_SESSION_H
 #define TWAMP_TEST_SESSION_H
 
+#include <netdb.h>
 #include <sys/socket.h>
 #include <sys/timerfd.h>
 #include <sys/types.h>
@@ -36,9 +37,10 @@
 
 union itc_msg;
 
-// The system calls of a session's timer and send path. The base class calls
-// the real ones; tests override single calls to fire timers, fail sends and
-// feed random bytes without waiting or touching the network.
+// The system calls of a session's timer, send path and address resolution.
+// The base class calls the real ones; tests override single calls to fire
+// timers, fail sends, feed random bytes and resolve addresses without waiting
+// or touching the network.
 class SessionSystemCalls {
   public:
     virtual ~SessionSystemCalls();
@@ -56,6 +58,11 @@ class SessionSystemCalls {
     virtual int setsockopt(int fd, int level, int name, const void* value, socklen_t length);
     // ::close
     virtual int close(int fd);
+    // ::getaddrinfo (the destination address and port)
+    virtual int getaddrinfo(const char* node, const char* service, const struct addrinfo* hints,
+                            struct addrinfo** result);
+    // ::freeaddrinfo
+    virtual void freeaddrinfo(struct addrinfo* result);
 
     // The process's instance calling the real system calls.
     static SessionSystemCalls& real();
