@@ -1,10 +1,11 @@
 #!/usr/bin/env bash
-# The generated man pages: man and groff find nothing to warn about, and each
-# page names every option its program's --help prints.
+# The generated man pages: man and groff find nothing to warn about in any
+# page of MAN_DIR, and each page named with a program names every option that
+# program's --help prints.
 #
-# usage: man_pages_test.sh MAN_DIR PAGE=PROGRAM...
+# usage: man_pages_test.sh MAN_DIR [PAGE=PROGRAM]...
 #   PAGE is the file name in MAN_DIR (twamp-ctl.1); PROGRAM the built binary
-#   whose --help the page must cover, or - for a page without --help.
+#   whose --help the page must cover.
 set -uo pipefail
 
 MAN_DIR="$1"
@@ -44,17 +45,20 @@ check_options() {
     fi
 }
 
+pages=("$MAN_DIR"/*.[1-9])
+if [ ! -e "${pages[0]}" ]; then
+    fail "no man page in $MAN_DIR"
+fi
+for page in "${pages[@]}"; do
+    [ -e "$page" ] && check_warnings "$page"
+done
 for pair in "$@"; do
     page="$MAN_DIR/${pair%%=*}"
-    program="${pair#*=}"
     if [ ! -s "$page" ]; then
         fail "$page was not generated"
         continue
     fi
-    check_warnings "$page"
-    if [ "$program" != "-" ]; then
-        check_options "$page" "$program"
-    fi
+    check_options "$page" "${pair#*=}"
 done
 
 [ "$failures" -eq 0 ]
