@@ -90,19 +90,31 @@ mkdir -p "$ROOT/debs" && cp "${DEBS[@]}" "$ROOT/debs/" || exit 1
 cp /etc/resolv.conf "$ROOT/etc/resolv.conf" 2>/dev/null
 cp "$HERE/install_e2e_inside.sh" "$ROOT/install_e2e_inside.sh" || exit 1
 
-# --- 3. install and run inside, in a mount namespace of its own ------------
-phase "installing and running inside the root"
-unshare --mount --propagation private bash -c '
-    set -e
-    root="$1"
-    mount --rbind /dev "$root/dev"
-    mount -t proc proc "$root/proc"
-    mount -t sysfs sysfs "$root/sys"
-    mount -t tmpfs tmpfs "$root/run"
-    mount -t tmpfs tmpfs "$root/tmp"
-    chroot "$root" /usr/bin/env -i PATH=/usr/sbin:/usr/bin:/sbin:/bin HOME=/root \
-        bash /install_e2e_inside.sh
-' bash "$ROOT"
+# --- 3. install, then run, inside ---------------------------------------------
+# Each in a mount namespace of its own (the mounts vanish with it). The run
+# also gets a network namespace of its own, with only loopback: its ports
+# and packets never meet those of other tests on the host.
+inside() {
+    local mode="$1"
+    shift
+    unshare --mount --propagation private "$@" bash -c '
+        set -e
+        root="$1"
+        mode="$2"
+        if [ "$mode" = run ]; then
+            ip link set lo up
+        fi
+        mount --rbind /dev "$root/dev"
+        mount -t proc proc "$root/proc"
+        mount -t sysfs sysfs "$root/sys"
+        chroot "$root" /usr/bin/env -i PATH=/usr/sbin:/usr/bin:/sbin:/bin HOME=/root \
+            bash /install_e2e_inside.sh "$mode"
+    ' bash "$ROOT" "$mode"
+}
+phase "installing the packages inside the root"
+inside install || exit 1
+phase "running the installed programs inside the root"
+inside run --net
 status=$?
 phase "done, status $status"
 exit "$status"

@@ -1,7 +1,11 @@
 #!/usr/bin/env bash
 # The part of install_e2e.sh that runs inside the fresh Debian root (chroot):
-# install the packages, check what they installed, run the daemon as its
-# systemd unit would, create a session as an operator and read its counters.
+# "install" installs the packages (with the host's network, should apt need to
+# fetch a dependency the cached root lacks); "run", in a network namespace of
+# the test's own, checks what they installed, runs the daemon as its systemd
+# unit would, creates a session as an operator and reads its counters.
+#
+# usage: install_e2e_inside.sh install|run
 set -uo pipefail
 
 SERVICE=e2e
@@ -41,11 +45,15 @@ finish() {
 }
 
 # --- installation -------------------------------------------------------------
-export DEBIAN_FRONTEND=noninteractive
-if ! apt-get install -y --no-install-recommends /debs/*.deb >/tmp/apt.log 2>&1; then
-    tail -30 /tmp/apt.log
-    echo "FAIL: apt-get install of the packages"
-    exit 1
+if [ "$1" = install ]; then
+    export DEBIAN_FRONTEND=noninteractive
+    if ! apt-get install -y --no-install-recommends /debs/*.deb >/tmp/apt.log 2>&1; then
+        tail -30 /tmp/apt.log
+        echo "FAIL: apt-get install of the packages"
+        exit 1
+    fi
+    echo "ok: apt-get install $(cd /debs && echo *.deb)"
+    exit 0
 fi
 VERSION="$(dpkg-query -W -f='${Version}' twamp-sender)"
 echo "installed twamp-sender $VERSION"
