@@ -69,6 +69,16 @@ fi
 mapfile -t DEBS < <(ls "$WORK"/twamp-*.deb | grep -v -- '-dbgsym_')
 phase "built: ${DEBS[*]##*/}"
 
+# lintian: no error; its warnings are printed for the record.
+phase "lintian"
+lint="$(lintian --fail-on error "$WORK"/twamp-light-sender_*.changes 2>&1)"
+lint_status=$?
+grep -v '^running with root' <<<"$lint"
+if [ "$lint_status" -ne 0 ]; then
+    echo "FAIL: lintian reports errors"
+    exit 1
+fi
+
 # --- 2. a fresh Debian root -------------------------------------------------
 BASE="$CACHE/$SUITE-minbase-$(echo "$BASE_PACKAGES $MIRROR" | md5sum | cut -c1-12).tar"
 mkdir -p "$CACHE"
