@@ -13,7 +13,9 @@
 # The base root (minbase with the packages' dependencies) is cached as a
 # tarball in $TWAMP_PACKAGE_CACHE (default /var/cache/twamp-package-e2e) and
 # rebuilt when missing, older than a week, or when TWAMP_PACKAGE_FRESH=1.
-# Needs root (chroot, mounts); exits 77 without it.
+# TWAMP_PACKAGE_DEBS=DIR installs the packages already built in DIR instead
+# of building them (for work on this test). Needs root (chroot, mounts);
+# exits 77 without it.
 #
 # usage: install_e2e.sh SOURCE_DIR
 set -uo pipefail
@@ -54,29 +56,38 @@ SUITE="$(. /etc/os-release && echo "$VERSION_CODENAME")"
 MIRROR="$(debian_mirror)"
 
 # --- 1. the packages, from a clean clone --------------------------------------
-phase "building the packages from a clean clone of $SOURCE"
-if git -C "$SOURCE" rev-parse HEAD >/dev/null 2>&1; then
-    git clone --quiet "$SOURCE" "$WORK/src" &&
-        git -C "$WORK/src" checkout --quiet --detach "$(git -C "$SOURCE" rev-parse HEAD)" || exit 1
-else
-    mkdir "$WORK/src" && tar -C "$SOURCE" --exclude='./build*' -cf - . | tar -C "$WORK/src" -xf - || exit 1
-fi
-if ! (cd "$WORK/src" && dpkg-buildpackage -us -uc -b -j"$(nproc)" >"$WORK/build.log" 2>&1); then
-    tail -40 "$WORK/build.log"
-    echo "FAIL: dpkg-buildpackage"
-    exit 1
-fi
-mapfile -t DEBS < <(ls "$WORK"/twamp-*.deb | grep -v -- '-dbgsym_')
-phase "built: ${DEBS[*]##*/}"
+build_packages() {
+    phase "building the packages from a clean clone of $SOURCE"
+    if git -C "$SOURCE" rev-parse HEAD >/dev/null 2>&1; then
+        git clone --quiet "$SOURCE" "$WORK/src" &&
+            git -C "$WORK/src" checkout --quiet --detach "$(git -C "$SOURCE" rev-parse HEAD)" || exit 1
+    else
+        mkdir "$WORK/src" && tar -C "$SOURCE" --exclude='./build*' -cf - . | tar -C "$WORK/src" -xf - || exit 1
+    fi
+    if ! (cd "$WORK/src" && dpkg-buildpackage -us -uc -b -j"$(nproc)" >"$WORK/build.log" 2>&1); then
+        tail -40 "$WORK/build.log"
+        echo "FAIL: dpkg-buildpackage"
+        exit 1
+    fi
+    mapfile -t DEBS < <(ls "$WORK"/twamp-*.deb | grep -v -- '-dbgsym_')
+    phase "built: ${DEBS[*]##*/}"
 
-# lintian: no error; its warnings are printed for the record.
-phase "lintian"
-lint="$(lintian --fail-on error "$WORK"/twamp-light-sender_*.changes 2>&1)"
-lint_status=$?
-grep -v '^running with root' <<<"$lint"
-if [ "$lint_status" -ne 0 ]; then
-    echo "FAIL: lintian reports errors"
-    exit 1
+    # lintian: no error; its warnings are printed for the record.
+    phase "lintian"
+    lint="$(lintian --fail-on error "$WORK"/twamp-light-sender_*.changes 2>&1)"
+    lint_status=$?
+    grep -v '^running with root' <<<"$lint"
+    if [ "$lint_status" -ne 0 ]; then
+        echo "FAIL: lintian reports errors"
+        exit 1
+    fi
+}
+if [ -n "${TWAMP_PACKAGE_DEBS:-}" ]; then
+    phase "using the packages in $TWAMP_PACKAGE_DEBS"
+    cp "$TWAMP_PACKAGE_DEBS"/twamp-*.deb "$WORK/" || exit 1
+    mapfile -t DEBS < <(ls "$WORK"/twamp-*.deb | grep -v -- '-dbgsym_')
+else
+    build_packages
 fi
 
 # --- 2. a fresh Debian root -------------------------------------------------

@@ -62,7 +62,7 @@ for program in /usr/sbin/twampTestSession /usr/bin/twamp-ctl /usr/bin/twamp-refl
     check "$(basename "$program") --version prints '$(basename "$program") $VERSION'" \
         test "$("$program" --version)" = "$(basename "$program") $VERSION"
 done
-check "the system user twamp exists" id twamp
+check "the system user twamp exists" test -n "$(id -u twamp 2>/dev/null)"
 check "/run/itc is 2770 root:twamp" test "$(stat -c '%a %U:%G' /run/itc)" = "2770 root:twamp"
 for stream in TnApplicationLog TnNetworkLog; do
     check "the $stream stream is configured" \
@@ -74,7 +74,8 @@ done
 check "the bash completion completes 'twamp-ctl cr' to create" bash -c '
     source /usr/share/bash-completion/bash_completion
     source /usr/share/bash-completion/completions/twamp-ctl
-    COMP_WORDS=(twamp-ctl cr); COMP_CWORD=1; _twamp_ctl twamp-ctl cr twamp-ctl
+    COMP_WORDS=(twamp-ctl cr); COMP_CWORD=1; COMP_LINE="twamp-ctl cr"; COMP_POINT=12
+    _twamp_ctl twamp-ctl cr twamp-ctl
     [ "${COMPREPLY[*]}" = create ]'
 check "the daemon finds the stand-ins through its RUNPATH" \
     bash -c '! ldd /usr/sbin/twampTestSession | grep -q "not found"'
@@ -93,20 +94,20 @@ sed -e "s/^TWAMP_SRC_ADDRESS=.*/TWAMP_SRC_ADDRESS=127.0.0.1/" \
 # Capabilities as setpriv names them: CAP_NET_ADMIN -> +net_admin.
 CAPS="$(unit_value AmbientCapabilities | tr 'A-Z ' 'a-z\n' | sed -n 's/^cap_/+/p' | paste -sd,)"
 check "the unit grants capabilities" test -n "$CAPS"
+# Becomes the daemon: call it in the background (&), so that $! is the
+# daemon's own pid.
 run_as_unit() {
     local instance="$1" settings="$2"
     shift 2
-    (
-        set -a
-        # shellcheck source=/dev/null
-        . "$settings"
-        eval "export $(unit_value Environment)"
-        set +a
-        eval "command=($(unit_value ExecStart | sed "s/%i/$instance/g"))"
-        exec setpriv --reuid="$(unit_value User)" --regid="$(unit_value Group)" --init-groups \
-            --inh-caps="-all,$CAPS" --ambient-caps="-all,$CAPS" --bounding-set="-all,$CAPS" \
-            env "$@" "${command[@]}"
-    )
+    set -a
+    # shellcheck source=/dev/null
+    . "$settings"
+    eval "export $(unit_value Environment)"
+    set +a
+    eval "command=($(unit_value ExecStart | sed "s/%i/$instance/g"))"
+    exec setpriv --reuid="$(unit_value User)" --regid="$(unit_value Group)" --init-groups \
+        --inh-caps="-all,$CAPS" --ambient-caps="-all,$CAPS" --bounding-set="-all,$CAPS" \
+        env "$@" "${command[@]}"
 }
 # ExecStartPre: the link to the initial namespace in the unit's own /tmp.
 eval "$(unit_value ExecStartPre)"
@@ -116,7 +117,8 @@ check "ExecStartPre made /tmp/proc_1_ns_net" test -L /tmp/proc_1_ns_net
 # Restart=on-failure: a fib namespace that does not exist.
 sed "s/^TWAMP_NAMESPACE=.*/TWAMP_NAMESPACE=fib_absent/" "/etc/twamp/sender-$SERVICE.conf" \
     >/tmp/sender-fatal.conf
-run_as_unit fatal /tmp/sender-fatal.conf LTTNG_UST_REGISTER_TIMEOUT=0 2>/dev/null
+run_as_unit fatal /tmp/sender-fatal.conf LTTNG_UST_REGISTER_TIMEOUT=0 2>/dev/null &
+wait $!
 status=$?
 check "a fatal start-up failure exits 75 (got $status)" test "$status" -eq 75
 check "the restart request is recorded" \
@@ -149,9 +151,10 @@ check "the daemon opened its mailbox /run/itc/name.$SERVICE" test -e "/run/itc/n
 check "the daemon runs as twamp" test "$(stat -c %U "/proc/${PIDS[1]}")" = twamp
 
 # --- the operator, a member of group twamp ---------------------------------
-useradd --create-home --groups twamp operator
+# (The base system already has a group named operator.)
+useradd --create-home --user-group --groups twamp netops
 as_operator() {
-    setpriv --reuid=operator --regid=operator --init-groups env HOME=/home/operator "$@"
+    setpriv --reuid=netops --regid=netops --init-groups env HOME=/home/netops "$@"
 }
 check "the operator creates a session" as_operator twamp-ctl --service "$SERVICE" create \
     --id "$SESSION" --dst 127.0.0.1 --port "$REFLECTOR_PORT" --rate 10
