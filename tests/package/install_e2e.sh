@@ -7,8 +7,8 @@
 # software timestamps on loopback, no namespace of its own), a twamp-reflector
 # on loopback, and twamp-ctl run by an operator in the group twamp, who
 # creates a session and reads counters with sentPkts > 0 once its first
-# minute is finalised. libfaketime places the daemon and the reflector 8 s
-# before a minute boundary, so the test waits about 70 s for that minute.
+# minute is finalised. libfaketime places the daemon 8 s before a minute
+# boundary, so the test waits about 70 s for that minute.
 #
 # The base root (minbase with the packages' dependencies) is cached as a
 # tarball in $TWAMP_PACKAGE_CACHE (default /var/cache/twamp-package-e2e) and

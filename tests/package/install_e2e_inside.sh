@@ -37,6 +37,7 @@ finish() {
     if [ "$failures" -ne 0 ]; then
         echo "--- restart log:"; cat /var/log/qrn_ng/restart.log 2>/dev/null
         echo "--- daemon:"; cat /tmp/daemon.log 2>/dev/null
+        echo "--- TnNetworkLog:"; cat /var/log/saflog/TnNetworkLog.log 2>/dev/null
         echo "$failures check(s) failed"
         exit 1
     fi
@@ -135,8 +136,9 @@ done
 offset=$((minute * 60 - BEFORE - now))
 FAKE="LD_PRELOAD=$(ls /usr/lib/*/faketime/libfaketime.so.1) FAKETIME=$(printf '%+d' "$offset") FAKETIME_DONT_FAKE_MONOTONIC=1 TZ=UTC"
 
-# shellcheck disable=SC2086
-setpriv --reuid=nobody --regid=nogroup --clear-groups env $FAKE \
+# The reflector keeps the real clock: its T2 is the kernel's receive time,
+# which libfaketime does not shift, and T3 must be on the same clock.
+setpriv --reuid=nobody --regid=nogroup --clear-groups \
     twamp-reflector --listen 127.0.0.1 --port "$REFLECTOR_PORT" --quiet >/tmp/reflector.log 2>&1 &
 PIDS+=($!)
 # shellcheck disable=SC2086
