@@ -10,6 +10,9 @@ PACKAGES=(
     liblttng-ust-dev lttng-tools babeltrace2
     googletest libgtest-dev libgmock-dev libbenchmark-dev
     faketime iproute2 util-linux mount diffutils procps psmisc python3
+    # the operator's package: man pages, completion, units, Debian packages
+    scdoc man-db groff-base bash-completion systemd
+    debhelper dpkg-dev fakeroot lintian mmdebstrap
 )
 
 missing=()

@@ -330,6 +330,10 @@ bool parseCtlOptions(const std::vector<std::string>& arguments, const std::strin
             options.command = CtlCommand::Help;
             return true;
         }
+        if (argument == "--version") {
+            options.version = true;
+            return true;
+        }
         if (argument == "--service") {
             if (!takeValue(arguments, index, value, error)) {
                 return false;
@@ -397,6 +401,7 @@ std::string ctlUsage() {
            "  --wait      wait for a held reply (the completed interval is answered 4 s\n"
            "              after it ends)\n"
            "  --json      one JSON object; --csv one line per counter; default a table\n"
+           "  --version   print the program's name and version\n"
            "\n"
            "The mailboxes live in $ITC_RUNDIR (default /run/itc).\n"
            "Exit status: 0 done, 2 bad argument, 3 no such mailbox, 4 no reply in time,\n"

@@ -33,6 +33,8 @@ struct CtlOptions {
     bool completedIntervalOnly = false;
     bool wait = false;
     CtlOutput output = CtlOutput::Table;
+    // --version before the command: print the name and version, nothing else.
+    bool version = false;
 };
 
 // Parses argv (without the program name); on failure returns false with a

@@ -13,6 +13,7 @@
 
 #include "CountersFormatter.h"
 #include "CtlOptions.h"
+#include "TwampVersion.h"
 #include "TwtsiSignals.h"
 #include "itc.h"
 
@@ -217,6 +218,10 @@ int main(int argc, char* argv[]) {
     if (!parseCtlOptions(arguments, defaultService, options, error)) {
         std::fprintf(stderr, "twamp-ctl: %s\n%s", error.c_str(), ctlUsage().c_str());
         return kExitBadArgument;
+    }
+    if (options.version) {
+        std::printf("twamp-ctl %s\n", TWAMP_VERSION);
+        return kExitOk;
     }
     if (options.command == CtlCommand::Help) {
         std::fputs(ctlUsage().c_str(), stdout);

@@ -227,7 +227,8 @@ bool takesValue(const std::string& option) {
 }
 
 bool isFlag(const std::string& option) {
-    return option == "--quiet" || option == "--stateless" || option == "--help" || option == "-h";
+    return option == "--quiet" || option == "--stateless" || option == "--help" || option == "-h" ||
+           option == "--version";
 }
 
 void parseFlag(const std::string& option, ReflectorOptions& options) {
@@ -235,6 +236,8 @@ void parseFlag(const std::string& option, ReflectorOptions& options) {
         options.quiet = true;
     } else if (option == "--stateless") {
         options.stateless = true;
+    } else if (option == "--version") {
+        options.version = true;
     } else {
         options.help = true;
     }
@@ -352,6 +355,7 @@ std::string reflectorUsage() {
            "                       none)\n"
            "  --quiet              print nothing but errors\n"
            "  --help               print this text\n"
+           "  --version            print the program's name and version\n"
            "\n"
            "Options also take their value as --name=VALUE. Runs until SIGINT or SIGTERM;\n"
            "exit status 0 after a signal, 1 when the socket or file cannot be opened, 2 for\n"

@@ -56,6 +56,7 @@ struct ReflectorOptions {
     std::string truthPath;
     bool quiet = false;
     bool help = false;
+    bool version = false;
 };
 
 // Parses argv (without the program name); on failure returns false with a

@@ -12,6 +12,7 @@
 #include "ReflectorOptions.h"
 #include "SystemReflectorClock.h"
 #include "TruthWriter.h"
+#include "TwampVersion.h"
 
 namespace {
 
@@ -57,6 +58,10 @@ int main(int argc, char* argv[]) {
     if (!parseReflectorOptions(std::vector<std::string>(argv + 1, argv + argc), options, error)) {
         std::fprintf(stderr, "twamp-reflector: %s (see --help)\n", error.c_str());
         return kExitBadArgument;
+    }
+    if (options.version) {
+        std::printf("twamp-reflector %s\n", TWAMP_VERSION);
+        return kExitOk;
     }
     if (options.help) {
         std::fputs(reflectorUsage().c_str(), stdout);

@@ -17,6 +17,7 @@
 #include "TraceFacade.h"
 #include "TwampTestSessionController.h"
 #include "TwampTestSessionFactory.h"
+#include "TwampVersion.h"
 #include "UdpSocket.h"
 #include "tn_log_internal.h"
 
@@ -165,6 +166,14 @@ bool raiseOpenFileLimit(ResourceLimitSystemCalls& systemCalls) {
     return true;
 }
 
+bool isVersionRequest(int argc, char* argv[]) {
+    return argc == 2 && std::strcmp(argv[1], "--version") == 0;
+}
+
+void printVersion() {
+    std::printf("twampTestSession %s\n", TWAMP_VERSION);
+}
+
 void runTwampTestSession(int argc, char* argv[]) {
     std::fprintf(stderr, "argc= %u\n", static_cast<unsigned>(argc));
     for (int i = 0; i < argc; ++i) {
@@ -222,6 +231,10 @@ void runTwampTestSession(int argc, char* argv[]) {
 // TWAMP_NO_MAIN and bring their own main.
 #ifndef TWAMP_NO_MAIN
 int main(int argc, char* argv[]) {
+    if (isVersionRequest(argc, argv)) {
+        printVersion();
+        std::exit(0);
+    }
     runTwampTestSession(argc, argv);
 }
 #endif

@@ -30,6 +30,14 @@ bool parseIsIpsecTunnel(const char* text);
 // goes on under the old limit. True when the soft limit is the hard one.
 bool raiseOpenFileLimit(ResourceLimitSystemCalls& systemCalls = ResourceLimitSystemCalls::real());
 
+// True for the one argument --version: the operator asks which build this is.
+// A daemon's command line always has five arguments, so no service name is
+// ever taken for it.
+bool isVersionRequest(int argc, char* argv[]);
+
+// Prints "twampTestSession VERSION" on standard output.
+void printVersion();
+
 // The whole life of the daemon process; ends with exit(1) on a wrong argument
 // count, exit(0) when the event loop ends, or waits for a restart after a
 // fatal start-up failure. Never returns.
