@@ -29,6 +29,7 @@ struct FakeItcState {
     itc_mbox_id_t mailboxId = kDefaultMailboxId;
     int fd = kDefaultFd;
     int allocErrno = 0;
+    int sendErrno = 0;
     int createMailboxErrno = 0;
     std::map<const union itc_msg*, SignalInfo> live;
     std::deque<QueuedReceive> queue;
@@ -93,6 +94,10 @@ void FakeItc::failCreateMailbox(int errorNumber) {
 
 void FakeItc::failNextAlloc(int errorNumber) {
     state().allocErrno = errorNumber;
+}
+
+void FakeItc::failNextSend(int errorNumber) {
+    state().sendErrno = errorNumber;
 }
 
 void FakeItc::queueSignal(const void* bytes, std::size_t size, itc_mbox_id_t sender) {
@@ -219,6 +224,13 @@ int itc_send(union itc_msg** msg, itc_mbox_id_t to, itc_mbox_id_t from) {
     if (info == nullptr) {
         ++twamp_test::state().unknownSignalCalls;
         errno = EINVAL;
+        return -1;
+    }
+    if (twamp_test::state().sendErrno != 0) {
+        errno = twamp_test::state().sendErrno;
+        twamp_test::state().sendErrno = 0;
+        twamp_test::releaseSignal(*msg);
+        *msg = nullptr;
         return -1;
     }
     const auto* bytes = reinterpret_cast<const uint8_t*>(*msg);

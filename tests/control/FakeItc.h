@@ -59,6 +59,9 @@ class FakeItc {
 
     // Makes the next itc_alloc return NULL with errno set to errorNumber.
     static void failNextAlloc(int errorNumber);
+    // Makes the next itc_send free the signal and fail with errno set to
+    // errorNumber, as for a manager that has gone.
+    static void failNextSend(int errorNumber);
 
     // Queues a received signal of exactly size bytes (a copy of bytes) from sender.
     static void queueSignal(const void* bytes, std::size_t size, itc_mbox_id_t sender);

@@ -876,6 +876,24 @@ TEST_F(ItcDispatcherTest, RequestCompletedReadyIsUnmasked) {
     EXPECT_EQ(kManager, FakeItc::sent()[0].to);
 }
 
+// A counters reply to a manager that has gone is traced, and the next manager is answered.
+TEST_F(ItcDispatcherTest, UndeliverableReplyIsTracedAndNextAnswered) {
+    MockTwampTestSession& session = registerSession(makeKey(1));
+    const PmPeriodRecord record = numberedRecord();
+    EXPECT_CALL(session, getPmCounters(true)).WillRepeatedly(Return(&record));
+    FakeItc::failNextSend(ECONNREFUSED);
+    queueRequest(makeKey(1), 1, kManager);
+    dispatcher.handleInput(42);
+    queueRequest(makeKey(1), 1, kManager);
+    dispatcher.handleInput(42);
+
+    EXPECT_EQ((std::vector<std::string>{"Failed itc_send of signal 0x1a11405 to mailbox 0x20002: "
+                                        "errno 111 - Connection refused"}),
+              TraceRecorder::twampMessages("INFO"));
+    EXPECT_EQ(1u, FakeItc::sent().size());
+    EXPECT_EQ(0u, FakeItc::liveSignals());
+}
+
 // Any nonzero completedIntervalOnly byte asks for the completed interval.
 TEST_F(ItcDispatcherTest, RequestAnyNonzeroFlagMeansCompleted) {
     MockTwampTestSession& session = registerSession(makeKey(1));

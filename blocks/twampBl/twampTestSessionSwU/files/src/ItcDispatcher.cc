@@ -251,7 +251,19 @@ void ItcDispatcher::sendPmCountersReply(TwampTestSession* session, union itc_msg
         return;
     }
     copyCounters(reply->twtsiGetTwampTestSessionPmCountersRsp, *record);
-    itc_send(&reply, pendingRequester, itc_current_mbox());
+    sendReply(reply, pendingRequester);
+}
+
+// The signal is freed whatever the outcome. A manager that has gone
+// (ENOENT, ECONNREFUSED) or does not read its mailbox (EAGAIN) loses the
+// reply; the trace tells whoever looks for it, and the daemon goes on.
+void ItcDispatcher::sendReply(union itc_msg* reply, itc_mbox_id_t requester) {
+    const uint32_t sigNo = reply->sigNo;
+    if (itc_send(&reply, requester, itc_current_mbox()) != 0) {
+        const int error = errno;
+        TRACE_INFO("Failed itc_send of signal 0x%x to mailbox 0x%x: errno %d - %s", sigNo,
+                   static_cast<unsigned>(requester), error, strerror(error));
+    }
 }
 
 void ItcDispatcher::dispatch(union itc_msg* signal) {
@@ -342,5 +354,5 @@ void ItcDispatcher::handleTwtsiGetPmCountersReq(union itc_msg* signal) {
             maskBin(counters, session->getActivePeriod());
         }
     }
-    itc_send(&reply, itc_sender(signal), itc_current_mbox());
+    sendReply(reply, itc_sender(signal));
 }

@@ -59,6 +59,8 @@ class ItcDispatcher : public IoHandler {
     // Traces a receive that gave no signal, on behalf of handleInput; an
     // empty mailbox only when it was so at the first receive of a wake-up.
     static void traceEmptyReceive(int receiveErrno, bool firstOfWakeUp);
+    // Sends a reply to requester, tracing a reply that cannot be delivered.
+    static void sendReply(union itc_msg* reply, itc_mbox_id_t requester);
     void dispatch(union itc_msg* signal);
     void handleTwtsiCreateTwampTestSession(union itc_msg* signal);
     void handleTwtsiDeleteTwampTestSession(union itc_msg* signal);
