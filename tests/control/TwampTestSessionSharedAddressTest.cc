@@ -8,6 +8,7 @@
 #include <cstdint>
 #include <memory>
 #include <string>
+#include <utility>
 #include <vector>
 
 #include <gmock/gmock.h>
@@ -313,6 +314,66 @@ TEST_F(SharedReflectorTest, LoopedFrameNeitherOwnsTracedOnce) {
     serve();
     EXPECT_EQ(Messages{"receiveErrQueueMessage(): No outstanding packet found for seqNum: 7 "},
               labTraces());
+}
+
+// ---- A reflector numbering the replies of both sessions with one counter ----
+
+// Two sessions towards one reflector port whose replies the reflector numbers
+// with one counter, as a reflector keyed by the sender's address and port does.
+class SharedNumberingTest : public SharedReflectorTest {
+  protected:
+    // Sends packet seqNo of each session in minute 8, the first session's
+    // before the second's; returns their T1.
+    std::pair<uint64_t, uint64_t> sendBoth(ObservedSession& first, ObservedSession& second,
+                                           int seqNo) {
+        return {sendAt(first, 8, 0, 2 * seqNo), sendAt(second, 8, 0, 2 * seqNo + 1)};
+    }
+    // The timestamp of packet seqNo sent at t1 and, when the reflector got
+    // it, its reply with the reflector's next number.
+    void answerShared(uint32_t seqNo, uint64_t t1, bool reachedReflector) {
+        queueTimestamp(seqNo, t1);
+        if (reachedReflector) {
+            queueReply(seqNo, t1, reflectorNumber++, 2, 2);
+        }
+        serve();
+    }
+    // The 38 counters of minute 8 of a session.
+    static std::vector<int64_t> binEight(const TwampTestSession& session) {
+        std::vector<int64_t> values;
+        for (int counter = 0; counter < PmPeriodRecord::kCounterCount; ++counter) {
+            values.push_back(session.getRecordForTest(0).at(counter, 8));
+        }
+        return values;
+    }
+
+    const std::vector<int64_t> notAvailable =
+        std::vector<int64_t>(PmPeriodRecord::kCounterCount, PmPeriodRecord::kNotAvailable);
+    uint32_t reflectorNumber = 1000;
+};
+
+// Sessions at the same rate, every packet answered: each sees the numbers
+// the other's replies took as replies lost on the way back, more than it
+// has packets missing, and its minute cannot be accounted.
+TEST_F(SharedNumberingTest, SessionsAtOneRateAreNotAvailable) {
+    auto first = startSessionWithDscp(0);
+    auto second = startSessionWithDscp(46);
+    for (int seqNo = 0; seqNo < 5; ++seqNo) {
+        const auto t1 = sendBoth(*first, *second, seqNo);
+        answerShared(seqNo, t1.first, true);
+        answerShared(seqNo, t1.second, true);
+    }
+    TraceRecorder::reset();
+    sendAt(*first, 9, 4);
+    sendAt(*second, 9, 4);
+    EXPECT_EQ(notAvailable, binEight(*first));
+    EXPECT_EQ(notAvailable, binEight(*second));
+    const std::string unaccountable =
+        "finalizePmMember(): Minute 28333328 cannot be accounted (counts out of range) for "
+        "dstIpAddress 127.0.0.1, dstUdpPort 862 so all counters of period 8 are reset to -2";
+    EXPECT_EQ(
+        (Messages{"finalizePmMember(): lostPktsFwd statistic has negative number", unaccountable,
+                  "finalizePmMember(): lostPktsFwd statistic has negative number", unaccountable}),
+        labTraces());
 }
 
 }  // namespace
