@@ -887,8 +887,9 @@ TEST_F(ItcDispatcherTest, UndeliverableReplyIsTracedAndNextAnswered) {
     queueRequest(makeKey(1), 1, kManager);
     dispatcher.handleInput(42);
 
-    EXPECT_EQ((std::vector<std::string>{"Failed itc_send of signal 0x1a11405 to mailbox 0x20002: "
-                                        "errno 111 - Connection refused"}),
+    EXPECT_EQ((std::vector<std::string>{
+                  "sendReply(): Failed itc_send of signal 0x1a11405 to mailbox 0x20002: "
+                  "errno 111 - Connection refused"}),
               TraceRecorder::twampMessages("INFO"));
     EXPECT_EQ(1u, FakeItc::sent().size());
     EXPECT_EQ(0u, FakeItc::liveSignals());
