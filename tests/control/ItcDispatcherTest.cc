@@ -156,7 +156,11 @@ class ItcDispatcherTest : public ::testing::Test {
         TraceRecorder::reset();
         FakeItc::reset();
     }
-    void TearDown() override { EXPECT_EQ(0u, FakeItc::unknownSignalCalls()); }
+    void TearDown() override {
+        EXPECT_EQ(0u, FakeItc::unknownSignalCalls());
+        // Signals a test left waiting on purpose are freed with the fake.
+        FakeItc::reset();
+    }
 
     // A session registered under key with the mock controller; owned by the test.
     MockTwampTestSession& registerSession(const SessionKey& key) {
