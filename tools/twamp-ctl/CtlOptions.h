@@ -7,7 +7,7 @@
 #include <string>
 #include <vector>
 
-enum class CtlCommand { Create, Delete, Counters, Help };
+enum class CtlCommand { Create, Delete, Counters, List, Plot, Help };
 enum class CtlOutput { Table, Json, Csv };
 
 struct CtlOptions {
@@ -33,6 +33,9 @@ struct CtlOptions {
     bool completedIntervalOnly = false;
     bool wait = false;
     CtlOutput output = CtlOutput::Table;
+    // plot
+    std::string plotOut;
+    std::string fromCsv;
 };
 
 // Parses argv (without the program name); on failure returns false with a
