@@ -10,6 +10,7 @@ PACKAGES=(
     liblttng-ust-dev lttng-tools babeltrace2
     googletest libgtest-dev libgmock-dev libbenchmark-dev
     faketime iproute2 util-linux mount diffutils procps psmisc python3
+    libmicrohttpd-dev prometheus gnuplot-nox curl
 )
 
 missing=()
