@@ -65,8 +65,9 @@ bool ItcDaemonClient::open(std::string& error) {
     return true;
 }
 
-bool ItcDaemonClient::locateDaemon(itc_mbox_id_t& daemon, std::string& error) const {
+bool ItcDaemonClient::locateDaemon(itc_mbox_id_t& daemon, std::string& error) {
     daemon = itc_locate(service.c_str());
+    daemonId = daemon;
     if (daemon == ITC_NO_ID) {
         error =
             "no mailbox named '" + service + "' in " + runDirectory() + " (is the daemon running?)";
@@ -75,12 +76,36 @@ bool ItcDaemonClient::locateDaemon(itc_mbox_id_t& daemon, std::string& error) co
     return true;
 }
 
+bool ItcDaemonClient::cachedDaemon(itc_mbox_id_t& daemon, std::string& error) {
+    if (daemonId != ITC_NO_ID) {
+        daemon = daemonId;
+        return true;
+    }
+    return locateDaemon(daemon, error);
+}
+
+// Requests are answered one at a time, so whatever waits before a request
+// is a late reply to an earlier one that timed out: it must not be taken as
+// the answer to this one.
+void ItcDaemonClient::discardStaleReplies() {
+    for (;;) {
+        union itc_msg* stale = itc_receive(ITC_NOFILTER, 0, ITC_FROM_ALL);
+        if (stale == nullptr) {
+            return;
+        }
+        itc_free(&stale);
+    }
+}
+
 bool ItcDaemonClient::send(union itc_msg* msg, itc_mbox_id_t daemon, std::string& error) {
+    discardStaleReplies();
     if (msg == nullptr) {
         error = std::string("itc_alloc failed: ") + std::strerror(errno);
         return false;
     }
     if (itc_send(&msg, daemon, own) != 0) {
+        // A daemon that went away is looked up again next time.
+        daemonId = ITC_NO_ID;
         error = "cannot send to '" + service + "': " + std::strerror(errno);
         return false;
     }
@@ -147,7 +172,7 @@ bool ItcDaemonClient::fetchPage(itc_mbox_id_t daemon, uint32_t startIndex,
 bool ItcDaemonClient::fetchCounters(const uint8_t (&sessionId)[16], bool completedIntervalOnly,
                                     CounterGrid& counters, std::string& error) {
     itc_mbox_id_t daemon = ITC_NO_ID;
-    if (!locateDaemon(daemon, error)) {
+    if (!cachedDaemon(daemon, error)) {
         return false;
     }
     union itc_msg* request = itc_alloc(sizeof(twtsiGetTwampTestSessionPmCountersReq),

@@ -30,7 +30,12 @@ class ItcDaemonClient : public DaemonClient {
                        CounterGrid& counters, std::string& error) override;
 
   private:
-    bool locateDaemon(itc_mbox_id_t& daemon, std::string& error) const;
+    // The daemon's mailbox: located by every session list, then reused by
+    // the counters requests that follow (a scrape of 2000 sessions would
+    // otherwise look the name up 2000 times).
+    bool locateDaemon(itc_mbox_id_t& daemon, std::string& error);
+    bool cachedDaemon(itc_mbox_id_t& daemon, std::string& error);
+    void discardStaleReplies();
     bool send(union itc_msg* msg, itc_mbox_id_t daemon, std::string& error);
     bool fetchPage(itc_mbox_id_t daemon, uint32_t startIndex, std::vector<SessionListing>& sessions,
                    bool& more, std::string& error);
@@ -39,6 +44,7 @@ class ItcDaemonClient : public DaemonClient {
     int32_t timeoutMs;
     std::string toolName;
     itc_mbox_id_t own = ITC_NO_ID;
+    itc_mbox_id_t daemonId = ITC_NO_ID;
 };
 
 #endif  // TWAMP_CTL_ITC_DAEMON_CLIENT_H
