@@ -24,7 +24,7 @@ SOURCE="$1"
 HERE="$(cd "$(dirname "$0")" && pwd)"
 CACHE="${TWAMP_PACKAGE_CACHE:-/var/cache/twamp-package-e2e}"
 # What the packages need at run time, and what the test itself uses inside.
-BASE_PACKAGES="systemd,passwd,libglib2.0-0,liblttng-ust1,libstdc++6,libfaketime,bash-completion"
+BASE_PACKAGES="systemd,passwd,libglib2.0-0,liblttng-ust1,libstdc++6,libmicrohttpd12,libfaketime,bash-completion"
 
 if [ "$(id -u)" -ne 0 ]; then
     echo "SKIP: needs root (chroot and mounts)"
@@ -95,13 +95,16 @@ BASE="$CACHE/$SUITE-minbase-$(echo "$BASE_PACKAGES $MIRROR" | md5sum | cut -c1-1
 mkdir -p "$CACHE"
 if [ "${TWAMP_PACKAGE_FRESH:-0}" = 1 ] || [ -z "$(find "$BASE" -mtime -7 2>/dev/null)" ]; then
     phase "creating the base root $BASE ($SUITE from $MIRROR)"
-    if ! mmdebstrap --quiet --variant=minbase --include="$BASE_PACKAGES" "$SUITE" "$BASE.new" \
+    # mmdebstrap picks its output format by the name's ending: the partial
+    # file must end in .tar too, or it becomes a directory.
+    rm -rf "$BASE" "$BASE.new.tar"
+    if ! mmdebstrap --quiet --variant=minbase --include="$BASE_PACKAGES" "$SUITE" "$BASE.new.tar" \
         "$MIRROR" >"$WORK/mmdebstrap.log" 2>&1; then
         tail -20 "$WORK/mmdebstrap.log"
         echo "FAIL: mmdebstrap"
         exit 1
     fi
-    mv -f "$BASE.new" "$BASE"
+    mv -f "$BASE.new.tar" "$BASE"
 else
     phase "using the cached base root $BASE"
 fi
