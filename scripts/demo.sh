@@ -8,7 +8,9 @@
 # replies, starts one daemon per address family in fib_lab with software
 # timestamps, creates the two sessions with twamp-ctl, waits until their first
 # minute of sending is finalised (4 s after it ends), prints the counters and
-# tears everything down, also when interrupted.
+# tears everything down, also when interrupted. It also lists the IPv4
+# daemon's sessions and draws the IPv4 session's interval with gnuplot into a
+# PNG under /tmp, whose path it prints.
 #
 # usage: scripts/demo.sh            (DEMO_RATE=packets per second, default 10)
 set -euo pipefail
@@ -176,6 +178,14 @@ show_session() {
 }
 show_session "$SERVICE_IPV4" "$SESSION_IPV4" IPv4
 show_session "$SERVICE_IPV6" "$SESSION_IPV6" IPv6
+
+echo
+say "the IPv4 daemon's sessions:"
+"$CTL" --service "$SERVICE_IPV4" list
+# The plot outlives the work directory, which is removed at the end.
+PLOT="/tmp/twamp-demo-plot-$(date -u +%Y%m%dT%H%M%SZ).png"
+"$CTL" --service "$SERVICE_IPV4" plot --id "$SESSION_IPV4" --out "$PLOT" >/dev/null
+say "plot of $SESSION_IPV4 (round trip, IPDV, loss per minute of the interval): $PLOT"
 
 REPLIES_LOST="$(grep -c '"event":"rev_loss"' "$WORK/truth.jsonl" || true)"
 echo

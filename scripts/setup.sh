@@ -13,6 +13,7 @@ PACKAGES=(
     # the operator's package: man pages, completion, units, Debian packages
     scdoc man-db groff-base bash-completion systemd
     debhelper dpkg-dev fakeroot lintian mmdebstrap
+    libmicrohttpd-dev prometheus gnuplot-nox curl
 )
 
 missing=()

@@ -113,10 +113,46 @@ TEST_F(CtlOptionsTest, CountersOptions) {
     EXPECT_EQ(CtlOutput::Csv, options.output);
 }
 
+// list needs no id and takes --json.
+TEST_F(CtlOptionsTest, ListCommand) {
+    ASSERT_TRUE(parse({"--service", "node1", "list", "--json"})) << error;
+    EXPECT_EQ(CtlCommand::List, options.command);
+    EXPECT_EQ("node1", options.service);
+    EXPECT_EQ(CtlOutput::Json, options.output);
+}
+
+// list refuses options of other commands.
+TEST_F(CtlOptionsTest, ListRefusesId) {
+    EXPECT_FALSE(parse({"list", "--id", "s1"}));
+    EXPECT_EQ("unknown option: --id", error);
+}
+
+// plot takes an id, the completed interval and the output file.
+TEST_F(CtlOptionsTest, PlotCommand) {
+    ASSERT_TRUE(parse({"plot", "--id", "s1", "--completed", "--out", "/tmp/s1.png"})) << error;
+    EXPECT_EQ(CtlCommand::Plot, options.command);
+    EXPECT_TRUE(options.completedIntervalOnly);
+    EXPECT_EQ("/tmp/s1.png", options.plotOut);
+}
+
+// plot from a CSV file needs no id.
+TEST_F(CtlOptionsTest, PlotFromCsvWithoutId) {
+    ASSERT_TRUE(parse({"plot", "--from-csv", "c.csv", "--out", "p.svg"})) << error;
+    EXPECT_EQ("c.csv", options.fromCsv);
+}
+
+// plot needs an output file ending in .png or .svg.
+TEST_F(CtlOptionsTest, PlotOutputChecked) {
+    EXPECT_FALSE(parse({"plot", "--id", "s1"}));
+    EXPECT_EQ("plot needs --out FILE.png or FILE.svg", error);
+    EXPECT_FALSE(parse({"plot", "--id", "s1", "--out", "p.jpg"}));
+    EXPECT_EQ("--out: 'p.jpg' must end in .png or .svg", error);
+}
+
 // Malformed arguments give a clear message.
 TEST_F(CtlOptionsTest, MalformedArguments) {
     EXPECT_FALSE(parse({}));
-    EXPECT_EQ("a command is needed: create, delete or counters", error);
+    EXPECT_EQ("a command is needed: create, delete, counters, list or plot", error);
     EXPECT_FALSE(parse({"start"}));
     EXPECT_EQ("unknown command: start", error);
     EXPECT_FALSE(parse({"create", "--id", "s1", "--dst", "198.18.0.2"}));

@@ -237,15 +237,26 @@ bool parseCommandOptions(const std::vector<std::string>& arguments, std::size_t 
     for (; index < arguments.size(); ++index) {
         const std::string& option = arguments[index];
         std::string value;
-        if (option == "--completed" && options.command == CtlCommand::Counters) {
+        const bool readsCounters =
+            options.command == CtlCommand::Counters || options.command == CtlCommand::Plot;
+        if (option == "--completed" && readsCounters) {
             options.completedIntervalOnly = true;
         } else if (option == "--wait" && options.command == CtlCommand::Counters) {
             options.wait = true;
-        } else if (option == "--json" && options.command == CtlCommand::Counters) {
+        } else if (option == "--json" && (options.command == CtlCommand::Counters ||
+                                          options.command == CtlCommand::List)) {
             options.output = CtlOutput::Json;
+        } else if (option == "--out" && options.command == CtlCommand::Plot) {
+            if (!takeValue(arguments, index, options.plotOut, error)) {
+                return false;
+            }
+        } else if (option == "--from-csv" && options.command == CtlCommand::Plot) {
+            if (!takeValue(arguments, index, options.fromCsv, error)) {
+                return false;
+            }
         } else if (option == "--csv" && options.command == CtlCommand::Counters) {
             options.output = CtlOutput::Csv;
-        } else if (option == "--id") {
+        } else if (option == "--id" && options.command != CtlCommand::List) {
             if (!takeValue(arguments, index, value, error) ||
                 !parseSessionId(value, options.sessionId, error)) {
                 return false;
@@ -264,11 +275,33 @@ bool parseCommandOptions(const std::vector<std::string>& arguments, std::size_t 
     return true;
 }
 
+bool endsWith(const std::string& text, const std::string& suffix) {
+    return text.size() >= suffix.size() &&
+           text.compare(text.size() - suffix.size(), suffix.size(), suffix) == 0;
+}
+
+// gnuplot picks its terminal by the file name's ending.
+bool checkPlotOutput(const CtlOptions& options, std::string& error) {
+    if (options.plotOut.empty()) {
+        error = "plot needs --out FILE.png or FILE.svg";
+        return false;
+    }
+    if (!endsWith(options.plotOut, ".png") && !endsWith(options.plotOut, ".svg")) {
+        error = "--out: '" + options.plotOut + "' must end in .png or .svg";
+        return false;
+    }
+    return true;
+}
+
 bool checkRequired(CtlOptions& options, std::string& error) {
-    if (options.command == CtlCommand::Help) {
+    if (options.command == CtlCommand::Help || options.command == CtlCommand::List) {
         return true;
     }
-    if (!options.sessionIdGiven) {
+    if (options.command == CtlCommand::Plot && !checkPlotOutput(options, error)) {
+        return false;
+    }
+    if (!options.sessionIdGiven &&
+        !(options.command == CtlCommand::Plot && !options.fromCsv.empty())) {
         error = "--id is required";
         return false;
     }
@@ -354,7 +387,7 @@ bool parseCtlOptions(const std::vector<std::string>& arguments, const std::strin
         }
     }
     if (index >= arguments.size()) {
-        error = "a command is needed: create, delete or counters";
+        error = "a command is needed: create, delete, counters, list or plot";
         return false;
     }
     const std::string& command = arguments[index];
@@ -364,6 +397,10 @@ bool parseCtlOptions(const std::vector<std::string>& arguments, const std::strin
         options.command = CtlCommand::Delete;
     } else if (command == "counters") {
         options.command = CtlCommand::Counters;
+    } else if (command == "list") {
+        options.command = CtlCommand::List;
+    } else if (command == "plot") {
+        options.command = CtlCommand::Plot;
     } else if (command == "help") {
         options.command = CtlCommand::Help;
         return true;
@@ -386,6 +423,10 @@ std::string ctlUsage() {
            "  twamp-ctl [--service NAME] [--timeout SECONDS] counters --id ID [--completed] "
            "[--wait]\n"
            "            [--json | --csv]\n"
+           "  twamp-ctl [--service NAME] [--timeout SECONDS] list [--json]\n"
+           "  twamp-ctl [--service NAME] [--timeout SECONDS] plot --id ID [--completed] "
+           "--out FILE.png|FILE.svg\n"
+           "  twamp-ctl plot --from-csv FILE [--id ID] --out FILE.png|FILE.svg\n"
            "\n"
            "  --service   mailbox of the daemon (default: $TWAMP_SERVICE, else twamp)\n"
            "  --timeout   seconds to wait for a counters reply (default 5, 960 with --wait)\n"
@@ -401,6 +442,10 @@ std::string ctlUsage() {
            "  --wait      wait for a held reply (the completed interval is answered 4 s\n"
            "              after it ends)\n"
            "  --json      one JSON object; --csv one line per counter; default a table\n"
+           "  list        the daemon's sessions: settings, state, the running minute's\n"
+           "              sent and received packets, the age of the latest minute with a reply\n"
+           "  plot        draws the interval's minutes with gnuplot (round trip, IPDV, loss);\n"
+           "              --from-csv draws what counters --csv printed, without a daemon\n"
            "  --version   print the program's name and version\n"
            "\n"
            "The mailboxes live in $ITC_RUNDIR (default /run/itc).\n"

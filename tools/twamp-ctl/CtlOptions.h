@@ -7,7 +7,7 @@
 #include <string>
 #include <vector>
 
-enum class CtlCommand { Create, Delete, Counters, Help };
+enum class CtlCommand { Create, Delete, Counters, List, Plot, Help };
 enum class CtlOutput { Table, Json, Csv };
 
 struct CtlOptions {
@@ -35,6 +35,9 @@ struct CtlOptions {
     CtlOutput output = CtlOutput::Table;
     // --version before the command: print the name and version, nothing else.
     bool version = false;
+    // plot
+    std::string plotOut;
+    std::string fromCsv;
 };
 
 // Parses argv (without the program name); on failure returns false with a

@@ -8,11 +8,16 @@
 #include <cstdlib>
 #include <cstring>
 #include <ctime>
+#include <fstream>
+#include <sstream>
 #include <string>
 #include <vector>
 
+#include "CounterPlot.h"
 #include "CountersFormatter.h"
 #include "CtlOptions.h"
+#include "ItcDaemonClient.h"
+#include "SessionListFormatter.h"
 #include "TwampVersion.h"
 #include "TwtsiSignals.h"
 #include "itc.h"
@@ -163,7 +168,106 @@ int awaitCounters(const CtlOptions& options, itc_mbox_id_t daemon) {
     return status;
 }
 
+int32_t timeoutMs(const CtlOptions& options) {
+    return static_cast<int32_t>(std::ceil(options.timeoutSeconds * 1000.0));
+}
+
+// Opens the tool's mailbox for a client; the status of the failure otherwise.
+int openClient(ItcDaemonClient& client) {
+    std::string error;
+    if (!client.open(error)) {
+        return fail(kExitFailure, error);
+    }
+    return kExitOk;
+}
+
+// A client failure: no mailbox of that name, or no reply in time.
+int clientFailure(const std::string& error) {
+    if (error.rfind("no mailbox named", 0) == 0) {
+        return fail(kExitNoMailbox, error);
+    }
+    if (error.rfind("no ", 0) == 0) {
+        return fail(kExitTimeout, error);
+    }
+    return fail(kExitFailure, error);
+}
+
+int runList(const CtlOptions& options) {
+    ItcDaemonClient client(options.service, timeoutMs(options), "twamp-ctl");
+    const int opened = openClient(client);
+    if (opened != kExitOk) {
+        return opened;
+    }
+    std::vector<SessionListing> sessions;
+    std::string error;
+    if (!client.listSessions(sessions, error)) {
+        return clientFailure(error);
+    }
+    const std::string text = options.output == CtlOutput::Json ? formatSessionJson(sessions)
+                                                               : formatSessionTable(sessions);
+    std::fputs(text.c_str(), stdout);
+    return kExitOk;
+}
+
+int drawPlot(const CtlOptions& options, const CounterGrid& counters,
+             const std::vector<std::string>& labels, const std::string& what) {
+    const std::string title =
+        (options.sessionIdGiven ? "session " + sessionIdHex(options.sessionId) + ", " : "") + what;
+    std::string error;
+    if (!renderPlot(counters, labels, title, options.plotOut, error)) {
+        return fail(kExitFailure, error);
+    }
+    std::printf("%s\n", options.plotOut.c_str());
+    return kExitOk;
+}
+
+int plotFromCsv(const CtlOptions& options) {
+    std::ifstream file(options.fromCsv);
+    if (!file) {
+        return fail(kExitBadArgument,
+                    "--from-csv: cannot read " + options.fromCsv + ": " + std::strerror(errno));
+    }
+    std::stringstream text;
+    text << file.rdbuf();
+    CounterGrid counters;
+    std::vector<std::string> labels;
+    std::string error;
+    if (!parseCountersCsv(text.str(), counters, labels, error)) {
+        return fail(kExitBadArgument, "--from-csv: " + options.fromCsv + ": " + error);
+    }
+    return drawPlot(options, counters, labels,
+                    "minutes " + labels.front() + " to " + labels.back());
+}
+
+int runPlot(const CtlOptions& options) {
+    if (!options.fromCsv.empty()) {
+        return plotFromCsv(options);
+    }
+    ItcDaemonClient client(options.service, timeoutMs(options), "twamp-ctl");
+    const int opened = openClient(client);
+    if (opened != kExitOk) {
+        return opened;
+    }
+    CounterGrid counters;
+    std::string error;
+    if (!client.fetchCounters(options.sessionId, options.completedIntervalOnly, counters, error)) {
+        return clientFailure(error);
+    }
+    const std::vector<std::string> labels =
+        minuteLabelsFrom(reportedIntervalStart(std::time(nullptr), options.completedIntervalOnly));
+    return drawPlot(options, counters, labels,
+                    std::string(options.completedIntervalOnly ? "last completed interval"
+                                                              : "interval in progress") +
+                        " from " + labels.front() + " UTC");
+}
+
 int run(const CtlOptions& options) {
+    if (options.command == CtlCommand::List) {
+        return runList(options);
+    }
+    if (options.command == CtlCommand::Plot) {
+        return runPlot(options);
+    }
     OwnMailbox own;
     if (!own.error.empty()) {
         return fail(kExitFailure, own.error);
@@ -187,6 +291,8 @@ int run(const CtlOptions& options) {
         case CtlCommand::Counters:
             msg = buildCountersRequest(options);
             break;
+        case CtlCommand::List:
+        case CtlCommand::Plot:
         case CtlCommand::Help:
             return kExitOk;
     }

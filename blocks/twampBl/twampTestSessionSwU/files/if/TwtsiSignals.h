@@ -29,6 +29,15 @@
 #define TWTSI_GET_TWAMP_TEST_SESSION_PM_COUNTERS_REQ 0x01A11404u
 #define TWTSI_GET_TWAMP_TEST_SESSION_PM_COUNTERS_RSP 0x01A11405u
 
+/*
+ * Extension: the session list, a request/reply pair that tools (twamp-ctl
+ * list, the metrics exporter) send to see which sessions a daemon runs. The
+ * numbers lie apart from the four above, which keep their numbers, layouts
+ * and behaviour; a daemon without the extension frees the request unanswered.
+ */
+#define TWTSI_LIST_TWAMP_TEST_SESSIONS_REQ 0x01A114E0u
+#define TWTSI_LIST_TWAMP_TEST_SESSIONS_RSP 0x01A114E1u
+
 /* The opaque session key; compared bytewise over all 16 bytes. */
 #define TWTSI_SESSION_ID_SIZE 16
 /* Room for the longest IPv6 text form; the terminator is not guaranteed. */
@@ -99,10 +108,71 @@ struct twtsiGetTwampTestSessionPmCountersRsp {
     int64_t counters[TWTSI_PM_COUNTER_ROWS][TWTSI_PM_COUNTER_BINS];
 };
 
+/*
+ * Extension: the session list. A daemon with 2000 sessions cannot answer in
+ * one signal (the ITC datagram limit is 65536 bytes), so the list is paged:
+ * the request names the index of the first entry, the reply carries at most
+ * TWTSI_LIST_PAGE_ENTRIES entries and says whether more follow. Entries are
+ * in key order; a session created or deleted between two pages may be seen
+ * twice or not at all, as in any paged listing.
+ */
+#define TWTSI_LIST_PAGE_ENTRIES 256
+#define TWTSI_LIST_TWAMP_TEST_SESSIONS_REQ_SIZE 8
+
+/* What a listed session is doing. */
+#define TWTSI_SESSION_STATE_WAITING 0    /* created; sends from the next whole minute */
+#define TWTSI_SESSION_STATE_SENDING 1    /* sending test packets */
+#define TWTSI_SESSION_STATE_REFUSED 2    /* the create was refused; no session runs */
+#define TWTSI_SESSION_STATE_UNRESOLVED 3 /* registered, but its address did not resolve */
+
+/* Asks for one page of the session list. */
+struct twtsiListTwampTestSessionsReq {
+    uint32_t sigNo;      /* TWTSI_LIST_TWAMP_TEST_SESSIONS_REQ */
+    uint32_t startIndex; /* index of the first entry wanted, 0 for the first page */
+};
+
+/* One session of the list; counts are -2 when not known. */
+struct twtsiTwampTestSessionEntry {
+    uint8_t sessionId[TWTSI_SESSION_ID_SIZE];     /* key of the session */
+    char dstIpAddress[TWTSI_DST_IP_ADDRESS_SIZE]; /* reflector address, NUL-terminated */
+    uint16_t dstUdpPort;                          /* reflector port */
+    uint32_t packetsPerSecond;                    /* as created */
+    uint32_t dscp;                                /* as created */
+    int32_t packetSize;                           /* as created */
+    uint32_t state;                               /* TWTSI_SESSION_STATE_* */
+    int64_t lastReplyAgeSeconds; /* seconds since the start of the latest minute with a reply */
+    int64_t minuteSentPkts;      /* sentPkts of the running minute */
+    int64_t minuteReceivedPkts;  /* receivedPkts of the running minute */
+};
+
+/*
+ * One page of the session list. It is not a member of union itc_msg, whose
+ * size stays that of the counters reply: a page is read and written through
+ * a pointer to this structure.
+ */
+struct twtsiListTwampTestSessionsRsp {
+    uint32_t sigNo;      /* TWTSI_LIST_TWAMP_TEST_SESSIONS_RSP */
+    uint32_t startIndex; /* copied from the request */
+    uint32_t totalCount; /* entries in the whole list */
+    uint32_t count;      /* entries in this page */
+    uint8_t more;        /* 1 when entries follow this page */
+    uint8_t padding[7];  /* zero */
+    struct twtsiTwampTestSessionEntry entries[TWTSI_LIST_PAGE_ENTRIES]; /* count are valid */
+};
+
+#define TWTSI_LIST_TWAMP_TEST_SESSIONS_RSP_HEADER_SIZE 24
+#define TWTSI_TWAMP_TEST_SESSION_ENTRY_SIZE 104
+/* A reply is sent only as long as its count of entries needs. */
+#define TWTSI_LIST_TWAMP_TEST_SESSIONS_RSP_SIZE(count) \
+    (TWTSI_LIST_TWAMP_TEST_SESSIONS_RSP_HEADER_SIZE + (count)*TWTSI_TWAMP_TEST_SESSION_ENTRY_SIZE)
+
 typedef struct twtsiCreateTwampTestSession twtsiCreateTwampTestSession;
 typedef struct twtsiDeleteTwampTestSession twtsiDeleteTwampTestSession;
 typedef struct twtsiGetTwampTestSessionPmCountersReq twtsiGetTwampTestSessionPmCountersReq;
 typedef struct twtsiGetTwampTestSessionPmCountersRsp twtsiGetTwampTestSessionPmCountersRsp;
+typedef struct twtsiListTwampTestSessionsReq twtsiListTwampTestSessionsReq;
+typedef struct twtsiTwampTestSessionEntry twtsiTwampTestSessionEntry;
+typedef struct twtsiListTwampTestSessionsRsp twtsiListTwampTestSessionsRsp;
 
 /* The application's signal union of the ITC library. */
 union itc_msg {
@@ -111,6 +181,7 @@ union itc_msg {
     struct twtsiDeleteTwampTestSession twtsiDeleteTwampTestSession;
     struct twtsiGetTwampTestSessionPmCountersReq twtsiGetTwampTestSessionPmCountersReq;
     struct twtsiGetTwampTestSessionPmCountersRsp twtsiGetTwampTestSessionPmCountersRsp;
+    struct twtsiListTwampTestSessionsReq twtsiListTwampTestSessionsReq; /* extension */
 };
 
 TWTSI_STATIC_ASSERT(offsetof(struct twtsiCreateTwampTestSession, sigNo) == 0x00, "sigNo");
@@ -161,5 +232,29 @@ TWTSI_STATIC_ASSERT(sizeof(((struct twtsiGetTwampTestSessionPmCountersRsp*)0)->c
 TWTSI_STATIC_ASSERT(sizeof(struct twtsiGetTwampTestSessionPmCountersRsp) ==
                         TWTSI_GET_TWAMP_TEST_SESSION_PM_COUNTERS_RSP_SIZE,
                     "reply size");
+
+TWTSI_STATIC_ASSERT(sizeof(struct twtsiListTwampTestSessionsReq) ==
+                        TWTSI_LIST_TWAMP_TEST_SESSIONS_REQ_SIZE,
+                    "list request size");
+TWTSI_STATIC_ASSERT(offsetof(struct twtsiTwampTestSessionEntry, dstIpAddress) == 0x10,
+                    "entry dstIpAddress");
+TWTSI_STATIC_ASSERT(offsetof(struct twtsiTwampTestSessionEntry, dstUdpPort) == 0x3E,
+                    "entry dstUdpPort");
+TWTSI_STATIC_ASSERT(offsetof(struct twtsiTwampTestSessionEntry, packetsPerSecond) == 0x40,
+                    "entry packetsPerSecond");
+TWTSI_STATIC_ASSERT(offsetof(struct twtsiTwampTestSessionEntry, state) == 0x4C, "entry state");
+TWTSI_STATIC_ASSERT(offsetof(struct twtsiTwampTestSessionEntry, lastReplyAgeSeconds) == 0x50,
+                    "entry lastReplyAgeSeconds");
+TWTSI_STATIC_ASSERT(sizeof(struct twtsiTwampTestSessionEntry) ==
+                        TWTSI_TWAMP_TEST_SESSION_ENTRY_SIZE,
+                    "entry size");
+TWTSI_STATIC_ASSERT(offsetof(struct twtsiListTwampTestSessionsRsp, entries) ==
+                        TWTSI_LIST_TWAMP_TEST_SESSIONS_RSP_HEADER_SIZE,
+                    "list reply header");
+/* The largest page stays well inside the ITC limit of 65536 bytes. */
+TWTSI_STATIC_ASSERT(sizeof(struct twtsiListTwampTestSessionsRsp) ==
+                        TWTSI_LIST_TWAMP_TEST_SESSIONS_RSP_SIZE(TWTSI_LIST_PAGE_ENTRIES),
+                    "list reply size");
+TWTSI_STATIC_ASSERT(sizeof(struct twtsiListTwampTestSessionsRsp) <= 65536, "list reply limit");
 
 #endif /* TWTSI_SIGNALS_H */

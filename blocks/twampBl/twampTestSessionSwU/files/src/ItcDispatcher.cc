@@ -159,7 +159,8 @@ bool isCreateAllowed(const CreateRequest& request) {
 
 }  // namespace
 
-ItcDispatcher::ItcDispatcher(TwampTestSessionFactory* factory) : factory(factory) {}
+ItcDispatcher::ItcDispatcher(TwampTestSessionFactory* factory, Clock& clock)
+    : factory(factory), roster(clock), sessionList(roster, clock) {}
 
 ItcDispatcher::~ItcDispatcher() {
     if (itcFd != -1) {
@@ -277,6 +278,9 @@ void ItcDispatcher::dispatch(union itc_msg* signal) {
         case TWTSI_CREATE_TWAMP_TEST_SESSION:
             handleTwtsiCreateTwampTestSession(signal);
             break;
+        case TWTSI_LIST_TWAMP_TEST_SESSIONS_REQ:
+            sessionList.handleListRequest(signal);
+            break;
         default:
             // Not ours: freed by the caller without a trace.
             break;
@@ -292,7 +296,12 @@ void ItcDispatcher::handleTwtsiCreateTwampTestSession(union itc_msg* signal) {
     dstIpAddress[TWTSI_DST_IP_ADDRESS_SIZE] = '\0';
     const std::string dstUdpPort = std::to_string(create.dstUdpPort);
     const CreateRequest request{create, dstIpAddress, dstUdpPort.c_str()};
+    const SessionKey key = toSessionKey(create.sessionId);
     if (!isCreateAllowed(request)) {
+        // A refused second create of a running key leaves that session listed.
+        if (TwampTestSessionController::getInstance()->getTwampTestSession(key) == nullptr) {
+            roster.recordRefused(key, create, dstIpAddress);
+        }
         return;
     }
 
@@ -309,17 +318,19 @@ void ItcDispatcher::handleTwtsiCreateTwampTestSession(union itc_msg* signal) {
                         toHex(create.sessionId).c_str(), dstIpAddress, dstUdpPort.c_str(),
                         descriptorFailure.c_str());
             logRefusedCreate(request, descriptorFailure);
+            roster.recordRefused(key, create, dstIpAddress);
             return;
         }
     }
-    TwampTestSessionController::getInstance()->addTwampTestSession(toSessionKey(create.sessionId),
-                                                                   session.release());
+    roster.recordCreated(key, create, dstIpAddress);
+    TwampTestSessionController::getInstance()->addTwampTestSession(key, session.release());
 }
 
 void ItcDispatcher::handleTwtsiDeleteTwampTestSession(union itc_msg* signal) {
     TRACE_LAB("Received twtsiDeleteTwampTestSession ");
-    TwampTestSessionController::getInstance()->deleteTwampTestSession(
-        toSessionKey(signal->twtsiDeleteTwampTestSession.sessionId));
+    const SessionKey key = toSessionKey(signal->twtsiDeleteTwampTestSession.sessionId);
+    TwampTestSessionController::getInstance()->deleteTwampTestSession(key);
+    roster.remove(key);
 }
 
 void ItcDispatcher::handleTwtsiGetPmCountersReq(union itc_msg* signal) {

@@ -12,7 +12,11 @@
 #include <set>
 #include <string>
 
+#include "Clock.h"
 #include "IoHandler.h"
+#include "RealtimeClock.h"
+#include "SessionListHandler.h"
+#include "SessionRoster.h"
 #include "itc.h"
 
 class TwampTestSession;
@@ -30,8 +34,10 @@ class ItcDispatcher : public IoHandler {
     // stays readable while signals wait.
     static constexpr int kMaxSignalsPerWakeUp = 64;
 
-    // factory builds the sessions of create signals; not owned.
-    explicit ItcDispatcher(TwampTestSessionFactory* factory);
+    // factory builds the sessions of create signals; not owned. clock dates
+    // the entries of the session list (an extension); not owned.
+    explicit ItcDispatcher(TwampTestSessionFactory* factory,
+                           Clock& clock = RealtimeClock::instance());
     ItcDispatcher(const ItcDispatcher&) = delete;
     ItcDispatcher& operator=(const ItcDispatcher&) = delete;
     // Leaves the multiplexer and deletes the mailbox if init opened one.
@@ -72,6 +78,9 @@ class ItcDispatcher : public IoHandler {
     // One requester for all deferred replies: a later deferral redirects earlier ones.
     itc_mbox_id_t pendingRequester = ITC_NO_ID;
     TwampTestSessionFactory* factory;
+    // Extension: what the session list reports.
+    SessionRoster roster;
+    SessionListHandler sessionList;
 };
 
 #endif  // TWAMP_ITC_DISPATCHER_H

@@ -1,0 +1,2 @@
+# Empty compiler generated dependencies file for qrn_ng.
+# This may be replaced when dependencies are built.

@@ -1,0 +1,2 @@
+# Empty dependencies file for qrn_ng.
+# This may be replaced when dependencies are built.

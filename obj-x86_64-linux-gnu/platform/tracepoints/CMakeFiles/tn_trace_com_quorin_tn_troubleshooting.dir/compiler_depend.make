@@ -1,0 +1,2 @@
+# Empty compiler generated dependencies file for tn_trace_com_quorin_tn_troubleshooting.
+# This may be replaced when dependencies are built.

@@ -1,0 +1,2 @@
+# Empty dependencies file for twamp-ctl.
+# This may be replaced when dependencies are built.

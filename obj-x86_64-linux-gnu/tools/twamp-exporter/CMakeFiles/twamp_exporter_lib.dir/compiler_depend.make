@@ -1,0 +1,2 @@
+# Empty compiler generated dependencies file for twamp_exporter_lib.
+# This may be replaced when dependencies are built.

@@ -1,0 +1,2 @@
+# Empty dependencies file for twamp_exporter_lib.
+# This may be replaced when dependencies are built.

@@ -1,0 +1,2 @@
+# Empty compiler generated dependencies file for twamp_reflector_lib.
+# This may be replaced when dependencies are built.
