@@ -3,7 +3,8 @@
 # "install" installs the packages (with the host's network, should apt need to
 # fetch a dependency the cached root lacks); "run", in a network namespace of
 # the test's own, checks what they installed, runs the daemon as its systemd
-# unit would, creates a session as an operator and reads its counters.
+# unit would, creates a session as an operator and reads its counters, and
+# runs the exporter as its unit would and reads the same counters from it.
 #
 # usage: install_e2e_inside.sh install|run
 set -uo pipefail
@@ -37,6 +38,7 @@ finish() {
     if [ "$failures" -ne 0 ]; then
         echo "--- restart log:"; cat /var/log/qrn_ng/restart.log 2>/dev/null
         echo "--- daemon:"; cat /tmp/daemon.log 2>/dev/null
+        echo "--- exporter:"; cat /tmp/exporter.log 2>/dev/null
         echo "--- TnNetworkLog:"; cat /var/log/saflog/TnNetworkLog.log 2>/dev/null
         echo "$failures check(s) failed"
         exit 1
@@ -59,7 +61,8 @@ fi
 VERSION="$(dpkg-query -W -f='${Version}' twamp-sender)"
 echo "installed twamp-sender $VERSION"
 
-for program in /usr/sbin/twampTestSession /usr/bin/twamp-ctl /usr/bin/twamp-reflector; do
+for program in /usr/sbin/twampTestSession /usr/bin/twamp-ctl /usr/bin/twamp-reflector \
+    /usr/bin/twamp-exporter; do
     check "$(basename "$program") --version prints '$(basename "$program") $VERSION'" \
         test "$("$program" --version)" = "$(basename "$program") $VERSION"
 done
@@ -69,7 +72,8 @@ for stream in TnApplicationLog TnNetworkLog; do
     check "the $stream stream is configured" \
         test "$(stat -c '%a %U:%G' "/var/log/saflog/$stream.log")" = "640 twamp:twamp"
 done
-for page in man8/twampTestSession.8.gz man1/twamp-ctl.1.gz man1/twamp-reflector.1.gz; do
+for page in man8/twampTestSession.8.gz man1/twamp-ctl.1.gz man1/twamp-reflector.1.gz \
+    man1/twamp-exporter.1.gz; do
     check "man page $page is installed" test -s "/usr/share/man/$page"
 done
 check "the bash completion completes 'twamp-ctl cr' to create" bash -c '
@@ -152,6 +156,43 @@ done
 check "the daemon opened its mailbox /run/itc/name.$SERVICE" test -e "/run/itc/name.$SERVICE"
 check "the daemon runs as twamp" test "$(stat -c %U "/proc/${PIDS[1]}")" = twamp
 
+# --- the exporter as twamp-exporter@e2e.service starts it -----------------
+EXPORTER_UNIT=/lib/systemd/system/twamp-exporter@.service
+# The example's port; the run has a network namespace of its own.
+EXPORTER_PORT=9862
+check "the exporter's template unit is installed" test -s "$EXPORTER_UNIT"
+cp /usr/share/doc/twamp-exporter/examples/exporter-INSTANCE.conf "/etc/twamp/exporter-$SERVICE.conf"
+# DynamicUser: a user without an account, in the unit's supplementary group.
+# It runs on the daemon's faked clock: it takes a minute as final 10 s after
+# the minute ends on its own clock.
+(
+    set -a
+    # shellcheck source=/dev/null
+    . "/etc/twamp/exporter-$SERVICE.conf"
+    set +a
+    eval "command=($(sed -n 's/^ExecStart=//p' "$EXPORTER_UNIT" | sed "s/%i/$SERVICE/g"))"
+    # shellcheck disable=SC2086
+    exec setpriv --reuid=nobody --regid=nogroup \
+        --groups="$(sed -n 's/^SupplementaryGroups=//p' "$EXPORTER_UNIT")" \
+        env LTTNG_UST_REGISTER_TIMEOUT=0 $FAKE "${command[@]}"
+) >/tmp/exporter.log 2>&1 &
+PIDS+=($!)
+# GET /metrics over bash's own TCP client (the root has no curl).
+scrape() {
+    exec 3<>"/dev/tcp/127.0.0.1/$EXPORTER_PORT" || return 1
+    printf 'GET /metrics HTTP/1.0\r\nHost: localhost\r\n\r\n' >&3
+    cat <&3
+    exec 3<&-
+}
+for _ in $(seq 1 50); do
+    scrape >/dev/null 2>&1 && break
+    sleep 0.1
+done
+exporter_sees_daemon() {
+    scrape | grep -q '^twamp_exporter_daemon_up 1$'
+}
+check "the exporter answers on port $EXPORTER_PORT and reaches the daemon" exporter_sees_daemon
+
 # --- the operator, a member of group twamp ---------------------------------
 # (The base system already has a group named operator.)
 useradd --create-home --user-group --groups twamp netops
@@ -176,6 +217,20 @@ received="$(counter receivedPkts)"
 echo "measured minute: sentPkts $sent, receivedPkts $received"
 check "sentPkts > 0 in the finalised minute" test "${sent:-0}" -gt 0
 check "receivedPkts > 0 in the finalised minute" test "${received:-0}" -gt 0
+# The exporter takes the minute as final 10 s after it ends; its totals then
+# hold exactly that minute (the minutes before it were not measured).
+exported=$(((minute + 1) * 60 + 12 - offset))
+sleep $((exported - $(date +%s)))
+page="$(scrape)"
+exported_value() {
+    awk -v name="$1" 'index($0, name "{") == 1 { print $NF }' <<<"$page"
+}
+echo "exporter: sent total $(exported_value twamp_session_sent_packets_total)," \
+    "received total $(exported_value twamp_session_received_packets_total)"
+check "the exporter's sent total equals the minute's sentPkts" \
+    test "$(exported_value twamp_session_sent_packets_total)" = "$sent"
+check "the exporter's received total equals the minute's receivedPkts" \
+    test "$(exported_value twamp_session_received_packets_total)" = "$received"
 check "the operator deletes the session" as_operator twamp-ctl --service "$SERVICE" delete --id "$SESSION"
 
 finish

@@ -1,19 +1,21 @@
 #!/usr/bin/env bash
 # The systemd side of the package: systemd-analyze verify passes for the
-# daemon's template unit (as an instance) and the reflector's unit, and the
+# daemon's and the exporter's template units (as instances) and the
+# reflector's unit, and the
 # sysusers.d and tmpfiles.d files create the user and the directories and
 # files with the owners and modes the daemon needs, in a scratch root.
 #
 # The units name the installed programs and man pages; for the check they
 # point at the built ones (the only change made to the copies).
 #
-# usage: systemd_test.sh PACKAGING_DIR MAN_DIR DAEMON REFLECTOR
+# usage: systemd_test.sh PACKAGING_DIR MAN_DIR DAEMON REFLECTOR EXPORTER
 set -uo pipefail
 
 PACKAGING="$1"
 MAN_DIR="$2"
 DAEMON="$3"
 REFLECTOR="$4"
+EXPORTER="$5"
 failures=0
 
 fail() {
@@ -30,11 +32,15 @@ sed "s|/usr/sbin/twampTestSession|$DAEMON|" "$PACKAGING/systemd/twamp-sender@.se
     >"$WORK/units/twamp-sender@core.service"
 sed "s|/usr/bin/twamp-reflector|$REFLECTOR|" "$PACKAGING/systemd/twamp-reflector.service" \
     >"$WORK/units/twamp-reflector.service"
+sed "s|/usr/bin/twamp-exporter|$EXPORTER|" "$PACKAGING/systemd/twamp-exporter@.service" \
+    >"$WORK/units/twamp-exporter@core.service"
 ln -s "$MAN_DIR/twampTestSession.8" "$WORK/man/man8/"
-ln -s "$MAN_DIR/twamp-reflector.1" "$WORK/man/man1/"
-if output="$(cd "$WORK/units" && MANPATH="$WORK/man" systemd-analyze verify \
-    twamp-sender@core.service twamp-reflector.service 2>&1)" && [ -z "$output" ]; then
-    echo "ok: systemd-analyze verify twamp-sender@core.service twamp-reflector.service"
+ln -s "$MAN_DIR/twamp-reflector.1" "$MAN_DIR/twamp-exporter.1" "$WORK/man/man1/"
+UNITS="twamp-sender@core.service twamp-reflector.service twamp-exporter@core.service"
+# shellcheck disable=SC2086
+if output="$(cd "$WORK/units" && MANPATH="$WORK/man" systemd-analyze verify $UNITS 2>&1)" &&
+    [ -z "$output" ]; then
+    echo "ok: systemd-analyze verify $UNITS"
 else
     fail "systemd-analyze verify: $output"
 fi
