@@ -92,7 +92,8 @@ check "reflector lossy starts" start_reflector "$WORK/lossy.jsonl" 18902 \
 
 fake_clock_init "$WORK/faketime"
 check "daemon starts" start_daemon "$SERVICE" 198.18.0.1 8630 "$WORK/log"
-preload="$(faketime_library)"
+# Under the sanitizers the exporter needs their runtime first in the list.
+preload="$(preload_list "$EXPORTER")"
 # Started by ip itself, not through in_lab: $! must be the exporter's pid.
 ip netns exec "$LAB_DAEMON_NS" env LD_PRELOAD="$preload" FAKETIME_TIMESTAMP_FILE="$FAKE_CLOCK_FILE" FAKETIME_NO_CACHE=1 \
     FAKETIME_DONT_FAKE_MONOTONIC=1 ITC_RUNDIR="$ITC_RUNDIR" \
