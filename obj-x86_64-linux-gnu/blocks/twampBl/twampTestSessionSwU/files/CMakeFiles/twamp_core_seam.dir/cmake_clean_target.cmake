@@ -1,3 +1,0 @@
-file(REMOVE_RECURSE
-  "libtwamp_core_seam.a"
-)

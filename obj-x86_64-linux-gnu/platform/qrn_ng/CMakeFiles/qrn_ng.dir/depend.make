@@ -1,2 +1,0 @@
-# Empty dependencies file for qrn_ng.
-# This may be replaced when dependencies are built.

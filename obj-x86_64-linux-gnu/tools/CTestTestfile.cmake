@@ -1,9 +1,0 @@
-# CMake generated Testfile for 
-# Source directory: /work/wt/integ2/tools
-# Build directory: /work/wt/integ2/obj-x86_64-linux-gnu/tools
-# 
-# This file includes the relevant testing commands required for 
-# testing this directory and lists subdirectories to be tested as well.
-subdirs("twamp-ctl")
-subdirs("twamp-reflector")
-subdirs("twamp-exporter")

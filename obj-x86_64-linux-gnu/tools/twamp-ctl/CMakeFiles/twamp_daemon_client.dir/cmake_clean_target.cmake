@@ -1,3 +1,0 @@
-file(REMOVE_RECURSE
-  "libtwamp_daemon_client.a"
-)

@@ -1,2 +1,0 @@
-# Empty dependencies file for twamp_daemon_client.
-# This may be replaced when dependencies are built.

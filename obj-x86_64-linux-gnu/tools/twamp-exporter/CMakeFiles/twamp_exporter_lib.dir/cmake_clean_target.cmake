@@ -1,3 +1,0 @@
-file(REMOVE_RECURSE
-  "libtwamp_exporter_lib.a"
-)

@@ -1,3 +1,0 @@
-file(REMOVE_RECURSE
-  "libtwamp_reflector_lib.a"
-)
