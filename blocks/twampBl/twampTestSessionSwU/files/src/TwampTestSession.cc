@@ -282,6 +282,8 @@ SessionSystemCalls& SessionSystemCalls::real() {
     return systemCalls;
 }
 
+// ---- Life: construction, start, the descriptors it serves ----
+
 TwampTestSession::TwampTestSession(const char* dstIpAddress, const char* dstUdpPort,
                                    uint32_t packetsPerSecond, uint32_t spare1, uint32_t spare2,
                                    int32_t packetSize, uint32_t dscp, uint32_t startOffset,
@@ -324,29 +326,6 @@ TwampTestSession::~TwampTestSession() {
     }
 }
 
-std::set<int> TwampTestSession::getReadFds() const {
-    return readFds;
-}
-
-std::set<int> TwampTestSession::getWriteFds() const {
-    return {TwampTestSessionController::getInstance()->getUdpSocket().getSocketFd()};
-}
-
-bool TwampTestSession::handleInput(int fd) {
-    if (fd == timerFd) {
-        return handlePacketTimer();
-    }
-    return true;
-}
-
-bool TwampTestSession::handleOutput(int /*fd*/) {
-    return true;
-}
-
-std::string TwampTestSession::getDescriptorFailure() const {
-    return descriptorFailure;
-}
-
 bool TwampTestSession::init() {
     const int rc = resolveDestination();
     if (rc != 0) {
@@ -372,373 +351,8 @@ bool TwampTestSession::init() {
     return writeInitialPadding();
 }
 
-void TwampTestSession::receiveMessage(struct msghdr* msg) {
-    if (msg == nullptr || msg->msg_iov == nullptr || msg->msg_iovlen < 1) {
-        return;
-    }
-    const struct iovec& payload = msg->msg_iov[0];
-    // The socket hands over exactly the received datagram: the fields of a
-    // shorter reply would be read from the previous datagram's bytes.
-    if (payload.iov_len < TwampTestMessage::kPaddingOffset) {
-        TRACE_LAB("Response packet of %zu bytes is too short and thus discarded", payload.iov_len);
-        return;
-    }
-    TwampTestMessage message(static_cast<uint8_t*>(payload.iov_base), payload.iov_len);
-    const uint64_t echoedT1 = message.getSenderTimestamp();
-    const uint32_t seqNo = message.getSenderSequenceNumber();
-    SentPacket* sent = findSentPacket(parityOf(minuteOfNtp(echoedT1)), seqNo);
-    if (sent == nullptr) {
-        TRACE_LAB("No outstanding packet found for seqNum: %u ", seqNo);
-        return;
-    }
-    // A reply must echo the send time of the packet it answers; one that
-    // does not cannot be placed in any minute.
-    if (sent->t1 != echoedT1) {
-        TRACE_LAB("Response sender timestamp %lx differs from %lx sent, seqNum: %u ",
-                  static_cast<unsigned long>(echoedT1), static_cast<unsigned long>(sent->t1),
-                  seqNo);
-        return;
-    }
-    auto packet = std::make_unique<OutstandingPacket>(seqNo, sent->t1);
-    packet->setResponse(msg, TwampTestSessionController::getInstance()->getSocketHelper());
-    if (sent->t1Prime == 0) {
-        TRACE_LAB("Received response packet, but TX timestamp unknown, seqNum: %u ", seqNo);
-        outstanding.holdReply(std::move(packet));
-        return;
-    }
-    analyzeReply(*packet, *sent);
-}
-
-void TwampTestSession::analyzeReply(OutstandingPacket& reply, const SentPacket& sent) {
-    // The reply counts, as the packet's next one, only when it came within
-    // 4 s of the transmit timestamp: a later copy is discarded by analyzePM
-    // and is neither a received packet nor a duplicate.
-    reply.restore(sent.t1Prime, sent.replyCount + 1);
-    if (reply.getT4() - sent.t1Prime <= kRoundTripLimit) {
-        outstanding.countReply(reply.getSenderSeqNo());
-    }
-    const uint32_t minute = sent.minute;
-    analyzePM(reply, recordIndexOf(minute), static_cast<int>(minute % kMinutesPerInterval),
-              parityOf(minute));
-}
-
-void TwampTestSession::receiveErrQueueMessage(struct msghdr* msg, ssize_t length) {
-    if (msg == nullptr || msg->msg_iov == nullptr || msg->msg_iovlen < 1 || length < 0) {
-        return;
-    }
-    const auto frameLength = static_cast<std::size_t>(length);
-    const auto* frame = static_cast<uint8_t*>(msg->msg_iov[0].iov_base);
-    const int family = TwampTestSessionController::getInstance()->getUdpSocket().getFamily();
-    const std::size_t headerLength = getLoopedFrameHeaderLength(frame, frameLength, family);
-    // Sequence Number and Timestamp must lie inside the looped-back frame.
-    if (frameLength < headerLength + OwampTestMessage::kErrorEstimateOffset) {
-        TRACE_LAB("Looped-back frame of %zu bytes is too short and thus discarded", frameLength);
-        return;
-    }
-    OwampTestMessage message(const_cast<uint8_t*>(frame) + headerLength,
-                             frameLength - headerLength);
-    const uint64_t t1 = message.getTimestamp();
-    const uint32_t seqNo = message.getSequenceNumber();
-    SentPacket* sent = findSentPacket(parityOf(minuteOfNtp(t1)), seqNo);
-    if (sent == nullptr || sent->t1 != t1) {
-        TRACE_LAB("No outstanding packet found for seqNum: %u ", seqNo);
-        return;
-    }
-    const std::vector<OutstandingPacket*> held = outstanding.heldReplies(seqNo);
-    if (held.empty() && sent->replyCount != 0 && sent->t1Prime != 0) {
-        // The packet was answered and analysed already: a second timestamp
-        // would count its reply twice.
-        TRACE_LAB("Repeated TX Timestamp ignored, seqNum: %u ", seqNo);
-        return;
-    }
-    sent->t1Prime = getTxTimestamp(msg);
-    // The usual order: the timestamp came before the reply. A held reply
-    // without a receive timestamp is never analysed.
-    const auto received = [](const OutstandingPacket* reply) { return reply->getT4() != 0; };
-    if (std::none_of(held.begin(), held.end(), received)) {
-        return;
-    }
-    TRACE_LAB("Got late TX Timestamp, seqNum: %u ", seqNo);
-    // Every copy that came meanwhile is analysed in the order it came: the
-    // first one gives the delays, the others are duplicates.
-    for (OutstandingPacket* reply : held) {
-        if (received(reply)) {
-            analyzeReply(*reply, *sent);
-        }
-    }
-    outstanding.releaseReplies(seqNo);
-}
-
-// Several sessions may share one reflector address; the socket asks each
-// which reply is its own. The sequence number alone is not enough (every
-// session counts from 0), the T1 it was sent at tells them apart.
-bool TwampTestSession::ownsMessage(const struct msghdr* msg) const {
-    if (msg == nullptr || msg->msg_iov == nullptr || msg->msg_iovlen < 1 ||
-        msg->msg_iov[0].iov_len < TwampTestMessage::kPaddingOffset) {
-        return false;
-    }
-    const TwampTestMessage reply(static_cast<uint8_t*>(msg->msg_iov[0].iov_base),
-                                 msg->msg_iov[0].iov_len);
-    return isOutstanding(reply.getSenderSequenceNumber(), reply.getSenderTimestamp());
-}
-
-bool TwampTestSession::ownsErrQueueMessage(const struct msghdr* msg, ssize_t length) const {
-    if (msg == nullptr || msg->msg_iov == nullptr || msg->msg_iovlen < 1 || length < 0) {
-        return false;
-    }
-    const auto frameLength = static_cast<std::size_t>(length);
-    auto* frame = static_cast<uint8_t*>(msg->msg_iov[0].iov_base);
-    const int family = TwampTestSessionController::getInstance()->getUdpSocket().getFamily();
-    const std::size_t headerLength = getLoopedFrameHeaderLength(frame, frameLength, family);
-    if (frameLength < headerLength + OwampTestMessage::kErrorEstimateOffset) {
-        return false;
-    }
-    const OwampTestMessage sent(frame + headerLength, frameLength - headerLength);
-    return isOutstanding(sent.getSequenceNumber(), sent.getTimestamp());
-}
-
-// Packet seqNo sent at t1 is outstanding here.
-bool TwampTestSession::isOutstanding(uint32_t seqNo, uint64_t t1) const {
-    const SentPacket* sent = outstanding.find(seqNo);
-    return sent != nullptr && sent->t1 == t1;
-}
-
-SentPacket* TwampTestSession::findSentPacket(int parity, uint32_t seqNo) {
-    SentPacket* sent = outstanding.find(seqNo);
-    // Each minute parity keeps its own packets: a number found under the
-    // other parity is not this packet.
-    if (sent == nullptr || parityOf(sent->minute) != parity) {
-        return nullptr;
-    }
-    return sent;
-}
-
-// ---- PM analysis of a packet ----
-
-void TwampTestSession::analyzePM(const OutstandingPacket& packet, int recordIndex, int bin,
-                                 int parity) {
-    const uint64_t roundTrip = packet.getT4() - packet.getT1Prime();
-    if (roundTrip <= kRoundTripLimit) {
-        updatePmMember(records[recordIndex], bin, packet, parity);
-        return;
-    }
-    TRACE_LAB(
-        "Packet not received within the time limit (4s) and thus discarded. Round-trip sec "
-        "part = %u. StartOffset: %d. Packet data: SenderSequenceNo: %u, ResponderSequenceNo: "
-        "%u, T1: %lx, T1Prime: %lx, T2: %lx, T3: %lx, T4: %lx",
-        static_cast<uint32_t>(roundTrip >> 32), startOffset, packet.getSenderSeqNo(),
-        packet.getResponderSeqNo(), static_cast<unsigned long>(packet.getT1()),
-        static_cast<unsigned long>(packet.getT1Prime()), static_cast<unsigned long>(packet.getT2()),
-        static_cast<unsigned long>(packet.getT3()), static_cast<unsigned long>(packet.getT4()));
-}
-
-void TwampTestSession::updatePmMember(PmPeriodRecord& record, int bin,
-                                      const OutstandingPacket& packet, int parity) {
-    record.at(PmCounter::receivedPkts, bin) += 1;
-    if (sequenceErrorFlag != 0) {
-        resynchroniseSequences(packet, parity);
-        return;
-    }
-    if (isSequenceBroken(packet, parity)) {
-        // The reflector restarted: sequence and delay accounting pause until
-        // the next minute start, and a minute still being finalised is void.
-        sequenceErrorFlag = 1;
-        resynchroniseSequences(packet, parity);
-        return;
-    }
-    bool counted = false;
-    uint32_t reverseGap = 0;
-    if (isResponderRenumbered(packet, parity)) {
-        // The new numbering is followed from here on; its replies are
-        // neither late nor duplicates.
-        expectedResponderSeqNo[parity] = packet.getResponderSeqNo() + 1;
-    } else {
-        reverseGap = trackReverseSequence(record, bin, packet, parity, counted);
-    }
-    if (reverseGap > 0 && packet.getResponderSeqNo() == packet.getSenderSeqNo()) {
-        reportStatelessReflector();
-    }
-    // A packet lost on the way back advanced the reflector's number: it is
-    // counted once, as reverse loss, not again as forward loss.
-    trackSequence(packet.getSenderSeqNo(), lastSenderSeqNo[parity], missingSenderSeqNos[parity],
-                  {record.at(PmCounter::lostPktsFwd, bin), record.at(PmCounter::latePktsFwd, bin),
-                   record.at(PmCounter::duplicatePktsFwd, bin)},
-                  reverseGap, packet.getReplyCount() == 1, counted);
-    // Only the first reply of a packet feeds delays and header fields.
-    if (packet.getReplyCount() != 1) {
-        return;
-    }
-    addHeaderFields(packet, parity);
-    if (packet.getT1Prime() == 0) {
-        return;
-    }
-    addDelaySamples(packet, parity);
-}
-
-bool TwampTestSession::isSequenceBroken(const OutstandingPacket& packet, int parity) const {
-    // The reflector's number went back while ours jumped ahead by more than
-    // 4 s worth of packets.
-    const auto senderJump = static_cast<int32_t>(packet.getSenderSeqNo() - lastSenderSeqNo[parity]);
-    // A number that went back no further than overtaking on the way out can
-    // take it is a packet that overtook others, also after a loss.
-    return responderWentBack(packet, parity) && senderJump > sequenceJumpLimit &&
-           wentBackBeyondOvertaking(expectedResponderSeqNo[parity], packet.getResponderSeqNo(),
-                                    packetsPerSecond);
-}
-
-bool TwampTestSession::isResponderRenumbered(const OutstandingPacket& packet, int parity) const {
-    // The reflector's number went back on the first reply to a packet sent
-    // in order: a reflector that restarted and numbers its replies from 0
-    // again after a pause too short to count as a restart. A late or
-    // repeated reply has gone back in both numbers.
-    const auto senderJump = static_cast<int32_t>(packet.getSenderSeqNo() - lastSenderSeqNo[parity]);
-    // A number listed missing is a late reply whose packet overtook another
-    // on the way out, not a new numbering; so is a number that went back no
-    // further than overtaking can take it (the minute's first reply may
-    // have been overtaken, before anything was listed missing).
-    return responderWentBack(packet, parity) && senderJump >= 0 && packet.getReplyCount() == 1 &&
-           !missingResponderSeqNos[parity].contains(packet.getResponderSeqNo()) &&
-           wentBackBeyondOvertaking(expectedResponderSeqNo[parity], packet.getResponderSeqNo(),
-                                    packetsPerSecond);
-}
-
-bool TwampTestSession::responderWentBack(const OutstandingPacket& packet, int parity) const {
-    const uint32_t expected = expectedResponderSeqNo[parity];
-    return responderSeen[parity] && static_cast<int32_t>(packet.getResponderSeqNo() - expected) < 0;
-}
-
-void TwampTestSession::resynchroniseSequences(const OutstandingPacket& packet, int parity) {
-    lastSenderSeqNo[parity] = packet.getSenderSeqNo() + 1;
-    expectedResponderSeqNo[parity] = packet.getResponderSeqNo() + 1;
-    responderSeen[parity] = true;
-}
-
-uint32_t TwampTestSession::trackReverseSequence(PmPeriodRecord& record, int bin,
-                                                const OutstandingPacket& packet, int parity,
-                                                bool& counted) {
-    // The first reply of the minute only sets the pace.
-    if (!responderSeen[parity]) {
-        expectedResponderSeqNo[parity] = packet.getResponderSeqNo() + 1;
-        responderSeen[parity] = true;
-        return 0;
-    }
-    return trackSequence(
-        packet.getResponderSeqNo(), expectedResponderSeqNo[parity], missingResponderSeqNos[parity],
-        {record.at(PmCounter::lostPktsRev, bin), record.at(PmCounter::latePktsRev, bin),
-         record.at(PmCounter::duplicatePktsRev, bin)},
-        0, packet.getReplyCount() == 1, counted);
-}
-
-void TwampTestSession::addHeaderFields(const OutstandingPacket& packet, int parity) {
-    dscpRev[parity].add(packet.getReplyDscp() & 0xffU);
-    // No packet arrives with TTL 0: a reflector that leaves its Sender TTL
-    // at 0, or a reply without a hop-limit item, tells nothing.
-    if (packet.getSenderTtl() != 0) {
-        ttlFwd[parity].add(packet.getSenderTtl());
-    }
-    if (packet.getReplyTtl() != 0) {
-        ttlRev[parity].add(packet.getReplyTtl());
-    }
-}
-
-void TwampTestSession::addDelaySamples(const OutstandingPacket& packet, int parity) {
-    const uint64_t t1Prime = packet.getT1Prime();
-    const uint64_t t2 = packet.getT2();
-    const uint64_t t3 = packet.getT3();
-    const uint64_t t4 = packet.getT4();
-    TRACE_PACKET_AS(
-        kUpdatePmMember,
-        "SenderSequenceNo: %u, ResponderSequenceNo: %u, StartOffset: %d, T1: %lx, T1Prime: %lx, "
-        "T2: %lx, T3: %lx, T4: %lx",
-        packet.getSenderSeqNo(), packet.getResponderSeqNo(), startOffset,
-        static_cast<unsigned long>(packet.getT1()), static_cast<unsigned long>(t1Prime),
-        static_cast<unsigned long>(t2), static_cast<unsigned long>(t3),
-        static_cast<unsigned long>(t4));
-    // The reflector's residence time T3 - T2 is taken out of the round trip.
-    delayRt[parity]->addSample(ntpToMicroseconds(t4 + t2 - t1Prime - t3));
-    // The two clocks need not agree: only the variation of one-way delays is used.
-    addIpdvSamples(packet.getSenderSeqNo(), ntpToSignedMicroseconds(t2 - t1Prime),
-                   ntpToSignedMicroseconds(t4 - t3), parity);
-}
-
-void TwampTestSession::addIpdvSamples(uint32_t senderSeqNo, int64_t forwardDelay,
-                                      int64_t reverseDelay, int parity) {
-    std::map<uint32_t, DelayPair>& history = ipdvHistory[parity];
-    history.emplace(senderSeqNo, DelayPair(forwardDelay, reverseDelay));
-    const auto previous = history.find(senderSeqNo - 1);
-    if (previous == history.end()) {
-        return;
-    }
-    const int64_t forwardVariation = forwardDelay - previous->second.first;
-    const int64_t reverseVariation = reverseDelay - previous->second.second;
-    // Only increases of delay are recorded.
-    if (forwardVariation >= 0) {
-        ipdvFwd[parity]->addSample(static_cast<uint64_t>(forwardVariation));
-    }
-    if (reverseVariation >= 0) {
-        ipdvRev[parity]->addSample(static_cast<uint64_t>(reverseVariation));
-    }
-    history.erase(previous);
-}
-
-const PmPeriodRecord* TwampTestSession::getPmCounters(bool completedIntervalOnly) {
-    struct timespec now;
-    if (!clock.getRealtime(&now)) {
-        const int error = errno;
-        TRACE_ERROR("Failed clock_gettime: errno %d - %s", error, strerror(error));
-        return nullptr;
-    }
-    const uint32_t minute = minuteOf(now);
-    const int current = recordIndexOf(minute);
-    const int previous = 1 - current;
-    if (completedIntervalOnly) {
-        return recordComplete[previous] != 0 ? &records[previous] : nullptr;
-    }
-    // In the first minute of an interval nothing of it is finished yet.
-    if (minute % kMinutesPerInterval == 0) {
-        return &records[previous];
-    }
-    return &records[current];
-}
-
-void TwampTestSession::setPendingPmReply(union itc_msg* reply) {
-    // Only one reply is held; an earlier one would be lost memory.
-    if (pendingPmReply != nullptr && pendingPmReply != reply) {
-        itc_free(&pendingPmReply);
-    }
-    pendingPmReply = reply;
-}
-
-int TwampTestSession::getActivePeriod() {
-    struct timespec now;
-    if (!clock.getRealtime(&now)) {
-        const int error = errno;
-        TRACE_ERROR("Failed clock_gettime: errno %d - %s", error, strerror(error));
-        return 0;
-    }
-    return static_cast<int>(minuteOf(now) % kMinutesPerInterval);
-}
-
-bool TwampTestSession::setDscp(int socket) {
-    const int tos = static_cast<int>(dscp << kDscpShift);
-    UdpSocket& udpSocket = TwampTestSessionController::getInstance()->getUdpSocket();
-    // The TOS belongs to the shared socket and stays set: a system call is
-    // needed only when the packet before left with another DSCP.
-    if (udpSocket.getAppliedTos() == tos) {
-        return true;
-    }
-    if (systemCalls.setsockopt(socket, IPPROTO_IP, IP_TOS, &tos, sizeof(tos)) != 0) {
-        const int error = errno;
-        udpSocket.setAppliedTos(-1);
-        TRACE_ERROR("Failed to set socket option IP_TOS: errno %d - %s", error, strerror(error));
-        return false;
-    }
-    udpSocket.setAppliedTos(tos);
-    return true;
-}
-
-struct sockaddr_storage TwampTestSession::getDstAddress() const {
-    return dstAddress;
+std::string TwampTestSession::getDescriptorFailure() const {
+    return descriptorFailure;
 }
 
 int TwampTestSession::resolveDestination() {
@@ -758,52 +372,6 @@ int TwampTestSession::resolveDestination() {
     systemCalls.freeaddrinfo(result);
     return 0;
 }
-
-void TwampTestSession::registerWithSocket() {
-    TwampTestSessionController::getInstance()->getUdpSocket().addMessageReceiver(
-        ReceiverKey(dstAddress), static_cast<MessageReceiver*>(this));
-    registeredWithSocket = true;
-}
-
-void TwampTestSession::removeFromSocket() {
-    if (!registeredWithSocket) {
-        return;
-    }
-    TwampTestSessionController::getInstance()->getUdpSocket().removeMessageReceiver(
-        ReceiverKey(dstAddress), static_cast<MessageReceiver*>(this));
-    registeredWithSocket = false;
-}
-
-#ifdef TWAMP_UNIT_TEST
-std::unique_ptr<OutstandingPacket> TwampTestSession::getOutstandingPacketForTest(int parity,
-                                                                                 uint32_t seqNo) {
-    SentPacket* sent = findSentPacket(parity, seqNo);
-    if (sent == nullptr) {
-        return nullptr;
-    }
-    auto packet = std::make_unique<OutstandingPacket>(seqNo, sent->t1);
-    packet->restore(sent->t1Prime, sent->replyCount);
-    return packet;
-}
-
-std::vector<uint32_t> TwampTestSession::getOutstandingSeqNosForTest(int parity) const {
-    std::vector<uint32_t> seqNos;
-    for (const uint32_t minute : outstanding.minutes()) {
-        const std::size_t count = outstanding.countOf(minute);
-        if (parityOf(minute) != parity || count == 0) {
-            continue;
-        }
-        const uint32_t last = outstanding.lastSeqNoOf(minute);
-        for (std::size_t index = 0; index < count; ++index) {
-            seqNos.push_back(static_cast<uint32_t>(last - (count - 1) + index));
-        }
-    }
-    std::sort(seqNos.begin(), seqNos.end());
-    return seqNos;
-}
-#endif
-
-// ---- Set-up ----
 
 void TwampTestSession::initPmStates() {
     // A failure is traced by the state itself; the session runs without percentiles.
@@ -841,6 +409,21 @@ bool TwampTestSession::createTimer() {
     return true;
 }
 
+void TwampTestSession::registerWithSocket() {
+    TwampTestSessionController::getInstance()->getUdpSocket().addMessageReceiver(
+        ReceiverKey(dstAddress), static_cast<MessageReceiver*>(this));
+    registeredWithSocket = true;
+}
+
+void TwampTestSession::removeFromSocket() {
+    if (!registeredWithSocket) {
+        return;
+    }
+    TwampTestSessionController::getInstance()->getUdpSocket().removeMessageReceiver(
+        ReceiverKey(dstAddress), static_cast<MessageReceiver*>(this));
+    registeredWithSocket = false;
+}
+
 bool TwampTestSession::writeInitialPadding() {
     OwampTestMessage message(packetBuffer.get(), static_cast<uint64_t>(packetSize));
     uint8_t* padding = nullptr;
@@ -868,7 +451,26 @@ bool TwampTestSession::generateRandomPayload(uint8_t* buffer, std::size_t length
     return false;
 }
 
-// ---- Packet timer ----
+std::set<int> TwampTestSession::getReadFds() const {
+    return readFds;
+}
+
+std::set<int> TwampTestSession::getWriteFds() const {
+    return {TwampTestSessionController::getInstance()->getUdpSocket().getSocketFd()};
+}
+
+bool TwampTestSession::handleOutput(int /*fd*/) {
+    return true;
+}
+
+// ---- Timer: the packet schedule and the start of each minute ----
+
+bool TwampTestSession::handleInput(int fd) {
+    if (fd == timerFd) {
+        return handlePacketTimer();
+    }
+    return true;
+}
 
 struct timespec TwampTestSession::packetInterval() const {
     struct timespec interval = {0, 0};
@@ -984,8 +586,6 @@ void TwampTestSession::runExpiry(const struct timespec& now) {
     }
 }
 
-// ---- Minutes ----
-
 void TwampTestSession::startMinute(uint32_t minute) {
     abandonStaleMinutes(minute);
     const int bin = static_cast<int>(minute % kMinutesPerInterval);
@@ -1046,6 +646,472 @@ void TwampTestSession::closeSkippedInterval(uint32_t interval) {
     recordComplete[previous] = 1;
 }
 
+// ---- Send: one test packet on the shared socket ----
+
+void TwampTestSession::sendMessage(const struct timespec& now) {
+    const uint64_t t1 = toNtpTimestamp(now);
+    OwampTestMessage message(packetBuffer.get(), static_cast<uint64_t>(packetSize));
+    message.setSequenceNumber(sequenceNumber);
+    message.setTimestamp(t1);
+    message.setErrorEstimate();
+    uint8_t randomByte = 0;
+    if (!readRandomByte(randomByte)) {
+        return;
+    }
+    varyPadding(randomByte);
+    prepareMessageHeader();
+    UdpSocket& udpSocket = TwampTestSessionController::getInstance()->getUdpSocket();
+    const int socket = udpSocket.getSocketFd();
+    applySendOptions(socket, udpSocket.getFamily());
+    const ssize_t sent = systemCalls.sendmsg(socket, &messageHeader, 0);
+    bookSendResult(sent, now, t1);
+}
+
+bool TwampTestSession::readRandomByte(uint8_t& randomByte) {
+    RandomFd& randomFd = TwampTestSessionController::getInstance()->getRandomFd();
+    if (randomFd.getFd() == -1) {
+        TRACE_ERROR_AS(kSendMessage, "Failed to set packet padding: /dev/urandom not open");
+        return false;
+    }
+    const ssize_t count =
+        randomFd.takeByte(randomByte, [this](int fd, void* buffer, std::size_t length) {
+            return systemCalls.read(fd, buffer, length);
+        });
+    if (count == -1) {
+        const int error = errno;
+        TRACE_ERROR_AS(kSendMessage, "Failed to set packet padding: errno %d - %s", error,
+                       strerror(error));
+        return false;
+    }
+    if (count != 1) {
+        TRACE_ERROR_AS(kSendMessage,
+                       "Failed to set packet padding, expected %zu bytes, sent %zu bytes",
+                       static_cast<std::size_t>(1), static_cast<std::size_t>(count));
+        return false;
+    }
+    return true;
+}
+
+void TwampTestSession::varyPadding(uint8_t randomByte) {
+    // One random byte per packet; the XORs accumulate over the packets.
+    for (int64_t index = OwampTestMessage::kPaddingOffset; index < packetSize; ++index) {
+        packetBuffer[index] ^= randomByte;
+    }
+}
+
+void TwampTestSession::prepareMessageHeader() {
+    std::memset(controlBuffer, 0, sizeof(controlBuffer));
+    ioVector.iov_base = packetBuffer.get();
+    ioVector.iov_len = static_cast<std::size_t>(packetSize);
+    messageHeader.msg_name = &dstAddress;
+    messageHeader.msg_namelen = dstAddressLength;
+    messageHeader.msg_iov = &ioVector;
+    messageHeader.msg_iovlen = 1;
+    messageHeader.msg_control = controlBuffer;
+    messageHeader.msg_controllen = 0;
+    messageHeader.msg_flags = 0;
+}
+
+void TwampTestSession::applySendOptions(int socket, int family) {
+    if (family == AF_INET) {
+        // The option belongs to the shared socket, so it is set before every packet.
+        setDscp(socket);
+        return;
+    }
+    if (family != AF_INET6) {
+        return;
+    }
+    const int trafficClass = static_cast<int>(dscp << kDscpShift);
+    const int hopLimit = kIpv6HopLimit;
+    messageHeader.msg_controllen = kIpv6ControlLength;
+    setAncillaryData(&messageHeader, IPPROTO_IPV6, IPV6_TCLASS, &trafficClass,
+                     sizeof(trafficClass));
+    setAncillaryData(&messageHeader, IPPROTO_IPV6, IPV6_HOPLIMIT, &hopLimit, sizeof(hopLimit));
+}
+
+bool TwampTestSession::setDscp(int socket) {
+    const int tos = static_cast<int>(dscp << kDscpShift);
+    UdpSocket& udpSocket = TwampTestSessionController::getInstance()->getUdpSocket();
+    // The TOS belongs to the shared socket and stays set: a system call is
+    // needed only when the packet before left with another DSCP.
+    if (udpSocket.getAppliedTos() == tos) {
+        return true;
+    }
+    if (systemCalls.setsockopt(socket, IPPROTO_IP, IP_TOS, &tos, sizeof(tos)) != 0) {
+        const int error = errno;
+        udpSocket.setAppliedTos(-1);
+        TRACE_ERROR("Failed to set socket option IP_TOS: errno %d - %s", error, strerror(error));
+        return false;
+    }
+    udpSocket.setAppliedTos(tos);
+    return true;
+}
+
+void TwampTestSession::bookSendResult(ssize_t sent, const struct timespec& now, uint64_t t1) {
+    if (sent == packetSize) {
+        bookSentPacket(sent, now, t1);
+        return;
+    }
+    if (sent != -1) {
+        TRACE_LAB_AS(kSendMessage, "Partial/failed sendmsg, expected %zu bytes, sent %zu bytes",
+                     static_cast<std::size_t>(packetSize), static_cast<std::size_t>(sent));
+        lastSendErrno = 0;
+        ++sendFailedCount;
+        lastSendResult = sent;
+        return;
+    }
+    bookSendFailure();
+}
+
+void TwampTestSession::bookSentPacket(ssize_t sent, const struct timespec& now, uint64_t t1) {
+    ++sentOkCount;
+    lastSendResult = sent;
+    const uint32_t minute = minuteOf(now);
+    // A number still outstanding after the sequence number wrapped keeps its
+    // packet; the new one is not stored.
+    outstanding.add(sequenceNumber, t1, minute);
+    ++sequenceNumber;
+    records[recordIndexOf(minute)].at(PmCounter::sentPkts,
+                                      static_cast<int>(minute % kMinutesPerInterval)) += 1;
+}
+
+void TwampTestSession::bookSendFailure() {
+    const int error = errno;
+    // A failure repeating the previous one is counted but not traced again.
+    if (lastSendResult != -1 || lastSendErrno != error) {
+        TRACE_LAB_AS(kSendMessage, "Failed sendmsg: errno %d - %s", error, strerror(error));
+    }
+    lastSendErrno = error;
+    ++sendFailedCount;
+    lastSendResult = -1;
+}
+
+// ---- Receive: a reply or a transmit timestamp finds its packet ----
+
+// Several sessions may share one reflector address; the socket asks each
+// which reply is its own. The sequence number alone is not enough (every
+// session counts from 0), the T1 it was sent at tells them apart.
+bool TwampTestSession::ownsMessage(const struct msghdr* msg) const {
+    if (msg == nullptr || msg->msg_iov == nullptr || msg->msg_iovlen < 1 ||
+        msg->msg_iov[0].iov_len < TwampTestMessage::kPaddingOffset) {
+        return false;
+    }
+    const TwampTestMessage reply(static_cast<uint8_t*>(msg->msg_iov[0].iov_base),
+                                 msg->msg_iov[0].iov_len);
+    return isOutstanding(reply.getSenderSequenceNumber(), reply.getSenderTimestamp());
+}
+
+bool TwampTestSession::ownsErrQueueMessage(const struct msghdr* msg, ssize_t length) const {
+    if (msg == nullptr || msg->msg_iov == nullptr || msg->msg_iovlen < 1 || length < 0) {
+        return false;
+    }
+    const auto frameLength = static_cast<std::size_t>(length);
+    auto* frame = static_cast<uint8_t*>(msg->msg_iov[0].iov_base);
+    const int family = TwampTestSessionController::getInstance()->getUdpSocket().getFamily();
+    const std::size_t headerLength = getLoopedFrameHeaderLength(frame, frameLength, family);
+    if (frameLength < headerLength + OwampTestMessage::kErrorEstimateOffset) {
+        return false;
+    }
+    const OwampTestMessage sent(frame + headerLength, frameLength - headerLength);
+    return isOutstanding(sent.getSequenceNumber(), sent.getTimestamp());
+}
+
+// Packet seqNo sent at t1 is outstanding here.
+bool TwampTestSession::isOutstanding(uint32_t seqNo, uint64_t t1) const {
+    const SentPacket* sent = outstanding.find(seqNo);
+    return sent != nullptr && sent->t1 == t1;
+}
+
+void TwampTestSession::receiveMessage(struct msghdr* msg) {
+    if (msg == nullptr || msg->msg_iov == nullptr || msg->msg_iovlen < 1) {
+        return;
+    }
+    const struct iovec& payload = msg->msg_iov[0];
+    // The socket hands over exactly the received datagram: the fields of a
+    // shorter reply would be read from the previous datagram's bytes.
+    if (payload.iov_len < TwampTestMessage::kPaddingOffset) {
+        TRACE_LAB("Response packet of %zu bytes is too short and thus discarded", payload.iov_len);
+        return;
+    }
+    TwampTestMessage message(static_cast<uint8_t*>(payload.iov_base), payload.iov_len);
+    const uint64_t echoedT1 = message.getSenderTimestamp();
+    const uint32_t seqNo = message.getSenderSequenceNumber();
+    SentPacket* sent = findSentPacket(parityOf(minuteOfNtp(echoedT1)), seqNo);
+    if (sent == nullptr) {
+        TRACE_LAB("No outstanding packet found for seqNum: %u ", seqNo);
+        return;
+    }
+    // A reply must echo the send time of the packet it answers; one that
+    // does not cannot be placed in any minute.
+    if (sent->t1 != echoedT1) {
+        TRACE_LAB("Response sender timestamp %lx differs from %lx sent, seqNum: %u ",
+                  static_cast<unsigned long>(echoedT1), static_cast<unsigned long>(sent->t1),
+                  seqNo);
+        return;
+    }
+    auto packet = std::make_unique<OutstandingPacket>(seqNo, sent->t1);
+    packet->setResponse(msg, TwampTestSessionController::getInstance()->getSocketHelper());
+    if (sent->t1Prime == 0) {
+        TRACE_LAB("Received response packet, but TX timestamp unknown, seqNum: %u ", seqNo);
+        outstanding.holdReply(std::move(packet));
+        return;
+    }
+    analyzeReply(*packet, *sent);
+}
+
+void TwampTestSession::receiveErrQueueMessage(struct msghdr* msg, ssize_t length) {
+    if (msg == nullptr || msg->msg_iov == nullptr || msg->msg_iovlen < 1 || length < 0) {
+        return;
+    }
+    const auto frameLength = static_cast<std::size_t>(length);
+    const auto* frame = static_cast<uint8_t*>(msg->msg_iov[0].iov_base);
+    const int family = TwampTestSessionController::getInstance()->getUdpSocket().getFamily();
+    const std::size_t headerLength = getLoopedFrameHeaderLength(frame, frameLength, family);
+    // Sequence Number and Timestamp must lie inside the looped-back frame.
+    if (frameLength < headerLength + OwampTestMessage::kErrorEstimateOffset) {
+        TRACE_LAB("Looped-back frame of %zu bytes is too short and thus discarded", frameLength);
+        return;
+    }
+    OwampTestMessage message(const_cast<uint8_t*>(frame) + headerLength,
+                             frameLength - headerLength);
+    const uint64_t t1 = message.getTimestamp();
+    const uint32_t seqNo = message.getSequenceNumber();
+    SentPacket* sent = findSentPacket(parityOf(minuteOfNtp(t1)), seqNo);
+    if (sent == nullptr || sent->t1 != t1) {
+        TRACE_LAB("No outstanding packet found for seqNum: %u ", seqNo);
+        return;
+    }
+    const std::vector<OutstandingPacket*> held = outstanding.heldReplies(seqNo);
+    if (held.empty() && sent->replyCount != 0 && sent->t1Prime != 0) {
+        // The packet was answered and analysed already: a second timestamp
+        // would count its reply twice.
+        TRACE_LAB("Repeated TX Timestamp ignored, seqNum: %u ", seqNo);
+        return;
+    }
+    sent->t1Prime = getTxTimestamp(msg);
+    // The usual order: the timestamp came before the reply. A held reply
+    // without a receive timestamp is never analysed.
+    const auto received = [](const OutstandingPacket* reply) { return reply->getT4() != 0; };
+    if (std::none_of(held.begin(), held.end(), received)) {
+        return;
+    }
+    TRACE_LAB("Got late TX Timestamp, seqNum: %u ", seqNo);
+    // Every copy that came meanwhile is analysed in the order it came: the
+    // first one gives the delays, the others are duplicates.
+    for (OutstandingPacket* reply : held) {
+        if (received(reply)) {
+            analyzeReply(*reply, *sent);
+        }
+    }
+    outstanding.releaseReplies(seqNo);
+}
+
+SentPacket* TwampTestSession::findSentPacket(int parity, uint32_t seqNo) {
+    SentPacket* sent = outstanding.find(seqNo);
+    // Each minute parity keeps its own packets: a number found under the
+    // other parity is not this packet.
+    if (sent == nullptr || parityOf(sent->minute) != parity) {
+        return nullptr;
+    }
+    return sent;
+}
+
+// ---- Analyse: a matched packet becomes samples and counts of its minute ----
+
+void TwampTestSession::analyzeReply(OutstandingPacket& reply, const SentPacket& sent) {
+    // The reply counts, as the packet's next one, only when it came within
+    // 4 s of the transmit timestamp: a later copy is discarded by analyzePM
+    // and is neither a received packet nor a duplicate.
+    reply.restore(sent.t1Prime, sent.replyCount + 1);
+    if (reply.getT4() - sent.t1Prime <= kRoundTripLimit) {
+        outstanding.countReply(reply.getSenderSeqNo());
+    }
+    const uint32_t minute = sent.minute;
+    analyzePM(reply, recordIndexOf(minute), static_cast<int>(minute % kMinutesPerInterval),
+              parityOf(minute));
+}
+
+void TwampTestSession::analyzePM(const OutstandingPacket& packet, int recordIndex, int bin,
+                                 int parity) {
+    const uint64_t roundTrip = packet.getT4() - packet.getT1Prime();
+    if (roundTrip <= kRoundTripLimit) {
+        updatePmMember(records[recordIndex], bin, packet, parity);
+        return;
+    }
+    TRACE_LAB(
+        "Packet not received within the time limit (4s) and thus discarded. Round-trip sec "
+        "part = %u. StartOffset: %d. Packet data: SenderSequenceNo: %u, ResponderSequenceNo: "
+        "%u, T1: %lx, T1Prime: %lx, T2: %lx, T3: %lx, T4: %lx",
+        static_cast<uint32_t>(roundTrip >> 32), startOffset, packet.getSenderSeqNo(),
+        packet.getResponderSeqNo(), static_cast<unsigned long>(packet.getT1()),
+        static_cast<unsigned long>(packet.getT1Prime()), static_cast<unsigned long>(packet.getT2()),
+        static_cast<unsigned long>(packet.getT3()), static_cast<unsigned long>(packet.getT4()));
+}
+
+void TwampTestSession::updatePmMember(PmPeriodRecord& record, int bin,
+                                      const OutstandingPacket& packet, int parity) {
+    record.at(PmCounter::receivedPkts, bin) += 1;
+    if (sequenceErrorFlag != 0) {
+        resynchroniseSequences(packet, parity);
+        return;
+    }
+    if (isSequenceBroken(packet, parity)) {
+        // The reflector restarted: sequence and delay accounting pause until
+        // the next minute start, and a minute still being finalised is void.
+        sequenceErrorFlag = 1;
+        resynchroniseSequences(packet, parity);
+        return;
+    }
+    bool counted = false;
+    uint32_t reverseGap = 0;
+    if (isResponderRenumbered(packet, parity)) {
+        // The new numbering is followed from here on; its replies are
+        // neither late nor duplicates.
+        expectedResponderSeqNo[parity] = packet.getResponderSeqNo() + 1;
+    } else {
+        reverseGap = trackReverseSequence(record, bin, packet, parity, counted);
+    }
+    if (reverseGap > 0 && packet.getResponderSeqNo() == packet.getSenderSeqNo()) {
+        reportStatelessReflector();
+    }
+    // A packet lost on the way back advanced the reflector's number: it is
+    // counted once, as reverse loss, not again as forward loss.
+    trackSequence(packet.getSenderSeqNo(), lastSenderSeqNo[parity], missingSenderSeqNos[parity],
+                  {record.at(PmCounter::lostPktsFwd, bin), record.at(PmCounter::latePktsFwd, bin),
+                   record.at(PmCounter::duplicatePktsFwd, bin)},
+                  reverseGap, packet.getReplyCount() == 1, counted);
+    // Only the first reply of a packet feeds delays and header fields.
+    if (packet.getReplyCount() != 1) {
+        return;
+    }
+    addHeaderFields(packet, parity);
+    if (packet.getT1Prime() == 0) {
+        return;
+    }
+    addDelaySamples(packet, parity);
+}
+
+bool TwampTestSession::isSequenceBroken(const OutstandingPacket& packet, int parity) const {
+    // The reflector's number went back while ours jumped ahead by more than
+    // 4 s worth of packets.
+    const auto senderJump = static_cast<int32_t>(packet.getSenderSeqNo() - lastSenderSeqNo[parity]);
+    // A number that went back no further than overtaking on the way out can
+    // take it is a packet that overtook others, also after a loss.
+    return responderWentBack(packet, parity) && senderJump > sequenceJumpLimit &&
+           wentBackBeyondOvertaking(expectedResponderSeqNo[parity], packet.getResponderSeqNo(),
+                                    packetsPerSecond);
+}
+
+bool TwampTestSession::isResponderRenumbered(const OutstandingPacket& packet, int parity) const {
+    // The reflector's number went back on the first reply to a packet sent
+    // in order: a reflector that restarted and numbers its replies from 0
+    // again after a pause too short to count as a restart. A late or
+    // repeated reply has gone back in both numbers.
+    const auto senderJump = static_cast<int32_t>(packet.getSenderSeqNo() - lastSenderSeqNo[parity]);
+    // A number listed missing is a late reply whose packet overtook another
+    // on the way out, not a new numbering; so is a number that went back no
+    // further than overtaking can take it (the minute's first reply may
+    // have been overtaken, before anything was listed missing).
+    return responderWentBack(packet, parity) && senderJump >= 0 && packet.getReplyCount() == 1 &&
+           !missingResponderSeqNos[parity].contains(packet.getResponderSeqNo()) &&
+           wentBackBeyondOvertaking(expectedResponderSeqNo[parity], packet.getResponderSeqNo(),
+                                    packetsPerSecond);
+}
+
+bool TwampTestSession::responderWentBack(const OutstandingPacket& packet, int parity) const {
+    const uint32_t expected = expectedResponderSeqNo[parity];
+    return responderSeen[parity] && static_cast<int32_t>(packet.getResponderSeqNo() - expected) < 0;
+}
+
+void TwampTestSession::resynchroniseSequences(const OutstandingPacket& packet, int parity) {
+    lastSenderSeqNo[parity] = packet.getSenderSeqNo() + 1;
+    expectedResponderSeqNo[parity] = packet.getResponderSeqNo() + 1;
+    responderSeen[parity] = true;
+}
+
+uint32_t TwampTestSession::trackReverseSequence(PmPeriodRecord& record, int bin,
+                                                const OutstandingPacket& packet, int parity,
+                                                bool& counted) {
+    // The first reply of the minute only sets the pace.
+    if (!responderSeen[parity]) {
+        expectedResponderSeqNo[parity] = packet.getResponderSeqNo() + 1;
+        responderSeen[parity] = true;
+        return 0;
+    }
+    return trackSequence(
+        packet.getResponderSeqNo(), expectedResponderSeqNo[parity], missingResponderSeqNos[parity],
+        {record.at(PmCounter::lostPktsRev, bin), record.at(PmCounter::latePktsRev, bin),
+         record.at(PmCounter::duplicatePktsRev, bin)},
+        0, packet.getReplyCount() == 1, counted);
+}
+
+void TwampTestSession::reportStatelessReflector() {
+    // A reflector that numbers its replies with the sender's number makes
+    // a packet lost on the way out look lost on the way back.
+    if (statelessReflectorReported) {
+        return;
+    }
+    statelessReflectorReported = true;
+    TRACE_INFO_AS(kUpdatePmMember,
+                  "Reflector of dstIpAddress %s, dstUdpPort %s numbers its replies with the "
+                  "sender sequence number: forward loss is counted as reverse loss",
+                  dstIpAddress.c_str(), dstUdpPort.c_str());
+}
+
+void TwampTestSession::addHeaderFields(const OutstandingPacket& packet, int parity) {
+    dscpRev[parity].add(packet.getReplyDscp() & 0xffU);
+    // No packet arrives with TTL 0: a reflector that leaves its Sender TTL
+    // at 0, or a reply without a hop-limit item, tells nothing.
+    if (packet.getSenderTtl() != 0) {
+        ttlFwd[parity].add(packet.getSenderTtl());
+    }
+    if (packet.getReplyTtl() != 0) {
+        ttlRev[parity].add(packet.getReplyTtl());
+    }
+}
+
+void TwampTestSession::addDelaySamples(const OutstandingPacket& packet, int parity) {
+    const uint64_t t1Prime = packet.getT1Prime();
+    const uint64_t t2 = packet.getT2();
+    const uint64_t t3 = packet.getT3();
+    const uint64_t t4 = packet.getT4();
+    TRACE_PACKET_AS(
+        kUpdatePmMember,
+        "SenderSequenceNo: %u, ResponderSequenceNo: %u, StartOffset: %d, T1: %lx, T1Prime: %lx, "
+        "T2: %lx, T3: %lx, T4: %lx",
+        packet.getSenderSeqNo(), packet.getResponderSeqNo(), startOffset,
+        static_cast<unsigned long>(packet.getT1()), static_cast<unsigned long>(t1Prime),
+        static_cast<unsigned long>(t2), static_cast<unsigned long>(t3),
+        static_cast<unsigned long>(t4));
+    // The reflector's residence time T3 - T2 is taken out of the round trip.
+    delayRt[parity]->addSample(ntpToMicroseconds(t4 + t2 - t1Prime - t3));
+    // The two clocks need not agree: only the variation of one-way delays is used.
+    addIpdvSamples(packet.getSenderSeqNo(), ntpToSignedMicroseconds(t2 - t1Prime),
+                   ntpToSignedMicroseconds(t4 - t3), parity);
+}
+
+void TwampTestSession::addIpdvSamples(uint32_t senderSeqNo, int64_t forwardDelay,
+                                      int64_t reverseDelay, int parity) {
+    std::map<uint32_t, DelayPair>& history = ipdvHistory[parity];
+    history.emplace(senderSeqNo, DelayPair(forwardDelay, reverseDelay));
+    const auto previous = history.find(senderSeqNo - 1);
+    if (previous == history.end()) {
+        return;
+    }
+    const int64_t forwardVariation = forwardDelay - previous->second.first;
+    const int64_t reverseVariation = reverseDelay - previous->second.second;
+    // Only increases of delay are recorded.
+    if (forwardVariation >= 0) {
+        ipdvFwd[parity]->addSample(static_cast<uint64_t>(forwardVariation));
+    }
+    if (reverseVariation >= 0) {
+        ipdvRev[parity]->addSample(static_cast<uint64_t>(reverseVariation));
+    }
+    history.erase(previous);
+}
+
+// ---- Finalise: 4 s after a minute ends its bin is written ----
+
 void TwampTestSession::minuteTick(uint32_t minute) {
     // The tick of minute n finalises minute n - 1.
     const uint32_t finished = minute - 1;
@@ -1096,62 +1162,6 @@ void TwampTestSession::finalizePmMember(PmPeriodRecord& record, int bin, int par
     if (!isBinConsistent(record, bin)) {
         declareMinuteUnaccountable(minute, "counts out of range");
     }
-}
-
-void TwampTestSession::declareMinuteUnaccountable(uint32_t minute, const char* reason) {
-    const int parity = parityOf(minute);
-    const int recordIndex = recordIndexOf(minute);
-    const int bin = static_cast<int>(minute % kMinutesPerInterval);
-    TRACE_LAB_AS(kFinalizePmMember,
-                 "Minute %u cannot be accounted (%s) for dstIpAddress %s, dstUdpPort %s so all "
-                 "counters of period %d are reset to -2",
-                 minute, reason, dstIpAddress.c_str(), dstUdpPort.c_str(), bin);
-    tn_log_internal_log(
-        kInvalidationLogSeverity, kTnNetworkLogMask, kOperatorLogUser,
-        tn_log_format("TwampTestSession: minute %u cannot be accounted (%s) for "
-                      "dstIpAddress %s, dstUdpPort %s so all counters of period "
-                      "%d are reset to -2",
-                      minute, reason, dstIpAddress.c_str(), dstUdpPort.c_str(), bin));
-    // Only a record that still holds the minute's interval has its bin.
-    if (recordInterval[recordIndex] == minute / kMinutesPerInterval) {
-        fillBin(records[recordIndex], bin, PmPeriodRecord::kNotAvailable);
-        if (bin == kMinutesPerInterval - 1) {
-            recordComplete[recordIndex] = 1;
-        }
-    }
-    if (minutePending[parity] != 0 && pendingMinute[parity] == minute) {
-        if (delayRt[parity] != nullptr && delayRt[parity]->getCount() > 0) {
-            drainPercentiles(parity);
-        }
-        resetPmStates(parity);
-        minutePending[parity] = 0;
-    }
-    deleteOutstandingPackets(minute);
-}
-
-bool TwampTestSession::isBinConsistent(const PmPeriodRecord& record, int bin) const {
-    const int64_t sent = record.at(PmCounter::sentPkts, bin);
-    const auto value = [&record, bin](PmCounter::Index counter) { return record.at(counter, bin); };
-    const auto available = [](int64_t count) { return count != PmPeriodRecord::kNotAvailable; };
-    for (PmCounter::Index counter : {PmCounter::lostPktsFwd, PmCounter::lostPktsRev,
-                                     PmCounter::latePktsFwd, PmCounter::latePktsRev}) {
-        if (available(value(counter)) && (value(counter) < 0 || value(counter) > sent)) {
-            return false;
-        }
-    }
-    const int64_t duplicates =
-        value(PmCounter::duplicatePktsFwd) + value(PmCounter::duplicatePktsRev);
-    if (value(PmCounter::duplicatePktsFwd) < 0 || value(PmCounter::duplicatePktsRev) < 0 ||
-        value(PmCounter::receivedPkts) < 0) {
-        return false;
-    }
-    int64_t accounted = value(PmCounter::receivedPkts);
-    for (PmCounter::Index counter : {PmCounter::lostPktsFwd, PmCounter::lostPktsRev}) {
-        if (available(value(counter))) {
-            accounted += value(counter);
-        }
-    }
-    return accounted <= sent + duplicates;
 }
 
 bool TwampTestSession::exceedsRoundTripBound(int parity) const {
@@ -1293,22 +1303,105 @@ void TwampTestSession::drainPercentiles(int parity) {
     }
 }
 
-void TwampTestSession::reportStatelessReflector() {
-    // A reflector that numbers its replies with the sender's number makes
-    // a packet lost on the way out look lost on the way back.
-    if (statelessReflectorReported) {
-        return;
-    }
-    statelessReflectorReported = true;
-    TRACE_INFO_AS(kUpdatePmMember,
-                  "Reflector of dstIpAddress %s, dstUdpPort %s numbers its replies with the "
-                  "sender sequence number: forward loss is counted as reverse loss",
-                  dstIpAddress.c_str(), dstUdpPort.c_str());
-}
-
 void TwampTestSession::deleteOutstandingPackets(uint32_t minute) {
     // A reply arriving later finds nothing to match.
     outstanding.dropMinute(minute);
+}
+
+bool TwampTestSession::isBinConsistent(const PmPeriodRecord& record, int bin) const {
+    const int64_t sent = record.at(PmCounter::sentPkts, bin);
+    const auto value = [&record, bin](PmCounter::Index counter) { return record.at(counter, bin); };
+    const auto available = [](int64_t count) { return count != PmPeriodRecord::kNotAvailable; };
+    for (PmCounter::Index counter : {PmCounter::lostPktsFwd, PmCounter::lostPktsRev,
+                                     PmCounter::latePktsFwd, PmCounter::latePktsRev}) {
+        if (available(value(counter)) && (value(counter) < 0 || value(counter) > sent)) {
+            return false;
+        }
+    }
+    const int64_t duplicates =
+        value(PmCounter::duplicatePktsFwd) + value(PmCounter::duplicatePktsRev);
+    if (value(PmCounter::duplicatePktsFwd) < 0 || value(PmCounter::duplicatePktsRev) < 0 ||
+        value(PmCounter::receivedPkts) < 0) {
+        return false;
+    }
+    int64_t accounted = value(PmCounter::receivedPkts);
+    for (PmCounter::Index counter : {PmCounter::lostPktsFwd, PmCounter::lostPktsRev}) {
+        if (available(value(counter))) {
+            accounted += value(counter);
+        }
+    }
+    return accounted <= sent + duplicates;
+}
+
+void TwampTestSession::declareMinuteUnaccountable(uint32_t minute, const char* reason) {
+    const int parity = parityOf(minute);
+    const int recordIndex = recordIndexOf(minute);
+    const int bin = static_cast<int>(minute % kMinutesPerInterval);
+    TRACE_LAB_AS(kFinalizePmMember,
+                 "Minute %u cannot be accounted (%s) for dstIpAddress %s, dstUdpPort %s so all "
+                 "counters of period %d are reset to -2",
+                 minute, reason, dstIpAddress.c_str(), dstUdpPort.c_str(), bin);
+    tn_log_internal_log(
+        kInvalidationLogSeverity, kTnNetworkLogMask, kOperatorLogUser,
+        tn_log_format("TwampTestSession: minute %u cannot be accounted (%s) for "
+                      "dstIpAddress %s, dstUdpPort %s so all counters of period "
+                      "%d are reset to -2",
+                      minute, reason, dstIpAddress.c_str(), dstUdpPort.c_str(), bin));
+    // Only a record that still holds the minute's interval has its bin.
+    if (recordInterval[recordIndex] == minute / kMinutesPerInterval) {
+        fillBin(records[recordIndex], bin, PmPeriodRecord::kNotAvailable);
+        if (bin == kMinutesPerInterval - 1) {
+            recordComplete[recordIndex] = 1;
+        }
+    }
+    if (minutePending[parity] != 0 && pendingMinute[parity] == minute) {
+        if (delayRt[parity] != nullptr && delayRt[parity]->getCount() > 0) {
+            drainPercentiles(parity);
+        }
+        resetPmStates(parity);
+        minutePending[parity] = 0;
+    }
+    deleteOutstandingPackets(minute);
+}
+
+// ---- Counters: what a manager's request reads ----
+
+const PmPeriodRecord* TwampTestSession::getPmCounters(bool completedIntervalOnly) {
+    struct timespec now;
+    if (!clock.getRealtime(&now)) {
+        const int error = errno;
+        TRACE_ERROR("Failed clock_gettime: errno %d - %s", error, strerror(error));
+        return nullptr;
+    }
+    const uint32_t minute = minuteOf(now);
+    const int current = recordIndexOf(minute);
+    const int previous = 1 - current;
+    if (completedIntervalOnly) {
+        return recordComplete[previous] != 0 ? &records[previous] : nullptr;
+    }
+    // In the first minute of an interval nothing of it is finished yet.
+    if (minute % kMinutesPerInterval == 0) {
+        return &records[previous];
+    }
+    return &records[current];
+}
+
+int TwampTestSession::getActivePeriod() {
+    struct timespec now;
+    if (!clock.getRealtime(&now)) {
+        const int error = errno;
+        TRACE_ERROR("Failed clock_gettime: errno %d - %s", error, strerror(error));
+        return 0;
+    }
+    return static_cast<int>(minuteOf(now) % kMinutesPerInterval);
+}
+
+void TwampTestSession::setPendingPmReply(union itc_msg* reply) {
+    // Only one reply is held; an earlier one would be lost memory.
+    if (pendingPmReply != nullptr && pendingPmReply != reply) {
+        itc_free(&pendingPmReply);
+    }
+    pendingPmReply = reply;
 }
 
 void TwampTestSession::sendPendingPmReply() {
@@ -1325,124 +1418,35 @@ void TwampTestSession::sendPendingPmReply() {
     dispatcher->sendPmCountersReply(this, reply);
 }
 
-// ---- Sending ----
-
-void TwampTestSession::sendMessage(const struct timespec& now) {
-    const uint64_t t1 = toNtpTimestamp(now);
-    OwampTestMessage message(packetBuffer.get(), static_cast<uint64_t>(packetSize));
-    message.setSequenceNumber(sequenceNumber);
-    message.setTimestamp(t1);
-    message.setErrorEstimate();
-    uint8_t randomByte = 0;
-    if (!readRandomByte(randomByte)) {
-        return;
-    }
-    varyPadding(randomByte);
-    prepareMessageHeader();
-    UdpSocket& udpSocket = TwampTestSessionController::getInstance()->getUdpSocket();
-    const int socket = udpSocket.getSocketFd();
-    applySendOptions(socket, udpSocket.getFamily());
-    const ssize_t sent = systemCalls.sendmsg(socket, &messageHeader, 0);
-    bookSendResult(sent, now, t1);
+struct sockaddr_storage TwampTestSession::getDstAddress() const {
+    return dstAddress;
 }
 
-bool TwampTestSession::readRandomByte(uint8_t& randomByte) {
-    RandomFd& randomFd = TwampTestSessionController::getInstance()->getRandomFd();
-    if (randomFd.getFd() == -1) {
-        TRACE_ERROR_AS(kSendMessage, "Failed to set packet padding: /dev/urandom not open");
-        return false;
+#ifdef TWAMP_UNIT_TEST
+std::unique_ptr<OutstandingPacket> TwampTestSession::getOutstandingPacketForTest(int parity,
+                                                                                 uint32_t seqNo) {
+    SentPacket* sent = findSentPacket(parity, seqNo);
+    if (sent == nullptr) {
+        return nullptr;
     }
-    const ssize_t count =
-        randomFd.takeByte(randomByte, [this](int fd, void* buffer, std::size_t length) {
-            return systemCalls.read(fd, buffer, length);
-        });
-    if (count == -1) {
-        const int error = errno;
-        TRACE_ERROR_AS(kSendMessage, "Failed to set packet padding: errno %d - %s", error,
-                       strerror(error));
-        return false;
-    }
-    if (count != 1) {
-        TRACE_ERROR_AS(kSendMessage,
-                       "Failed to set packet padding, expected %zu bytes, sent %zu bytes",
-                       static_cast<std::size_t>(1), static_cast<std::size_t>(count));
-        return false;
-    }
-    return true;
+    auto packet = std::make_unique<OutstandingPacket>(seqNo, sent->t1);
+    packet->restore(sent->t1Prime, sent->replyCount);
+    return packet;
 }
 
-void TwampTestSession::varyPadding(uint8_t randomByte) {
-    // One random byte per packet; the XORs accumulate over the packets.
-    for (int64_t index = OwampTestMessage::kPaddingOffset; index < packetSize; ++index) {
-        packetBuffer[index] ^= randomByte;
+std::vector<uint32_t> TwampTestSession::getOutstandingSeqNosForTest(int parity) const {
+    std::vector<uint32_t> seqNos;
+    for (const uint32_t minute : outstanding.minutes()) {
+        const std::size_t count = outstanding.countOf(minute);
+        if (parityOf(minute) != parity || count == 0) {
+            continue;
+        }
+        const uint32_t last = outstanding.lastSeqNoOf(minute);
+        for (std::size_t index = 0; index < count; ++index) {
+            seqNos.push_back(static_cast<uint32_t>(last - (count - 1) + index));
+        }
     }
+    std::sort(seqNos.begin(), seqNos.end());
+    return seqNos;
 }
-
-void TwampTestSession::prepareMessageHeader() {
-    std::memset(controlBuffer, 0, sizeof(controlBuffer));
-    ioVector.iov_base = packetBuffer.get();
-    ioVector.iov_len = static_cast<std::size_t>(packetSize);
-    messageHeader.msg_name = &dstAddress;
-    messageHeader.msg_namelen = dstAddressLength;
-    messageHeader.msg_iov = &ioVector;
-    messageHeader.msg_iovlen = 1;
-    messageHeader.msg_control = controlBuffer;
-    messageHeader.msg_controllen = 0;
-    messageHeader.msg_flags = 0;
-}
-
-void TwampTestSession::applySendOptions(int socket, int family) {
-    if (family == AF_INET) {
-        // The option belongs to the shared socket, so it is set before every packet.
-        setDscp(socket);
-        return;
-    }
-    if (family != AF_INET6) {
-        return;
-    }
-    const int trafficClass = static_cast<int>(dscp << kDscpShift);
-    const int hopLimit = kIpv6HopLimit;
-    messageHeader.msg_controllen = kIpv6ControlLength;
-    setAncillaryData(&messageHeader, IPPROTO_IPV6, IPV6_TCLASS, &trafficClass,
-                     sizeof(trafficClass));
-    setAncillaryData(&messageHeader, IPPROTO_IPV6, IPV6_HOPLIMIT, &hopLimit, sizeof(hopLimit));
-}
-
-void TwampTestSession::bookSendResult(ssize_t sent, const struct timespec& now, uint64_t t1) {
-    if (sent == packetSize) {
-        bookSentPacket(sent, now, t1);
-        return;
-    }
-    if (sent != -1) {
-        TRACE_LAB_AS(kSendMessage, "Partial/failed sendmsg, expected %zu bytes, sent %zu bytes",
-                     static_cast<std::size_t>(packetSize), static_cast<std::size_t>(sent));
-        lastSendErrno = 0;
-        ++sendFailedCount;
-        lastSendResult = sent;
-        return;
-    }
-    bookSendFailure();
-}
-
-void TwampTestSession::bookSentPacket(ssize_t sent, const struct timespec& now, uint64_t t1) {
-    ++sentOkCount;
-    lastSendResult = sent;
-    const uint32_t minute = minuteOf(now);
-    // A number still outstanding after the sequence number wrapped keeps its
-    // packet; the new one is not stored.
-    outstanding.add(sequenceNumber, t1, minute);
-    ++sequenceNumber;
-    records[recordIndexOf(minute)].at(PmCounter::sentPkts,
-                                      static_cast<int>(minute % kMinutesPerInterval)) += 1;
-}
-
-void TwampTestSession::bookSendFailure() {
-    const int error = errno;
-    // A failure repeating the previous one is counted but not traced again.
-    if (lastSendResult != -1 || lastSendErrno != error) {
-        TRACE_LAB_AS(kSendMessage, "Failed sendmsg: errno %d - %s", error, strerror(error));
-    }
-    lastSendErrno = error;
-    ++sendFailedCount;
-    lastSendResult = -1;
-}
+#endif
