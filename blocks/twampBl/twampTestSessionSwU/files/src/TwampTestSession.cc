@@ -12,6 +12,7 @@
 
 #include "IoMultiplexer.h"
 #include "ItcDispatcher.h"
+#include "MinuteArithmetic.h"
 #include "NtpTimestamp.h"
 #include "OwampTestMessage.h"
 #include "RandomFd.h"
@@ -26,8 +27,6 @@
 
 namespace {
 
-constexpr uint32_t kSecondsPerMinute = 60;
-constexpr uint32_t kMinutesPerInterval = 15;
 constexpr int32_t kNanosecondsPerSecond = 1000000000;
 // Sessions are spread inside the first second of the minute by startOffset
 // times this factor; the base 5000 packs more offsets into that second.
@@ -136,28 +135,6 @@ const char* textOrEmpty(const char* text) {
     return text != nullptr ? text : "";
 }
 
-// The minute number of a wall-clock time, kept in 32 bits.
-uint32_t minuteOf(const struct timespec& now) {
-    return static_cast<uint32_t>(now.tv_sec / kSecondsPerMinute);
-}
-
-// Index of the period record of a minute: parity of its 15-minute interval.
-int recordIndexOf(uint32_t minute) {
-    return static_cast<int>((minute / kMinutesPerInterval) & 1);
-}
-
-// The wall-clock minute number of a 64-bit NTP timestamp (32 bits of
-// seconds). The seconds wrap on 2036-02-07 06:28:16 UTC; a clock that reads
-// after 1970 then puts them in the next NTP era. 2^32 s is no whole number
-// of minutes, so the minute is taken from POSIX seconds, not NTP ones.
-uint32_t minuteOfNtp(uint64_t ntpTimestamp) {
-    const uint64_t ntpSeconds = ntpTimestamp >> 32;
-    const uint64_t posixSeconds = ntpSeconds >= kNtpUnixEpochOffset
-                                      ? ntpSeconds - kNtpUnixEpochOffset
-                                      : ntpSeconds + (uint64_t{1} << 32) - kNtpUnixEpochOffset;
-    return static_cast<uint32_t>(posixSeconds / kSecondsPerMinute);
-}
-
 // An NTP time difference in microseconds.
 uint64_t ntpToMicroseconds(uint64_t ntpDifference) {
     return (ntpDifference * kMicrosecondsPerNtpNumerator) >> kMicrosecondsPerNtpShift;
@@ -232,11 +209,6 @@ constexpr const char* kHandlePacketTimer = "handlePacketTimer";
 constexpr const char* kSendMessage = "sendMessage";
 constexpr const char* kUpdatePmMember = "updatePmMember";
 constexpr const char* kFinalizePmMember = "finalizePmMember";
-
-// Parity of a minute number: selects the per-minute state and outstanding map.
-int parityOf(uint32_t minute) {
-    return static_cast<int>(minute & 1);
-}
 
 }  // namespace
 
@@ -588,7 +560,7 @@ void TwampTestSession::runExpiry(const struct timespec& now) {
 
 void TwampTestSession::startMinute(uint32_t minute) {
     abandonStaleMinutes(minute);
-    const int bin = static_cast<int>(minute % kMinutesPerInterval);
+    const int bin = binOf(minute);
     const int recordIndex = recordIndexOf(minute);
     const int parity = parityOf(minute);
     const uint32_t interval = minute / kMinutesPerInterval;
@@ -771,8 +743,7 @@ void TwampTestSession::bookSentPacket(ssize_t sent, const struct timespec& now, 
     // packet; the new one is not stored.
     outstanding.add(sequenceNumber, t1, minute);
     ++sequenceNumber;
-    records[recordIndexOf(minute)].at(PmCounter::sentPkts,
-                                      static_cast<int>(minute % kMinutesPerInterval)) += 1;
+    records[recordIndexOf(minute)].at(PmCounter::sentPkts, binOf(minute)) += 1;
 }
 
 void TwampTestSession::bookSendFailure() {
@@ -927,8 +898,7 @@ void TwampTestSession::analyzeReply(OutstandingPacket& reply, const SentPacket& 
         outstanding.countReply(reply.getSenderSeqNo());
     }
     const uint32_t minute = sent.minute;
-    analyzePM(reply, recordIndexOf(minute), static_cast<int>(minute % kMinutesPerInterval),
-              parityOf(minute));
+    analyzePM(reply, recordIndexOf(minute), binOf(minute), parityOf(minute));
 }
 
 void TwampTestSession::analyzePM(const OutstandingPacket& packet, int recordIndex, int bin,
@@ -1121,7 +1091,7 @@ void TwampTestSession::minuteTick(uint32_t minute) {
     if (minutePending[parity] != 0 &&
         (pendingMinuteStarted[parity] == 0 || pendingMinute[parity] == finished)) {
         const int recordIndex = recordIndexOf(minute);
-        const int bin = static_cast<int>(minute % kMinutesPerInterval);
+        const int bin = binOf(minute);
         if (bin == 0) {
             // The last minute of the previous interval completes its record.
             finalizePmMember(records[1 - recordIndex], kMinutesPerInterval - 1, parity, finished);
@@ -1336,7 +1306,7 @@ bool TwampTestSession::isBinConsistent(const PmPeriodRecord& record, int bin) co
 void TwampTestSession::declareMinuteUnaccountable(uint32_t minute, const char* reason) {
     const int parity = parityOf(minute);
     const int recordIndex = recordIndexOf(minute);
-    const int bin = static_cast<int>(minute % kMinutesPerInterval);
+    const int bin = binOf(minute);
     TRACE_LAB_AS(kFinalizePmMember,
                  "Minute %u cannot be accounted (%s) for dstIpAddress %s, dstUdpPort %s so all "
                  "counters of period %d are reset to -2",
@@ -1393,7 +1363,7 @@ int TwampTestSession::getActivePeriod() {
         TRACE_ERROR("Failed clock_gettime: errno %d - %s", error, strerror(error));
         return 0;
     }
-    return static_cast<int>(minuteOf(now) % kMinutesPerInterval);
+    return binOf(minuteOf(now));
 }
 
 void TwampTestSession::setPendingPmReply(union itc_msg* reply) {
