@@ -28,6 +28,7 @@
 #include "Clock.h"
 #include "IoHandler.h"
 #include "MessageReceiver.h"
+#include "MinMaxTracker.h"
 #include "MissingSequenceList.h"
 #include "OutstandingPacket.h"
 #include "OutstandingPacketStore.h"
@@ -224,25 +225,6 @@ class TwampTestSession : public IoHandler, public MessageReceiver {
     static constexpr int kParityCount = 2;
     static constexpr std::size_t kControlBufferSize = 256;
     static constexpr uint32_t kNoInterval = UINT32_MAX;
-
-    // Smallest and largest value of a one-byte header field over a minute.
-    struct MinMaxTracker {
-        uint64_t min = 0;
-        uint64_t max = 0;
-        uint64_t count = 0;
-        void clear() { *this = MinMaxTracker(); }
-        void add(uint64_t value) {
-            if (count == 0) {
-                min = value;
-                max = value;
-            } else if (value < min) {
-                min = value;
-            } else if (value > max) {
-                max = value;
-            }
-            ++count;
-        }
-    };
 
     // Forward and reverse delay of a packet, microseconds; negative when the
     // reflector's clock is behind the sender's by more than the delay.
