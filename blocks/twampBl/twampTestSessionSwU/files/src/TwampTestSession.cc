@@ -16,6 +16,7 @@
 #include "NtpTimestamp.h"
 #include "OwampTestMessage.h"
 #include "RandomFd.h"
+#include "SequenceTracker.h"
 #include "ReceiverKey.h"
 #include "SocketHelper.h"
 #include "TraceFacade.h"
@@ -101,28 +102,6 @@ std::size_t outstandingCapacityFor(int32_t packetsPerSecond) {
     return perMinute + perMinute / 15 + 16;
 }
 
-// The 8-bit sequence jump limit: four seconds of packets, truncated.
-uint8_t jumpLimitFor(uint32_t packetsPerSecond) {
-    return static_cast<uint8_t>(packetsPerSecond * 4);
-}
-
-// How far back a reflector number can lie when the packet overtook others
-// on the way to the reflector: the packets numbered between it and the
-// expected number reached the reflector while it was on its way, within
-// the 4 s a reply may take, and were sent at most 4 s before it. Eight
-// seconds of packets, at least eight packets.
-uint32_t overtakingWindowFor(int32_t packetsPerSecond) {
-    constexpr uint32_t kWindowSeconds = 8;
-    return kWindowSeconds * static_cast<uint32_t>(packetsPerSecond > 1 ? packetsPerSecond : 1);
-}
-
-// The reflector's number went back from the expected one by more than
-// overtaking on the way out can explain.
-bool wentBackBeyondOvertaking(uint32_t expected, uint32_t responderSeqNo,
-                              int32_t packetsPerSecond) {
-    return expected - responderSeqNo > overtakingWindowFor(packetsPerSecond);
-}
-
 // Sets every counter of one minute bin.
 void fillBin(PmPeriodRecord& record, int bin, int64_t value) {
     for (int counter = 0; counter < PmPeriodRecord::kCounterCount; ++counter) {
@@ -151,56 +130,6 @@ int64_t ntpToSignedMicroseconds(uint64_t ntpDifference) {
     const int64_t seconds =
         (static_cast<int64_t>(ntpDifference) - static_cast<int64_t>(fraction)) / kNtpSecond;
     return seconds * kMicrosecondsPerSecond + static_cast<int64_t>(ntpToMicroseconds(fraction));
-}
-
-// The sequence tracker of one direction of one minute.
-struct SequenceCounters {
-    int64_t& lost;
-    int64_t& late;
-    int64_t& duplicate;
-};
-
-// Books received sequence number seq against the expected one: a gap beyond
-// the allowance is counted lost and its numbers listed missing; an earlier
-// number is late when it was listed missing, otherwise a duplicate, unless
-// it is a packet's first reply: that one is no duplicate, its number went
-// back past where the minute's tracking of this direction began (the
-// minute's first reply may have overtaken it), and the other direction may
-// still find it missing. counted is shared by both directions of one
-// packet, so a packet adds at most one late or duplicate count. Returns the
-// number of packets newly counted lost.
-uint32_t trackSequence(uint32_t seq, uint32_t& expected, MissingSequenceList& missing,
-                       const SequenceCounters& counters, uint32_t allowance, bool firstReply,
-                       bool& counted) {
-    // Serial-number order, so that a number wrapping from 2^32 - 1 to 0
-    // inside a minute is a step forward.
-    if (static_cast<int32_t>(seq - expected) > 0) {
-        const uint32_t gap = seq - expected;
-        uint32_t newlyLost = 0;
-        if (static_cast<int32_t>(gap) > static_cast<int32_t>(allowance)) {
-            newlyLost = gap - allowance;
-            counters.lost += newlyLost;
-            missing.append(expected, newlyLost);
-        }
-        expected = seq + 1;
-        return newlyLost;
-    }
-    if (expected == seq) {
-        expected = seq + 1;
-        return 0;
-    }
-    if (counted) {
-        return 0;
-    }
-    if (missing.remove(seq)) {
-        counters.lost -= 1;
-        counters.late += 1;
-        counted = true;
-    } else if (!firstReply) {
-        counters.duplicate += 1;
-        counted = true;
-    }
-    return 0;
 }
 
 // Traces of the steps below name the operation they belong to.
@@ -271,7 +200,7 @@ TwampTestSession::TwampTestSession(const char* dstIpAddress, const char* dstUdpP
       spreadingBase(spreadingBase),
       dscp(dscp),
       outstanding(outstandingCapacityFor(static_cast<int32_t>(packetsPerSecond))),
-      sequenceJumpLimit(jumpLimitFor(packetsPerSecond)),
+      sequences(static_cast<int32_t>(packetsPerSecond)),
       clock(clock),
       systemCalls(systemCalls != nullptr ? *systemCalls : SessionSystemCalls::real()) {
     std::memset(controlBuffer, 0, sizeof(controlBuffer));
@@ -578,8 +507,6 @@ void TwampTestSession::startMinute(uint32_t minute) {
     dscpRev[parity].clear();
     ttlFwd[parity].clear();
     ttlRev[parity].clear();
-    missingSenderSeqNos[parity].clear();
-    missingResponderSeqNos[parity].clear();
     ipdvHistory[parity].clear();
     sequenceErrorFlag = 0;
     // A minute measured again after the wall clock was set back into its
@@ -588,9 +515,7 @@ void TwampTestSession::startMinute(uint32_t minute) {
     for (PmCounter::Index counter : kCountersZeroedAtMinuteStart) {
         records[recordIndex].at(counter, bin) = 0;
     }
-    expectedResponderSeqNo[parity] = 0;
-    responderSeen[parity] = false;
-    lastSenderSeqNo[parity] = sequenceNumber;
+    sequences.startMinute(parity, sequenceNumber);
 }
 
 void TwampTestSession::abandonStaleMinutes(uint32_t minute) {
@@ -921,35 +846,20 @@ void TwampTestSession::analyzePM(const OutstandingPacket& packet, int recordInde
 void TwampTestSession::updatePmMember(PmPeriodRecord& record, int bin,
                                       const OutstandingPacket& packet, int parity) {
     record.at(PmCounter::receivedPkts, bin) += 1;
+    const ReplyNumbers numbers{packet.getSenderSeqNo(), packet.getResponderSeqNo(),
+                               packet.getReplyCount() == 1};
     if (sequenceErrorFlag != 0) {
-        resynchroniseSequences(packet, parity);
+        sequences.resynchronise(numbers, parity);
         return;
     }
-    if (isSequenceBroken(packet, parity)) {
+    if (sequences.isBroken(numbers, parity)) {
         // The reflector restarted: sequence and delay accounting pause until
         // the next minute start, and a minute still being finalised is void.
         sequenceErrorFlag = 1;
-        resynchroniseSequences(packet, parity);
+        sequences.resynchronise(numbers, parity);
         return;
     }
-    bool counted = false;
-    uint32_t reverseGap = 0;
-    if (isResponderRenumbered(packet, parity)) {
-        // The new numbering is followed from here on; its replies are
-        // neither late nor duplicates.
-        expectedResponderSeqNo[parity] = packet.getResponderSeqNo() + 1;
-    } else {
-        reverseGap = trackReverseSequence(record, bin, packet, parity, counted);
-    }
-    if (reverseGap > 0 && packet.getResponderSeqNo() == packet.getSenderSeqNo()) {
-        reportStatelessReflector();
-    }
-    // A packet lost on the way back advanced the reflector's number: it is
-    // counted once, as reverse loss, not again as forward loss.
-    trackSequence(packet.getSenderSeqNo(), lastSenderSeqNo[parity], missingSenderSeqNos[parity],
-                  {record.at(PmCounter::lostPktsFwd, bin), record.at(PmCounter::latePktsFwd, bin),
-                   record.at(PmCounter::duplicatePktsFwd, bin)},
-                  reverseGap, packet.getReplyCount() == 1, counted);
+    countSequenceNumbers(record, bin, numbers, parity);
     // Only the first reply of a packet feeds delays and header fields.
     if (packet.getReplyCount() != 1) {
         return;
@@ -961,58 +871,29 @@ void TwampTestSession::updatePmMember(PmPeriodRecord& record, int bin,
     addDelaySamples(packet, parity);
 }
 
-bool TwampTestSession::isSequenceBroken(const OutstandingPacket& packet, int parity) const {
-    // The reflector's number went back while ours jumped ahead by more than
-    // 4 s worth of packets.
-    const auto senderJump = static_cast<int32_t>(packet.getSenderSeqNo() - lastSenderSeqNo[parity]);
-    // A number that went back no further than overtaking on the way out can
-    // take it is a packet that overtook others, also after a loss.
-    return responderWentBack(packet, parity) && senderJump > sequenceJumpLimit &&
-           wentBackBeyondOvertaking(expectedResponderSeqNo[parity], packet.getResponderSeqNo(),
-                                    packetsPerSecond);
-}
-
-bool TwampTestSession::isResponderRenumbered(const OutstandingPacket& packet, int parity) const {
-    // The reflector's number went back on the first reply to a packet sent
-    // in order: a reflector that restarted and numbers its replies from 0
-    // again after a pause too short to count as a restart. A late or
-    // repeated reply has gone back in both numbers.
-    const auto senderJump = static_cast<int32_t>(packet.getSenderSeqNo() - lastSenderSeqNo[parity]);
-    // A number listed missing is a late reply whose packet overtook another
-    // on the way out, not a new numbering; so is a number that went back no
-    // further than overtaking can take it (the minute's first reply may
-    // have been overtaken, before anything was listed missing).
-    return responderWentBack(packet, parity) && senderJump >= 0 && packet.getReplyCount() == 1 &&
-           !missingResponderSeqNos[parity].contains(packet.getResponderSeqNo()) &&
-           wentBackBeyondOvertaking(expectedResponderSeqNo[parity], packet.getResponderSeqNo(),
-                                    packetsPerSecond);
-}
-
-bool TwampTestSession::responderWentBack(const OutstandingPacket& packet, int parity) const {
-    const uint32_t expected = expectedResponderSeqNo[parity];
-    return responderSeen[parity] && static_cast<int32_t>(packet.getResponderSeqNo() - expected) < 0;
-}
-
-void TwampTestSession::resynchroniseSequences(const OutstandingPacket& packet, int parity) {
-    lastSenderSeqNo[parity] = packet.getSenderSeqNo() + 1;
-    expectedResponderSeqNo[parity] = packet.getResponderSeqNo() + 1;
-    responderSeen[parity] = true;
-}
-
-uint32_t TwampTestSession::trackReverseSequence(PmPeriodRecord& record, int bin,
-                                                const OutstandingPacket& packet, int parity,
-                                                bool& counted) {
-    // The first reply of the minute only sets the pace.
-    if (!responderSeen[parity]) {
-        expectedResponderSeqNo[parity] = packet.getResponderSeqNo() + 1;
-        responderSeen[parity] = true;
-        return 0;
+void TwampTestSession::countSequenceNumbers(PmPeriodRecord& record, int bin,
+                                            const ReplyNumbers& numbers, int parity) {
+    bool counted = false;
+    uint32_t reverseGap = 0;
+    if (sequences.isResponderRenumbered(numbers, parity)) {
+        sequences.followRenumbering(numbers, parity);
+    } else {
+        reverseGap = sequences.trackReverse(
+            numbers, parity,
+            {record.at(PmCounter::lostPktsRev, bin), record.at(PmCounter::latePktsRev, bin),
+             record.at(PmCounter::duplicatePktsRev, bin)},
+            counted);
     }
-    return trackSequence(
-        packet.getResponderSeqNo(), expectedResponderSeqNo[parity], missingResponderSeqNos[parity],
-        {record.at(PmCounter::lostPktsRev, bin), record.at(PmCounter::latePktsRev, bin),
-         record.at(PmCounter::duplicatePktsRev, bin)},
-        0, packet.getReplyCount() == 1, counted);
+    if (reverseGap > 0 && numbers.responderSeqNo == numbers.senderSeqNo) {
+        reportStatelessReflector();
+    }
+    // A packet lost on the way back advanced the reflector's number: it is
+    // counted once, as reverse loss, not again as forward loss.
+    sequences.trackForward(
+        numbers, parity,
+        {record.at(PmCounter::lostPktsFwd, bin), record.at(PmCounter::latePktsFwd, bin),
+         record.at(PmCounter::duplicatePktsFwd, bin)},
+        reverseGap, counted);
 }
 
 void TwampTestSession::reportStatelessReflector() {
@@ -1207,8 +1088,8 @@ void TwampTestSession::countUnansweredPackets(PmPeriodRecord& record, int bin, i
     }
     // The last packets sent, in the order they were sent.
     const uint32_t last = outstanding.lastSeqNoOf(minute);
-    missingSenderSeqNos[parity].append(static_cast<uint32_t>(last - (unanswered - 1)),
-                                       static_cast<uint64_t>(unanswered));
+    sequences.appendMissingForward(parity, static_cast<uint32_t>(last - (unanswered - 1)),
+                                   static_cast<uint64_t>(unanswered));
 }
 
 void TwampTestSession::writeLossPeriods(PmPeriodRecord& record, int bin, int parity) const {
@@ -1218,8 +1099,8 @@ void TwampTestSession::writeLossPeriods(PmPeriodRecord& record, int bin, int par
         packetsPerSecond != 0
             ? static_cast<int64_t>(kMillisecondsPerSecond / static_cast<uint32_t>(packetsPerSecond))
             : 1;
-    const LossRuns forward = missingSenderSeqNos[parity].runs();
-    const LossRuns reverse = missingResponderSeqNos[parity].runs();
+    const LossRuns forward = sequences.forwardRuns(parity);
+    const LossRuns reverse = sequences.reverseRuns(parity);
     record.at(PmCounter::lossPeriodsFwd, bin) = static_cast<int64_t>(forward.count);
     record.at(PmCounter::lossPeriodFwdMax, bin) =
         static_cast<int64_t>(forward.longest) * millisecondsPerPacket;

@@ -29,12 +29,12 @@
 #include "IoHandler.h"
 #include "MessageReceiver.h"
 #include "MinMaxTracker.h"
-#include "MissingSequenceList.h"
 #include "OutstandingPacket.h"
 #include "OutstandingPacketStore.h"
 #include "PmPeriodRecord.h"
 #include "PmState.h"
 #include "RealtimeClock.h"
+#include "SequenceTracker.h"
 
 union itc_msg;
 
@@ -172,22 +172,22 @@ class TwampTestSession : public IoHandler, public MessageReceiver {
         return minutePending[parity] != 0;
     }
     uint32_t getLastSenderSeqNoForTest(int parity) const {
-        return lastSenderSeqNo[parity];
+        return sequences.getLastSenderSeqNo(parity);
     }
     uint32_t getExpectedResponderSeqNoForTest(int parity) const {
-        return expectedResponderSeqNo[parity];
+        return sequences.getExpectedResponderSeqNo(parity);
     }
     std::vector<uint32_t> getMissingSenderSeqNosForTest(int parity) const {
-        return missingSenderSeqNos[parity].entries(UINT64_MAX);
+        return sequences.getMissingSenderSeqNos(parity);
     }
     std::vector<uint32_t> getMissingResponderSeqNosForTest(int parity) const {
-        return missingResponderSeqNos[parity].entries(UINT64_MAX);
+        return sequences.getMissingResponderSeqNos(parity);
     }
     bool getSequenceErrorFlagForTest() const {
         return sequenceErrorFlag != 0;
     }
     uint8_t getSequenceJumpLimitForTest() const {
-        return sequenceJumpLimit;
+        return sequences.getJumpLimit();
     }
     const PmState* getDelayRtForTest(int parity) const {
         return delayRt[parity].get();
@@ -247,12 +247,8 @@ class TwampTestSession : public IoHandler, public MessageReceiver {
     SentPacket* findSentPacket(int parity, uint32_t seqNo);
     void analyzeReply(OutstandingPacket& reply, const SentPacket& sent);
     bool isOutstanding(uint32_t seqNo, uint64_t t1) const;
-    bool isSequenceBroken(const OutstandingPacket& packet, int parity) const;
-    bool isResponderRenumbered(const OutstandingPacket& packet, int parity) const;
-    bool responderWentBack(const OutstandingPacket& packet, int parity) const;
-    void resynchroniseSequences(const OutstandingPacket& packet, int parity);
-    uint32_t trackReverseSequence(PmPeriodRecord& record, int bin, const OutstandingPacket& packet,
-                                  int parity, bool& counted);
+    void countSequenceNumbers(PmPeriodRecord& record, int bin, const ReplyNumbers& numbers,
+                              int parity);
     void addHeaderFields(const OutstandingPacket& packet, int parity);
     void addDelaySamples(const OutstandingPacket& packet, int parity);
     void addIpdvSamples(uint32_t senderSeqNo, int64_t forwardDelay, int64_t reverseDelay,
@@ -318,17 +314,10 @@ class TwampTestSession : public IoHandler, public MessageReceiver {
     MinMaxTracker dscpRev[kParityCount];
     MinMaxTracker ttlFwd[kParityCount];
     MinMaxTracker ttlRev[kParityCount];
-    MissingSequenceList missingSenderSeqNos[kParityCount];
-    MissingSequenceList missingResponderSeqNos[kParityCount];
     std::map<uint32_t, DelayPair> ipdvHistory[kParityCount];
-    uint32_t expectedResponderSeqNo[kParityCount] = {0, 0};
-    // A reply of the minute has set expectedResponderSeqNo. Not told by the
-    // number itself: after the reflector's 4294967295 the next expected is 0.
-    bool responderSeen[kParityCount] = {false, false};
-    uint32_t lastSenderSeqNo[kParityCount] = {0, 0};
     uint8_t minutePending[2] = {0, 0};
-    // Rates above 63 packets per second wrap: the limit is kept in 8 bits.
-    uint8_t sequenceJumpLimit;
+    // The sender and reflector numbers of each minute parity's replies.
+    SequenceTracker sequences;
     uint8_t sequenceErrorFlag = 0;
     // The minute each parity's pending state belongs to, and whether that
     // minute has started (the minute the timer is armed for has not).
