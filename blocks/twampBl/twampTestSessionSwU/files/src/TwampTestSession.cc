@@ -747,12 +747,10 @@ void TwampTestSession::receiveMessage(struct msghdr* msg) {
     }
     auto packet = std::make_unique<OutstandingPacket>(seqNo, sent->t1);
     packet->setResponse(msg, TwampTestSessionController::getInstance()->getSocketHelper());
-    if (sent->t1Prime == 0) {
+    if (!analyzeIfComplete(*packet, *sent, Arrival::reply)) {
         TRACE_LAB("Received response packet, but TX timestamp unknown, seqNum: %u ", seqNo);
         outstanding.holdReply(std::move(packet));
-        return;
     }
-    analyzeReply(*packet, *sent);
 }
 
 void TwampTestSession::receiveErrQueueMessage(struct msghdr* msg, ssize_t length) {
@@ -787,17 +785,17 @@ void TwampTestSession::receiveErrQueueMessage(struct msghdr* msg, ssize_t length
     sent->t1Prime = getTxTimestamp(msg);
     // The usual order: the timestamp came before the reply. A held reply
     // without a receive timestamp is never analysed.
-    const auto received = [](const OutstandingPacket* reply) { return reply->getT4() != 0; };
-    if (std::none_of(held.begin(), held.end(), received)) {
+    const auto complete = [sent](const OutstandingPacket* reply) {
+        return isComplete(*reply, *sent, Arrival::txTimestamp);
+    };
+    if (std::none_of(held.begin(), held.end(), complete)) {
         return;
     }
     TRACE_LAB("Got late TX Timestamp, seqNum: %u ", seqNo);
     // Every copy that came meanwhile is analysed in the order it came: the
     // first one gives the delays, the others are duplicates.
     for (OutstandingPacket* reply : held) {
-        if (received(reply)) {
-            analyzeReply(*reply, *sent);
-        }
+        analyzeIfComplete(*reply, *sent, Arrival::txTimestamp);
     }
     outstanding.releaseReplies(seqNo);
 }
@@ -813,6 +811,27 @@ SentPacket* TwampTestSession::findSentPacket(int parity, uint32_t seqNo) {
 }
 
 // ---- Analyse: a matched packet becomes samples and counts of its minute ----
+
+// A packet's measurement has two halves that arrive in either order: the
+// reply and the transmit timestamp. The half that has just arrived is taken
+// as it came (a transmit timestamp the kernel left out is analysed as 0);
+// the other half must be known already.
+bool TwampTestSession::isComplete(const OutstandingPacket& reply, const SentPacket& sent,
+                                  Arrival arrival) {
+    if (arrival == Arrival::reply) {
+        return sent.t1Prime != 0;
+    }
+    return reply.getT4() != 0;
+}
+
+bool TwampTestSession::analyzeIfComplete(OutstandingPacket& reply, const SentPacket& sent,
+                                         Arrival arrival) {
+    if (!isComplete(reply, sent, arrival)) {
+        return false;
+    }
+    analyzeReply(reply, sent);
+    return true;
+}
 
 void TwampTestSession::analyzeReply(OutstandingPacket& reply, const SentPacket& sent) {
     // The reply counts, as the packet's next one, only when it came within

@@ -226,6 +226,10 @@ class TwampTestSession : public IoHandler, public MessageReceiver {
     static constexpr std::size_t kControlBufferSize = 256;
     static constexpr uint32_t kNoInterval = UINT32_MAX;
 
+    // The half of a packet's measurement that has just arrived: the reply or
+    // the transmit timestamp.
+    enum class Arrival { reply, txTimestamp };
+
     // Forward and reverse delay of a packet, microseconds; negative when the
     // reflector's clock is behind the sender's by more than the delay.
     using DelayPair = std::pair<int64_t, int64_t>;
@@ -245,6 +249,9 @@ class TwampTestSession : public IoHandler, public MessageReceiver {
     void startMinute(uint32_t minute);
     void minuteTick(uint32_t minute);
     SentPacket* findSentPacket(int parity, uint32_t seqNo);
+    static bool isComplete(const OutstandingPacket& reply, const SentPacket& sent, Arrival arrival);
+    // Analyses reply once both halves are known; false while one is missing.
+    bool analyzeIfComplete(OutstandingPacket& reply, const SentPacket& sent, Arrival arrival);
     void analyzeReply(OutstandingPacket& reply, const SentPacket& sent);
     bool isOutstanding(uint32_t seqNo, uint64_t t1) const;
     void countSequenceNumbers(PmPeriodRecord& record, int bin, const ReplyNumbers& numbers,
