@@ -219,7 +219,7 @@ TwampTestSession::~TwampTestSession() {
     if (timerFd != -1) {
         systemCalls.close(timerFd);
     }
-    TwampTestSessionController::getInstance()->getIoMultiplexer().removeReadHandler(this);
+    controller().getIoMultiplexer().removeReadHandler(this);
     removeFromSocket();
     packetBuffer.reset();
     if (pendingPmReply != nullptr) {
@@ -241,7 +241,7 @@ bool TwampTestSession::init() {
     if (!createTimer()) {
         return false;
     }
-    if (!TwampTestSessionController::getInstance()->getIoMultiplexer().registerReadHandler(this)) {
+    if (!controller().getIoMultiplexer().registerReadHandler(this)) {
         descriptorFailure = "the event loop cannot watch its packet timer";
         return false;
     }
@@ -311,8 +311,7 @@ bool TwampTestSession::createTimer() {
 }
 
 void TwampTestSession::registerWithSocket() {
-    TwampTestSessionController::getInstance()->getUdpSocket().addMessageReceiver(
-        ReceiverKey(dstAddress), static_cast<MessageReceiver*>(this));
+    udpSocket().addMessageReceiver(ReceiverKey(dstAddress), static_cast<MessageReceiver*>(this));
     registeredWithSocket = true;
 }
 
@@ -320,8 +319,7 @@ void TwampTestSession::removeFromSocket() {
     if (!registeredWithSocket) {
         return;
     }
-    TwampTestSessionController::getInstance()->getUdpSocket().removeMessageReceiver(
-        ReceiverKey(dstAddress), static_cast<MessageReceiver*>(this));
+    udpSocket().removeMessageReceiver(ReceiverKey(dstAddress), static_cast<MessageReceiver*>(this));
     registeredWithSocket = false;
 }
 
@@ -333,7 +331,7 @@ bool TwampTestSession::writeInitialPadding() {
 }
 
 bool TwampTestSession::generateRandomPayload(uint8_t* buffer, std::size_t length) {
-    const int randomFd = TwampTestSessionController::getInstance()->getRandomFd().getFd();
+    const int randomFd = controller().getRandomFd().getFd();
     if (randomFd == -1) {
         TRACE_ERROR("Failed to set packet padding: /dev/urandom not open");
         return false;
@@ -357,11 +355,21 @@ std::set<int> TwampTestSession::getReadFds() const {
 }
 
 std::set<int> TwampTestSession::getWriteFds() const {
-    return {TwampTestSessionController::getInstance()->getUdpSocket().getSocketFd()};
+    return {udpSocket().getSocketFd()};
 }
 
 bool TwampTestSession::handleOutput(int /*fd*/) {
     return true;
+}
+
+// The session is created, run and deleted by the process-wide controller;
+// it asks the controller for the shared parts each time, never keeps them.
+TwampTestSessionControllerInterface& TwampTestSession::controller() {
+    return *TwampTestSessionController::getInstance();
+}
+
+UdpSocket& TwampTestSession::udpSocket() {
+    return controller().getUdpSocket();
 }
 
 // ---- Timer: the packet schedule and the start of each minute ----
@@ -557,15 +565,15 @@ void TwampTestSession::sendMessage(const struct timespec& now) {
     }
     varyPadding(randomByte);
     prepareMessageHeader();
-    UdpSocket& udpSocket = TwampTestSessionController::getInstance()->getUdpSocket();
-    const int socket = udpSocket.getSocketFd();
-    applySendOptions(socket, udpSocket.getFamily());
+    UdpSocket& sharedSocket = udpSocket();
+    const int socket = sharedSocket.getSocketFd();
+    applySendOptions(socket, sharedSocket.getFamily());
     const ssize_t sent = systemCalls.sendmsg(socket, &messageHeader, 0);
     bookSendResult(sent, now, t1);
 }
 
 bool TwampTestSession::readRandomByte(uint8_t& randomByte) {
-    RandomFd& randomFd = TwampTestSessionController::getInstance()->getRandomFd();
+    RandomFd& randomFd = controller().getRandomFd();
     if (randomFd.getFd() == -1) {
         TRACE_ERROR_AS(kSendMessage, "Failed to set packet padding: /dev/urandom not open");
         return false;
@@ -628,19 +636,19 @@ void TwampTestSession::applySendOptions(int socket, int family) {
 
 bool TwampTestSession::setDscp(int socket) {
     const int tos = static_cast<int>(dscp << kDscpShift);
-    UdpSocket& udpSocket = TwampTestSessionController::getInstance()->getUdpSocket();
+    UdpSocket& sharedSocket = udpSocket();
     // The TOS belongs to the shared socket and stays set: a system call is
     // needed only when the packet before left with another DSCP.
-    if (udpSocket.getAppliedTos() == tos) {
+    if (sharedSocket.getAppliedTos() == tos) {
         return true;
     }
     if (systemCalls.setsockopt(socket, IPPROTO_IP, IP_TOS, &tos, sizeof(tos)) != 0) {
         const int error = errno;
-        udpSocket.setAppliedTos(-1);
+        sharedSocket.setAppliedTos(-1);
         TRACE_ERROR("Failed to set socket option IP_TOS: errno %d - %s", error, strerror(error));
         return false;
     }
-    udpSocket.setAppliedTos(tos);
+    sharedSocket.setAppliedTos(tos);
     return true;
 }
 
@@ -703,7 +711,7 @@ bool TwampTestSession::ownsErrQueueMessage(const struct msghdr* msg, ssize_t len
     }
     const auto frameLength = static_cast<std::size_t>(length);
     auto* frame = static_cast<uint8_t*>(msg->msg_iov[0].iov_base);
-    const int family = TwampTestSessionController::getInstance()->getUdpSocket().getFamily();
+    const int family = udpSocket().getFamily();
     const std::size_t headerLength = getLoopedFrameHeaderLength(frame, frameLength, family);
     if (frameLength < headerLength + OwampTestMessage::kErrorEstimateOffset) {
         return false;
@@ -746,7 +754,7 @@ void TwampTestSession::receiveMessage(struct msghdr* msg) {
         return;
     }
     auto packet = std::make_unique<OutstandingPacket>(seqNo, sent->t1);
-    packet->setResponse(msg, TwampTestSessionController::getInstance()->getSocketHelper());
+    packet->setResponse(msg, controller().getSocketHelper());
     if (!analyzeIfComplete(*packet, *sent, Arrival::reply)) {
         TRACE_LAB("Received response packet, but TX timestamp unknown, seqNum: %u ", seqNo);
         outstanding.holdReply(std::move(packet));
@@ -759,7 +767,7 @@ void TwampTestSession::receiveErrQueueMessage(struct msghdr* msg, ssize_t length
     }
     const auto frameLength = static_cast<std::size_t>(length);
     const auto* frame = static_cast<uint8_t*>(msg->msg_iov[0].iov_base);
-    const int family = TwampTestSessionController::getInstance()->getUdpSocket().getFamily();
+    const int family = udpSocket().getFamily();
     const std::size_t headerLength = getLoopedFrameHeaderLength(frame, frameLength, family);
     // Sequence Number and Timestamp must lie inside the looped-back frame.
     if (frameLength < headerLength + OwampTestMessage::kErrorEstimateOffset) {
@@ -1136,9 +1144,9 @@ void TwampTestSession::invalidateMinute(PmPeriodRecord& record, int bin, int par
     const uint64_t delayRtMax = delayRt[parity]->getMax();
     const uint64_t ipdvFwdMax = ipdvFwd[parity]->getMax();
     const uint64_t ipdvRevMax = ipdvRev[parity]->getMax();
-    UdpSocket& udpSocket = TwampTestSessionController::getInstance()->getUdpSocket();
-    const char* srcIpAddress = textOrEmpty(udpSocket.getSrcIpAddress());
-    const char* srcUdpPort = textOrEmpty(udpSocket.getSrcUdpPort());
+    UdpSocket& sharedSocket = udpSocket();
+    const char* srcIpAddress = textOrEmpty(sharedSocket.getSrcIpAddress());
+    const char* srcUdpPort = textOrEmpty(sharedSocket.getSrcUdpPort());
     TRACE_LAB_AS(
         kFinalizePmMember,
         "delayRtMax %lu or ipdvFwdMax %lu or ipdvRevMax %lu are larger than 4s for period %d for "
@@ -1278,7 +1286,7 @@ void TwampTestSession::sendPendingPmReply() {
     if (pendingPmReply == nullptr) {
         return;
     }
-    ItcDispatcher* dispatcher = TwampTestSessionController::getInstance()->getItcDispatcher();
+    ItcDispatcher* dispatcher = controller().getItcDispatcher();
     if (dispatcher == nullptr) {
         // Kept, and freed with the session.
         return;

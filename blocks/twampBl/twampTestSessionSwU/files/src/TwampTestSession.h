@@ -36,6 +36,8 @@
 #include "RealtimeClock.h"
 #include "SequenceTracker.h"
 
+class TwampTestSessionControllerInterface;
+class UdpSocket;
 union itc_msg;
 
 // The system calls of a session's timer, send path and address resolution.
@@ -234,6 +236,10 @@ class TwampTestSession : public IoHandler, public MessageReceiver {
     // reflector's clock is behind the sender's by more than the delay.
     using DelayPair = std::pair<int64_t, int64_t>;
 
+    // The process-wide controller, owner of the parts sessions share.
+    static TwampTestSessionControllerInterface& controller();
+    // The UDP socket shared by all sessions.
+    static UdpSocket& udpSocket();
     // Resolves the destination into dstAddress; 0 or the getaddrinfo error.
     int resolveDestination();
     void registerWithSocket();
