@@ -1299,32 +1299,3 @@ void TwampTestSession::sendPendingPmReply() {
 struct sockaddr_storage TwampTestSession::getDstAddress() const {
     return dstAddress;
 }
-
-#ifdef TWAMP_UNIT_TEST
-std::unique_ptr<OutstandingPacket> TwampTestSession::getOutstandingPacketForTest(int parity,
-                                                                                 uint32_t seqNo) {
-    SentPacket* sent = findSentPacket(parity, seqNo);
-    if (sent == nullptr) {
-        return nullptr;
-    }
-    auto packet = std::make_unique<OutstandingPacket>(seqNo, sent->t1);
-    packet->restore(sent->t1Prime, sent->replyCount);
-    return packet;
-}
-
-std::vector<uint32_t> TwampTestSession::getOutstandingSeqNosForTest(int parity) const {
-    std::vector<uint32_t> seqNos;
-    for (const uint32_t minute : outstanding.minutes()) {
-        const std::size_t count = outstanding.countOf(minute);
-        if (parityOf(minute) != parity || count == 0) {
-            continue;
-        }
-        const uint32_t last = outstanding.lastSeqNoOf(minute);
-        for (std::size_t index = 0; index < count; ++index) {
-            seqNos.push_back(static_cast<uint32_t>(last - (count - 1) + index));
-        }
-    }
-    std::sort(seqNos.begin(), seqNos.end());
-    return seqNos;
-}
-#endif

@@ -140,89 +140,10 @@ class TwampTestSession : public IoHandler, public MessageReceiver {
     // Fills length bytes with random bytes; true on success.
     bool generateRandomPayload(uint8_t* buffer, std::size_t length);
 
-#ifdef TWAMP_UNIT_TEST
-    uint64_t getSentOkCountForTest() const {
-        return sentOkCount;
-    }
-    uint64_t getSendFailedCountForTest() const {
-        return sendFailedCount;
-    }
-    uint64_t getTimerOverrunsForTest() const {
-        return timerOverruns;
-    }
-    int64_t getLastSendErrnoForTest() const {
-        return lastSendErrno;
-    }
-    uint32_t getSequenceNumberForTest() const {
-        return sequenceNumber;
-    }
-    void setSequenceNumberForTest(uint32_t next) {
-        sequenceNumber = next;
-    }
-    int getTimerFdForTest() const {
-        return timerFd;
-    }
-    // The outstanding packets of a minute parity, by sequence number.
-    std::vector<uint32_t> getOutstandingSeqNosForTest(int parity) const;
-    const PmPeriodRecord& getRecordForTest(int index) const {
-        return records[index];
-    }
-    bool isRecordCompleteForTest(int index) const {
-        return recordComplete[index] != 0;
-    }
-    bool isMinutePendingForTest(int parity) const {
-        return minutePending[parity] != 0;
-    }
-    uint32_t getLastSenderSeqNoForTest(int parity) const {
-        return sequences.getLastSenderSeqNo(parity);
-    }
-    uint32_t getExpectedResponderSeqNoForTest(int parity) const {
-        return sequences.getExpectedResponderSeqNo(parity);
-    }
-    std::vector<uint32_t> getMissingSenderSeqNosForTest(int parity) const {
-        return sequences.getMissingSenderSeqNos(parity);
-    }
-    std::vector<uint32_t> getMissingResponderSeqNosForTest(int parity) const {
-        return sequences.getMissingResponderSeqNos(parity);
-    }
-    bool getSequenceErrorFlagForTest() const {
-        return sequenceErrorFlag != 0;
-    }
-    uint8_t getSequenceJumpLimitForTest() const {
-        return sequences.getJumpLimit();
-    }
-    const PmState* getDelayRtForTest(int parity) const {
-        return delayRt[parity].get();
-    }
-    const PmState* getIpdvFwdForTest(int parity) const {
-        return ipdvFwd[parity].get();
-    }
-    const PmState* getIpdvRevForTest(int parity) const {
-        return ipdvRev[parity].get();
-    }
-    // Minimum, maximum and count of the reply DSCP, forward TTL and reverse
-    // TTL trackers, in this order.
-    std::vector<uint64_t> getHeaderTrackersForTest(int parity) const {
-        return {dscpRev[parity].min, dscpRev[parity].max, dscpRev[parity].count,
-                ttlFwd[parity].min,  ttlFwd[parity].max,  ttlFwd[parity].count,
-                ttlRev[parity].min,  ttlRev[parity].max,  ttlRev[parity].count};
-    }
-    std::size_t getIpdvHistorySizeForTest(int parity) const {
-        return ipdvHistory[parity].size();
-    }
-    // What is known of an outstanding packet of a minute parity, null when
-    // there is none.
-    std::unique_ptr<OutstandingPacket> getOutstandingPacketForTest(int parity, uint32_t seqNo);
-    // Runs the minute start and the minute end of a minute number directly.
-    void startMinuteForTest(uint32_t minute) {
-        startMinute(minute);
-    }
-    void minuteTickForTest(uint32_t minute) {
-        minuteTick(minute);
-    }
-#endif
-
   private:
+    // The tests' view of the state below (tests/support).
+    friend class TwampTestSessionPeer;
+
     static constexpr int kRecordCount = 2;
     static constexpr int kParityCount = 2;
     static constexpr std::size_t kControlBufferSize = 256;
