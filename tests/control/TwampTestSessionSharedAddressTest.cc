@@ -16,7 +16,7 @@
 
 #include "KernelMessages.h"
 #include "MeasureTestBase.h"
-#include "MockSocketSystemCalls.h"
+#include "MockSystemCalls.h"
 #include "PmPeriodRecord.h"
 #include "ReceiverKey.h"
 #include "ScriptedReceiveQueues.h"
@@ -219,7 +219,7 @@ class SharedReflectorTest : public MeasureTestBase {
         return message;
     }
 
-    ::testing::NiceMock<twamp_test::MockSocketSystemCalls> socketCalls;
+    ::testing::NiceMock<twamp_test::MockSystemCalls> socketCalls;
     twamp_test::ScriptedReceiveQueues kernelQueues;
     std::unique_ptr<UdpSocket> udpSocket;
 };

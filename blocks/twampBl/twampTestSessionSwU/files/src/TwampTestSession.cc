@@ -141,55 +141,12 @@ constexpr const char* kFinalizePmMember = "finalizePmMember";
 
 }  // namespace
 
-SessionSystemCalls::~SessionSystemCalls() = default;
-
-int SessionSystemCalls::timerfdCreate(int clock, int flags) {
-    return ::timerfd_create(clock, flags);
-}
-
-int SessionSystemCalls::timerfdSettime(int fd, int flags, const struct itimerspec* newValue,
-                                       struct itimerspec* oldValue) {
-    return ::timerfd_settime(fd, flags, newValue, oldValue);
-}
-
-ssize_t SessionSystemCalls::read(int fd, void* buffer, std::size_t count) {
-    return ::read(fd, buffer, count);
-}
-
-ssize_t SessionSystemCalls::sendmsg(int fd, const struct msghdr* msg, int flags) {
-    return ::sendmsg(fd, msg, flags);
-}
-
-int SessionSystemCalls::setsockopt(int fd, int level, int name, const void* value,
-                                   socklen_t length) {
-    return ::setsockopt(fd, level, name, value, length);
-}
-
-int SessionSystemCalls::close(int fd) {
-    return ::close(fd);
-}
-
-int SessionSystemCalls::getaddrinfo(const char* node, const char* service,
-                                    const struct addrinfo* hints, struct addrinfo** result) {
-    return ::getaddrinfo(node, service, hints, result);
-}
-
-void SessionSystemCalls::freeaddrinfo(struct addrinfo* result) {
-    ::freeaddrinfo(result);
-}
-
-SessionSystemCalls& SessionSystemCalls::real() {
-    static SessionSystemCalls systemCalls;
-    return systemCalls;
-}
-
 // ---- Life: construction, start, the descriptors it serves ----
 
 TwampTestSession::TwampTestSession(const char* dstIpAddress, const char* dstUdpPort,
                                    uint32_t packetsPerSecond, uint32_t spare1, uint32_t spare2,
                                    int32_t packetSize, uint32_t dscp, uint32_t startOffset,
-                                   uint32_t spreadingBase, Clock& clock,
-                                   SessionSystemCalls* systemCalls)
+                                   uint32_t spreadingBase, Clock& clock, SystemCalls* systemCalls)
     : dstIpAddress(requireText(dstIpAddress, "dstIpAddress")),
       dstUdpPort(requireText(dstUdpPort, "dstUdpPort")),
       packetsPerSecond(static_cast<int32_t>(packetsPerSecond)),
@@ -202,7 +159,7 @@ TwampTestSession::TwampTestSession(const char* dstIpAddress, const char* dstUdpP
       outstanding(outstandingCapacityFor(static_cast<int32_t>(packetsPerSecond))),
       sequences(static_cast<int32_t>(packetsPerSecond)),
       clock(clock),
-      systemCalls(systemCalls != nullptr ? *systemCalls : SessionSystemCalls::real()) {
+      systemCalls(systemCalls != nullptr ? *systemCalls : SystemCalls::real()) {
     std::memset(controlBuffer, 0, sizeof(controlBuffer));
     std::memset(&dstAddress, 0, sizeof(dstAddress));
     std::memset(&ioVector, 0, sizeof(ioVector));

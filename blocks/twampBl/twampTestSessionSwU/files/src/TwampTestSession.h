@@ -35,41 +35,11 @@
 #include "PmState.h"
 #include "RealtimeClock.h"
 #include "SequenceTracker.h"
+#include "SystemCalls.h"
 
 class TwampTestSessionControllerInterface;
 class UdpSocket;
 union itc_msg;
-
-// The system calls of a session's timer, send path and address resolution.
-// The base class calls the real ones; tests override single calls to fire
-// timers, fail sends, feed random bytes and resolve addresses without waiting
-// or touching the network.
-class SessionSystemCalls {
-  public:
-    virtual ~SessionSystemCalls();
-
-    // ::timerfd_create
-    virtual int timerfdCreate(int clock, int flags);
-    // ::timerfd_settime
-    virtual int timerfdSettime(int fd, int flags, const struct itimerspec* newValue,
-                               struct itimerspec* oldValue);
-    // ::read (timer expiries and random bytes)
-    virtual ssize_t read(int fd, void* buffer, std::size_t count);
-    // ::sendmsg
-    virtual ssize_t sendmsg(int fd, const struct msghdr* msg, int flags);
-    // ::setsockopt
-    virtual int setsockopt(int fd, int level, int name, const void* value, socklen_t length);
-    // ::close
-    virtual int close(int fd);
-    // ::getaddrinfo (the destination address and port)
-    virtual int getaddrinfo(const char* node, const char* service, const struct addrinfo* hints,
-                            struct addrinfo** result);
-    // ::freeaddrinfo
-    virtual void freeaddrinfo(struct addrinfo* result);
-
-    // The process's instance calling the real system calls.
-    static SessionSystemCalls& real();
-};
 
 class TwampTestSession : public IoHandler, public MessageReceiver {
   public:
@@ -80,8 +50,7 @@ class TwampTestSession : public IoHandler, public MessageReceiver {
     TwampTestSession(const char* dstIpAddress, const char* dstUdpPort, uint32_t packetsPerSecond,
                      uint32_t spare1, uint32_t spare2, int32_t packetSize, uint32_t dscp,
                      uint32_t startOffset, uint32_t spreadingBase,
-                     Clock& clock = RealtimeClock::instance(),
-                     SessionSystemCalls* systemCalls = nullptr);
+                     Clock& clock = RealtimeClock::instance(), SystemCalls* systemCalls = nullptr);
     TwampTestSession(const TwampTestSession&) = delete;
     TwampTestSession& operator=(const TwampTestSession&) = delete;
     // Deletes the outstanding packets, closes the timer, leaves the
@@ -267,7 +236,7 @@ class TwampTestSession : public IoHandler, public MessageReceiver {
     uint8_t recordComplete[kRecordCount] = {1, 1};
     PmPeriodRecord records[kRecordCount];
     Clock& clock;
-    SessionSystemCalls& systemCalls;
+    SystemCalls& systemCalls;
 };
 
 #endif  // TWAMP_TEST_SESSION_H
