@@ -12,12 +12,12 @@
 
 #include "TwampTestSession.h"
 
-class ScriptedSystemCalls : public SessionSystemCalls {
+class ScriptedSystemCalls : public SystemCalls {
   public:
     // Below FD_SETSIZE, so the real multiplexer accepts the registration.
     static constexpr int kTimerFd = 1001;
 
-    // SessionSystemCalls
+    // SystemCalls
     int timerfdCreate(int clock, int flags) override;
     int timerfdSettime(int fd, int flags, const struct itimerspec* newValue,
                        struct itimerspec* oldValue) override;

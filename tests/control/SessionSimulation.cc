@@ -9,6 +9,7 @@
 #include "OwampTestMessage.h"
 #include "SimulationTime.h"
 #include "TraceRecorder.h"
+#include "TwampTestSessionPeer.h"
 
 namespace {
 
@@ -153,7 +154,7 @@ bool SessionSimulation::startSession() {
     session = std::make_unique<TwampTestSession>(
         kReflectorAddress, kReflectorPort, profile.packetsPerSecond, 0, 0, kPacketSize,
         kSessionDscp, profile.startOffset, profile.spreadingBase, clock, &systemCalls);
-    session->setSequenceNumberForTest(profile.firstSequenceNumber);
+    TwampTestSessionPeer::setSequenceNumber(*session, profile.firstSequenceNumber);
     timer.armingsSeen = systemCalls.settimeValues.size();
     if (!session->init()) {
         failureText = "the session did not start";
@@ -518,8 +519,8 @@ void SessionSimulation::keepRecentTraces() {
 void SessionSimulation::checkMinute(const MinuteKey& minute) {
     keepRecentTraces();
     const uint32_t number = minute.second;
-    const std::vector<int64_t> bin =
-        FinalisedMinuteRules::binOf(session->getRecordForTest((number / 15) & 1), number % 15);
+    const std::vector<int64_t> bin = FinalisedMinuteRules::binOf(
+        TwampTestSessionPeer::getRecord(*session, (number / 15) & 1), number % 15);
     ++counts.minutesChecked;
     const MinuteVerdict verdict = oracle.judge(minute);
     const std::vector<std::string> broken = FinalisedMinuteRules::violations(bin);
@@ -548,7 +549,7 @@ void SessionSimulation::checkFinalisedBinsUnchanged(const char* when) {
                         finalisedBins.end());
     for (const FinalisedBin& entry : finalisedBins) {
         const uint32_t number = entry.first.second;
-        const PmPeriodRecord& record = session->getRecordForTest((number / 15) & 1);
+        const PmPeriodRecord& record = TwampTestSessionPeer::getRecord(*session, (number / 15) & 1);
         if (failureText.empty() && !holdsBin(record, static_cast<int>(number % 15), entry.second)) {
             fail(entry.first,
                  std::string("changed after it was finalised, at ") + when + " at wall minute " +
@@ -560,7 +561,7 @@ void SessionSimulation::checkFinalisedBinsUnchanged(const char* when) {
 
 void SessionSimulation::compareWithTruth(const MinuteKey& minute, const MinuteVerdict& verdict,
                                          const std::vector<int64_t>& bin) {
-    if (session->isMinutePendingForTest(static_cast<int>(minute.second & 1))) {
+    if (TwampTestSessionPeer::isMinutePending(*session, static_cast<int>(minute.second & 1))) {
         fail(minute, "was not finalised by the first expiry 4 s after its end", bin,
              describeVerdict(verdict));
         return;

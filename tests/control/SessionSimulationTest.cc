@@ -61,6 +61,7 @@
 #include "SimulationTime.h"
 #include "SocketHelper.h"
 #include "TraceRecorder.h"
+#include "TwampTestSessionPeer.h"
 
 namespace {
 
@@ -148,7 +149,7 @@ TEST_F(SessionSimulationTest, EveryFinalisedMinuteTellsTheTruth) {
 class SessionSimulationDefectTest : public control_test::MeasureTestBase {
   protected:
     int64_t value(const TwampTestSession& session, PmCounter::Index counter, int bin) const {
-        return session.getRecordForTest(0).at(counter, bin);
+        return TwampTestSessionPeer::getRecord(session, 0).at(counter, bin);
     }
 };
 
@@ -248,7 +249,7 @@ TEST_F(SessionSimulationDefectTest, OvertakingAfterALossIsNoRestart) {
     answer(*session, 0, t1[0], 10, 2, 2);
     answer(*session, 1, t1[1], 12, 2, 2);
     answer(*session, 3, t1[3], 11, 2, 2);
-    EXPECT_FALSE(session->getSequenceErrorFlagForTest());
+    EXPECT_FALSE(TwampTestSessionPeer::getSequenceErrorFlag(*session));
     sendAt(*session, 9, 4);
     EXPECT_EQ(4, value(*session, PmCounter::sentPkts, 8));
     EXPECT_EQ(3, value(*session, PmCounter::receivedPkts, 8));

@@ -42,11 +42,11 @@ struct CallResult {
     int errorNumber;
 };
 
-class FakeSessionSystemCalls : public SessionSystemCalls {
+class FakeSessionSystemCalls : public SystemCalls {
   public:
     static constexpr int kTimerFd = 1001;
 
-    // SessionSystemCalls
+    // SystemCalls
     int timerfdCreate(int clock, int flags) override {
         createdClock = clock;
         createdFlags = flags;
@@ -105,7 +105,7 @@ class FakeSessionSystemCalls : public SessionSystemCalls {
         if (resolveError != 0) {
             return resolveError;
         }
-        return SessionSystemCalls::getaddrinfo(node, service, hints, result);
+        return SystemCalls::getaddrinfo(node, service, hints, result);
     }
 
     // Queues one timer read that returns count expiries.

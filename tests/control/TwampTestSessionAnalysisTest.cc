@@ -14,6 +14,7 @@
 #include "OutstandingPacket.h"
 #include "PmPeriodRecord.h"
 #include "TraceRecorder.h"
+#include "TwampTestSessionPeer.h"
 
 namespace {
 
@@ -46,7 +47,7 @@ class TwampTestSessionAnalysisTest : public MeasureTestBase {
     }
 
     int64_t counter(const TwampTestSession& session, PmCounter::Index index) const {
-        return session.getRecordForTest(kRecord).at(index, kBin);
+        return TwampTestSessionPeer::getRecord(session, kRecord).at(index, kBin);
     }
 
     // Analyses a packet whose transmit and receive timestamps lie roundTrip
@@ -70,7 +71,7 @@ TEST_F(TwampTestSessionAnalysisTest, RoundTripOfFourSecondsAnalysed) {
     const auto t1 = sendIntoMinuteNine(*session, 1);
     analyseWithRoundTrip(*session, t1[1], 0x400000000ULL);
     EXPECT_EQ(1, counter(*session, PmCounter::receivedPkts));
-    EXPECT_EQ(4000000u, session->getDelayRtForTest(kParity)->getMax());
+    EXPECT_EQ(4000000u, TwampTestSessionPeer::getDelayRt(*session, kParity)->getMax());
     EXPECT_EQ(Messages{}, labTraces());
 }
 
@@ -101,7 +102,7 @@ TEST_F(TwampTestSessionAnalysisTest, RoundTripAboveFourSecondsDiscarded) {
     FixedPacket packet(1, t1[1], t1Prime, t1Prime + 0x400000001ULL);
     session->analyzePM(packet, kRecord, kBin, kParity);
     EXPECT_EQ(0, counter(*session, PmCounter::receivedPkts));
-    EXPECT_EQ(0u, session->getDelayRtForTest(kParity)->getCount());
+    EXPECT_EQ(0u, TwampTestSessionPeer::getDelayRt(*session, kParity)->getCount());
     EXPECT_EQ(Messages{"analyzePM(): Packet not received within the time limit (4s) and thus "
                        "discarded. Round-trip sec part = 4. StartOffset: 0. Packet data: "
                        "SenderSequenceNo: 1, ResponderSequenceNo: 0, T1: " +
@@ -139,8 +140,8 @@ TEST_F(TwampTestSessionAnalysisTest, ForwardGapIsForwardLoss) {
     answer(*session, 4, t1[4], 3, 2, 2);
     EXPECT_EQ(1, counter(*session, PmCounter::lostPktsFwd));
     EXPECT_EQ(0, counter(*session, PmCounter::lostPktsRev));
-    EXPECT_EQ(SeqNos{3}, session->getMissingSenderSeqNosForTest(kParity));
-    EXPECT_EQ(SeqNos{}, session->getMissingResponderSeqNosForTest(kParity));
+    EXPECT_EQ(SeqNos{3}, TwampTestSessionPeer::getMissingSenderSeqNos(*session, kParity));
+    EXPECT_EQ(SeqNos{}, TwampTestSessionPeer::getMissingResponderSeqNos(*session, kParity));
     EXPECT_EQ(3, counter(*session, PmCounter::receivedPkts));
 }
 
@@ -156,7 +157,7 @@ TEST_F(TwampTestSessionAnalysisTest, MissingPacketArrivingLaterIsLate) {
     EXPECT_EQ(1, counter(*session, PmCounter::latePktsFwd));
     EXPECT_EQ(0, counter(*session, PmCounter::latePktsRev));
     EXPECT_EQ(0, counter(*session, PmCounter::duplicatePktsFwd));
-    EXPECT_EQ(SeqNos{}, session->getMissingSenderSeqNosForTest(kParity));
+    EXPECT_EQ(SeqNos{}, TwampTestSessionPeer::getMissingSenderSeqNos(*session, kParity));
 }
 
 // Sender numbers 1, 2, 4 answered as 1, 2, 4: one reply lost on the way back,
@@ -169,8 +170,8 @@ TEST_F(TwampTestSessionAnalysisTest, ReflectorGapIsReverseLoss) {
     answer(*session, 4, t1[4], 4, 2, 2);
     EXPECT_EQ(0, counter(*session, PmCounter::lostPktsFwd));
     EXPECT_EQ(1, counter(*session, PmCounter::lostPktsRev));
-    EXPECT_EQ(SeqNos{3}, session->getMissingResponderSeqNosForTest(kParity));
-    EXPECT_EQ(SeqNos{}, session->getMissingSenderSeqNosForTest(kParity));
+    EXPECT_EQ(SeqNos{3}, TwampTestSessionPeer::getMissingResponderSeqNos(*session, kParity));
+    EXPECT_EQ(SeqNos{}, TwampTestSessionPeer::getMissingSenderSeqNos(*session, kParity));
 }
 
 // A reordered reply: the reverse direction counts it late, and the shared
@@ -198,11 +199,11 @@ TEST_F(TwampTestSessionAnalysisTest, DuplicateMovesOnlyCountersOfSequence) {
     EXPECT_EQ(2, counter(*session, PmCounter::receivedPkts));
     EXPECT_EQ(1, counter(*session, PmCounter::duplicatePktsRev));
     EXPECT_EQ(0, counter(*session, PmCounter::duplicatePktsFwd));
-    EXPECT_EQ(1u, session->getDelayRtForTest(kParity)->getCount());
+    EXPECT_EQ(1u, TwampTestSessionPeer::getDelayRt(*session, kParity)->getCount());
     EXPECT_EQ(4 * kMicrosecondsPerUnit,
-              static_cast<int64_t>(session->getDelayRtForTest(kParity)->getMax()));
+              static_cast<int64_t>(TwampTestSessionPeer::getDelayRt(*session, kParity)->getMax()));
     EXPECT_EQ((std::vector<uint64_t>{46, 46, 1, 250, 250, 1, 61, 61, 1}),
-              session->getHeaderTrackersForTest(kParity));
+              TwampTestSessionPeer::getHeaderTrackers(*session, kParity));
 }
 
 // The round-trip delay leaves out the time spent in the reflector.
@@ -215,7 +216,7 @@ TEST_F(TwampTestSessionAnalysisTest, RoundTripExcludesReflectorTime) {
     deliverReply(*session, 1, t1[1], 1, t1Prime + 2 * kNtpUnit, t1Prime + 7 * kNtpUnit,
                  t1Prime + 10 * kNtpUnit);
     EXPECT_EQ(5 * kMicrosecondsPerUnit,
-              static_cast<int64_t>(session->getDelayRtForTest(kParity)->getMin()));
+              static_cast<int64_t>(TwampTestSessionPeer::getDelayRt(*session, kParity)->getMin()));
 }
 
 // IPDV: an increase of forward delay is a sample; a decrease of reverse
@@ -226,13 +227,13 @@ TEST_F(TwampTestSessionAnalysisTest, IpdvRecordsIncreasesOfConsecutivePackets) {
     answer(*session, 1, t1[1], 1, 2, 2);
     answer(*session, 2, t1[2], 2, 3, 1);
     answer(*session, 4, t1[4], 3, 9, 9);
-    const PmState* forward = session->getIpdvFwdForTest(kParity);
-    const PmState* reverse = session->getIpdvRevForTest(kParity);
+    const PmState* forward = TwampTestSessionPeer::getIpdvFwd(*session, kParity);
+    const PmState* reverse = TwampTestSessionPeer::getIpdvRev(*session, kParity);
     EXPECT_EQ(1u, forward->getCount());
     EXPECT_EQ(static_cast<uint64_t>(kMicrosecondsPerUnit), forward->getMax());
     EXPECT_EQ(0u, reverse->getCount());
     // Packet 1's entry went with packet 2; packets 2 and 4 wait for successors.
-    EXPECT_EQ(2u, session->getIpdvHistorySizeForTest(kParity));
+    EXPECT_EQ(2u, TwampTestSessionPeer::getIpdvHistorySize(*session, kParity));
 }
 
 // An unchanged delay is an IPDV sample of 0.
@@ -241,9 +242,9 @@ TEST_F(TwampTestSessionAnalysisTest, UnchangedDelayIsZeroIpdv) {
     const auto t1 = sendIntoMinuteNine(*session, 2);
     answer(*session, 1, t1[1], 1, 2, 2);
     answer(*session, 2, t1[2], 2, 2, 2);
-    EXPECT_EQ(1u, session->getIpdvFwdForTest(kParity)->getCount());
-    EXPECT_EQ(1u, session->getIpdvRevForTest(kParity)->getCount());
-    EXPECT_EQ(0u, session->getIpdvRevForTest(kParity)->getMax());
+    EXPECT_EQ(1u, TwampTestSessionPeer::getIpdvFwd(*session, kParity)->getCount());
+    EXPECT_EQ(1u, TwampTestSessionPeer::getIpdvRev(*session, kParity)->getCount());
+    EXPECT_EQ(0u, TwampTestSessionPeer::getIpdvRev(*session, kParity)->getMax());
 }
 
 // Without a transmit timestamp a packet counts in the sequence counters and
@@ -257,11 +258,11 @@ TEST_F(TwampTestSessionAnalysisTest, NoTransmitTimestampNoDelaySample) {
     packet.setResponse(reply.get(), helper);
     session->analyzePM(packet, kRecord, kBin, kParity);
     EXPECT_EQ(1, counter(*session, PmCounter::receivedPkts));
-    EXPECT_EQ(2u, session->getExpectedResponderSeqNoForTest(kParity));
-    EXPECT_EQ(2u, session->getLastSenderSeqNoForTest(kParity));
+    EXPECT_EQ(2u, TwampTestSessionPeer::getExpectedResponderSeqNo(*session, kParity));
+    EXPECT_EQ(2u, TwampTestSessionPeer::getLastSenderSeqNo(*session, kParity));
     EXPECT_EQ((std::vector<uint64_t>{46, 46, 1, 249, 249, 1, 61, 61, 1}),
-              session->getHeaderTrackersForTest(kParity));
-    EXPECT_EQ(0u, session->getDelayRtForTest(kParity)->getCount());
+              TwampTestSessionPeer::getHeaderTrackers(*session, kParity));
+    EXPECT_EQ(0u, TwampTestSessionPeer::getDelayRt(*session, kParity)->getCount());
 }
 
 // The DSCP and TTL ranges widen with every first reply.
@@ -272,7 +273,7 @@ TEST_F(TwampTestSessionAnalysisTest, HeaderRangesWiden) {
     answer(*session, 2, t1[2], 2, 2, 2, 250);
     answer(*session, 3, t1[3], 3, 2, 2, 251);
     EXPECT_EQ((std::vector<uint64_t>{46, 46, 3, 250, 252, 3, 61, 61, 3}),
-              session->getHeaderTrackersForTest(kParity));
+              TwampTestSessionPeer::getHeaderTrackers(*session, kParity));
 }
 
 // Only the low 8 bits of the reply's DSCP are kept.
@@ -281,14 +282,14 @@ TEST_F(TwampTestSessionAnalysisTest, DscpKeepsLowByte) {
     auto session = startSession();
     const auto t1 = sendIntoMinuteNine(*session, 1);
     answer(*session, 1, t1[1], 1, 2, 2);
-    EXPECT_EQ(0xFFu, session->getHeaderTrackersForTest(kParity).at(0));
+    EXPECT_EQ(0xFFu, TwampTestSessionPeer::getHeaderTrackers(*session, kParity).at(0));
 }
 
 // The jump limit is four seconds of packets kept in 8 bits.
 TEST_F(TwampTestSessionAnalysisTest, SequenceJumpLimitIsEightBits) {
-    EXPECT_EQ(40u, startSession(10)->getSequenceJumpLimitForTest());
-    EXPECT_EQ(144u, startSession(100)->getSequenceJumpLimitForTest());
-    EXPECT_EQ(0u, startSession(64)->getSequenceJumpLimitForTest());
+    EXPECT_EQ(40u, TwampTestSessionPeer::getSequenceJumpLimit(*startSession(10)));
+    EXPECT_EQ(144u, TwampTestSessionPeer::getSequenceJumpLimit(*startSession(100)));
+    EXPECT_EQ(0u, TwampTestSessionPeer::getSequenceJumpLimit(*startSession(64)));
 }
 
 // The reflector's number going back while ours jumped by more than the limit
@@ -298,13 +299,13 @@ TEST_F(TwampTestSessionAnalysisTest, ReflectorRestartSetsErrorFlag) {
     const auto t1 = sendIntoMinuteNine(*session, 45);
     answer(*session, 1, t1[1], 1000, 2, 2);
     answer(*session, 43, t1[43], 0, 2, 2);
-    EXPECT_TRUE(session->getSequenceErrorFlagForTest());
-    EXPECT_EQ(44u, session->getLastSenderSeqNoForTest(kParity));
-    EXPECT_EQ(1u, session->getExpectedResponderSeqNoForTest(kParity));
+    EXPECT_TRUE(TwampTestSessionPeer::getSequenceErrorFlag(*session));
+    EXPECT_EQ(44u, TwampTestSessionPeer::getLastSenderSeqNo(*session, kParity));
+    EXPECT_EQ(1u, TwampTestSessionPeer::getExpectedResponderSeqNo(*session, kParity));
     EXPECT_EQ(2, counter(*session, PmCounter::receivedPkts));
     EXPECT_EQ(0, counter(*session, PmCounter::lostPktsFwd));
     EXPECT_EQ(0, counter(*session, PmCounter::duplicatePktsRev));
-    EXPECT_EQ(1u, session->getDelayRtForTest(kParity)->getCount());
+    EXPECT_EQ(1u, TwampTestSessionPeer::getDelayRt(*session, kParity)->getCount());
 }
 
 // With the flag set a reply only counts as received and resynchronises.
@@ -317,9 +318,9 @@ TEST_F(TwampTestSessionAnalysisTest, ErrorFlagStopsAccounting) {
     EXPECT_EQ(3, counter(*session, PmCounter::receivedPkts));
     EXPECT_EQ(0, counter(*session, PmCounter::lostPktsFwd));
     EXPECT_EQ(0, counter(*session, PmCounter::lostPktsRev));
-    EXPECT_EQ(46u, session->getLastSenderSeqNoForTest(kParity));
-    EXPECT_EQ(8u, session->getExpectedResponderSeqNoForTest(kParity));
-    EXPECT_EQ(1u, session->getDelayRtForTest(kParity)->getCount());
+    EXPECT_EQ(46u, TwampTestSessionPeer::getLastSenderSeqNo(*session, kParity));
+    EXPECT_EQ(8u, TwampTestSessionPeer::getExpectedResponderSeqNo(*session, kParity));
+    EXPECT_EQ(1u, TwampTestSessionPeer::getDelayRt(*session, kParity)->getCount());
 }
 
 // A jump of exactly the limit is no restart, but the reflector's new
@@ -331,12 +332,12 @@ TEST_F(TwampTestSessionAnalysisTest, JumpOfExactlyTheLimitFollowsTheNewNumbering
     answer(*session, 1, t1[1], 100, 2, 2);
     answer(*session, 42, t1[42], 0, 2, 2);
     answer(*session, 43, t1[43], 1, 2, 2);
-    EXPECT_FALSE(session->getSequenceErrorFlagForTest());
+    EXPECT_FALSE(TwampTestSessionPeer::getSequenceErrorFlag(*session));
     EXPECT_EQ(0, counter(*session, PmCounter::duplicatePktsRev));
     EXPECT_EQ(0, counter(*session, PmCounter::latePktsRev));
     EXPECT_EQ(0, counter(*session, PmCounter::lostPktsRev));
     EXPECT_EQ(40, counter(*session, PmCounter::lostPktsFwd));
-    EXPECT_EQ(2u, session->getExpectedResponderSeqNoForTest(kParity));
+    EXPECT_EQ(2u, TwampTestSessionPeer::getExpectedResponderSeqNo(*session, kParity));
 }
 
 // A reflector that restarts after a short pause and numbers from 0 again
@@ -350,7 +351,7 @@ TEST_F(TwampTestSessionAnalysisTest, ShortRestartIsNoDuplicate) {
     for (uint32_t seqNo = 31; seqNo <= 40; ++seqNo) {
         answer(*session, seqNo, t1[seqNo], seqNo - 31, 2, 2);
     }
-    EXPECT_FALSE(session->getSequenceErrorFlagForTest());
+    EXPECT_FALSE(TwampTestSessionPeer::getSequenceErrorFlag(*session));
     EXPECT_EQ(30, counter(*session, PmCounter::receivedPkts));
     EXPECT_EQ(0, counter(*session, PmCounter::duplicatePktsRev));
     EXPECT_EQ(0, counter(*session, PmCounter::duplicatePktsFwd));
@@ -366,10 +367,10 @@ TEST_F(TwampTestSessionAnalysisTest, MinuteStartClearsSequenceState) {
     answer(*session, 43, t1[43], 0, 2, 2);
     sendAt(*session, 10, 0);
     sendAt(*session, 11, 0);
-    EXPECT_FALSE(session->getSequenceErrorFlagForTest());
-    EXPECT_EQ(0u, session->getExpectedResponderSeqNoForTest(kParity));
-    EXPECT_EQ(47u, session->getLastSenderSeqNoForTest(kParity));
-    EXPECT_EQ(0u, session->getIpdvHistorySizeForTest(kParity));
+    EXPECT_FALSE(TwampTestSessionPeer::getSequenceErrorFlag(*session));
+    EXPECT_EQ(0u, TwampTestSessionPeer::getExpectedResponderSeqNo(*session, kParity));
+    EXPECT_EQ(47u, TwampTestSessionPeer::getLastSenderSeqNo(*session, kParity));
+    EXPECT_EQ(0u, TwampTestSessionPeer::getIpdvHistorySize(*session, kParity));
 }
 
 // A reflector jumping its number far ahead is one reverse loss period, not

@@ -14,6 +14,7 @@
 #include "MeasureTestBase.h"
 #include "PmPeriodRecord.h"
 #include "TraceRecorder.h"
+#include "TwampTestSessionPeer.h"
 #include "tn_log_internal.h"
 
 namespace {
@@ -58,7 +59,7 @@ class TwampTestSessionFinalizeTest : public MeasureTestBase {
     std::vector<int64_t> binEight(const TwampTestSession& session) const {
         std::vector<int64_t> values;
         for (int counter = 0; counter < PmPeriodRecord::kCounterCount; ++counter) {
-            values.push_back(session.getRecordForTest(0).at(counter, kBin));
+            values.push_back(TwampTestSessionPeer::getRecord(session, 0).at(counter, kBin));
         }
         return values;
     }
@@ -95,8 +96,8 @@ TEST_F(TwampTestSessionFinalizeTest, MinuteWithoutRepliesCountsAllLost) {
                        {PmCounter::receivedPkts, 0},
                        {PmCounter::sentPkts, 3}}),
               binEight(*session));
-    EXPECT_TRUE(session->getOutstandingSeqNosForTest(0).empty());
-    EXPECT_FALSE(session->isMinutePendingForTest(0));
+    EXPECT_TRUE(TwampTestSessionPeer::getOutstandingSeqNos(*session, 0).empty());
+    EXPECT_FALSE(TwampTestSessionPeer::isMinutePending(*session, 0));
 }
 
 // A minute with replies: every counter family from its samples and sequence state.
@@ -158,12 +159,12 @@ TEST_F(TwampTestSessionFinalizeTest, FinalisationEmptiesPercentileVectors) {
     answer(*session, 0, t1[0], 0, 2, 2);
     answer(*session, 1, t1[1], 1, 2, 2);
     finaliseMinuteEight(*session);
-    EXPECT_EQ(2u, session->getDelayRtForTest(0)->getPercentileSamples());
+    EXPECT_EQ(2u, TwampTestSessionPeer::getDelayRt(*session, 0)->getPercentileSamples());
     const uint64_t t1Ten = sendAt(*session, 10, 0);
     answer(*session, 3, t1Ten, 7, 3, 3);
     sendAt(*session, 11, 4);
-    EXPECT_EQ(1u, session->getDelayRtForTest(0)->getPercentileSamples());
-    EXPECT_EQ(93750, session->getRecordForTest(0).at(PmCounter::delayRtP99, 10));
+    EXPECT_EQ(1u, TwampTestSessionPeer::getDelayRt(*session, 0)->getPercentileSamples());
+    EXPECT_EQ(93750, TwampTestSessionPeer::getRecord(*session, 0).at(PmCounter::delayRtP99, 10));
 }
 
 // A reply whose extra copy was counted late in reverse is put on the forward
@@ -230,7 +231,7 @@ TEST_F(TwampTestSessionFinalizeTest, LateReplyAfterFinalisationNotFound) {
                  t1[0] + 5 * kNtpUnit);
     EXPECT_EQ(Messages{"receiveMessage(): No outstanding packet found for seqNum: 0 "},
               labTraces());
-    EXPECT_EQ(0, session->getRecordForTest(0).at(PmCounter::receivedPkts, kBin));
+    EXPECT_EQ(0, TwampTestSessionPeer::getRecord(*session, 0).at(PmCounter::receivedPkts, kBin));
 }
 
 // The arming minute sends nothing and is never finalised: its bin stays -2.
@@ -240,10 +241,11 @@ TEST_F(TwampTestSessionFinalizeTest, ArmingMinuteStaysNotAvailable) {
     sendAt(*session, 8, 5);
     finaliseMinuteEight(*session);
     for (int counter = 0; counter < PmPeriodRecord::kCounterCount; ++counter) {
-        EXPECT_EQ(PmPeriodRecord::kNotAvailable, session->getRecordForTest(0).at(counter, 7))
+        EXPECT_EQ(PmPeriodRecord::kNotAvailable,
+                  TwampTestSessionPeer::getRecord(*session, 0).at(counter, 7))
             << kPmCounterInfo[counter].name;
     }
-    EXPECT_EQ(2, session->getRecordForTest(0).at(PmCounter::sentPkts, kBin));
+    EXPECT_EQ(2, TwampTestSessionPeer::getRecord(*session, 0).at(PmCounter::sentPkts, kBin));
 }
 
 // At 0 packets per second the loss periods stay in packets.
@@ -272,12 +274,12 @@ TEST_F(TwampTestSessionFinalizeTest, RestartBeforeFinalisationVoidsTheMinute) {
     answer(*session, 0, t1[0], 1000, 2, 2);
     sendAt(*session, 9, 0);
     answer(*session, 44, t1[44], 0, 2, 2);
-    EXPECT_TRUE(session->getSequenceErrorFlagForTest());
+    EXPECT_TRUE(TwampTestSessionPeer::getSequenceErrorFlag(*session));
     finaliseMinuteEight(*session);
     EXPECT_EQ(std::vector<int64_t>(PmPeriodRecord::kCounterCount, PmPeriodRecord::kNotAvailable),
               binEight(*session));
-    EXPECT_TRUE(session->getOutstandingSeqNosForTest(0).empty());
-    EXPECT_FALSE(session->isMinutePendingForTest(0));
+    EXPECT_TRUE(TwampTestSessionPeer::getOutstandingSeqNos(*session, 0).empty());
+    EXPECT_FALSE(TwampTestSessionPeer::isMinutePending(*session, 0));
 }
 
 // A restart seen later in a minute only pauses the accounting: the minute
@@ -296,11 +298,11 @@ TEST_F(TwampTestSessionFinalizeTest, RestartAfterFinalisationOnlyPausesAccountin
     answer(*session, 1, t1[0], 1000, 2, 2);
     answer(*session, 45, t1[44], 0, 2, 2);
     answer(*session, 46, t1[45], 1, 2, 2);
-    EXPECT_TRUE(session->getSequenceErrorFlagForTest());
+    EXPECT_TRUE(TwampTestSessionPeer::getSequenceErrorFlag(*session));
     sendAt(*session, 10, 0);
-    EXPECT_FALSE(session->getSequenceErrorFlagForTest());
+    EXPECT_FALSE(TwampTestSessionPeer::getSequenceErrorFlag(*session));
     sendAt(*session, 10, 4);
-    const PmPeriodRecord& record = session->getRecordForTest(0);
+    const PmPeriodRecord& record = TwampTestSessionPeer::getRecord(*session, 0);
     EXPECT_EQ(62500, record.at(PmCounter::delayRtAvg, 8));
     EXPECT_EQ(3, record.at(PmCounter::receivedPkts, 9));
     EXPECT_EQ(48, record.at(PmCounter::sentPkts, 9));
@@ -362,8 +364,8 @@ TEST_F(TwampTestSessionInvalidationTest, SkewedReflectorInvalidatesTheMinute) {
     EXPECT_EQ("TnNetworkLog", records[1].streamName);
     EXPECT_EQ("for dstIpAddress 127.0.0.1, dstUdpPort 862, srcIpAddress  and srcUdpPort .",
               records[1].text);
-    EXPECT_TRUE(session->getOutstandingSeqNosForTest(0).empty());
-    EXPECT_FALSE(session->isMinutePendingForTest(0));
+    EXPECT_TRUE(TwampTestSessionPeer::getOutstandingSeqNos(*session, 0).empty());
+    EXPECT_FALSE(TwampTestSessionPeer::isMinutePending(*session, 0));
 }
 
 // An invalidated minute leaves no packets behind: a later minute of the same
@@ -377,9 +379,9 @@ TEST_F(TwampTestSessionInvalidationTest, InvalidatedMinuteLeavesNoPackets) {
                  t1Prime + 3 * kNtpUnit);
     finaliseMinuteEight(*session);
     sendAt(*session, 10, 0);
-    EXPECT_EQ((std::vector<uint32_t>{2}), session->getOutstandingSeqNosForTest(0));
+    EXPECT_EQ((std::vector<uint32_t>{2}), TwampTestSessionPeer::getOutstandingSeqNos(*session, 0));
     sendAt(*session, 11, 4);
-    EXPECT_TRUE(session->getOutstandingSeqNosForTest(0).empty());
+    EXPECT_TRUE(TwampTestSessionPeer::getOutstandingSeqNos(*session, 0).empty());
 }
 
 }  // namespace

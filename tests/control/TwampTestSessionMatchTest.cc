@@ -11,6 +11,7 @@
 #include "MeasureTestBase.h"
 #include "PmPeriodRecord.h"
 #include "TraceRecorder.h"
+#include "TwampTestSessionPeer.h"
 
 namespace {
 
@@ -37,7 +38,7 @@ TEST_F(TwampTestSessionMatchTest, TimestampFirstThenReply) {
     EXPECT_EQ(8, session->calls[0].bin);
     EXPECT_EQ(0, session->calls[0].parity);
     EXPECT_EQ(Messages{}, labTraces());
-    EXPECT_EQ(1, session->getRecordForTest(0).at(PmCounter::receivedPkts, 8));
+    EXPECT_EQ(1, TwampTestSessionPeer::getRecord(*session, 0).at(PmCounter::receivedPkts, 8));
 }
 
 // The reply first: traced as waiting, then analysed when the timestamp comes.
@@ -53,8 +54,8 @@ TEST_F(TwampTestSessionMatchTest, ReplyFirstThenLateTimestamp) {
                         "receiveErrQueueMessage(): Got late TX Timestamp, seqNum: 0 "}),
               labTraces());
     ASSERT_EQ(1u, session->calls.size());
-    EXPECT_EQ(1, session->getRecordForTest(0).at(PmCounter::receivedPkts, 8));
-    EXPECT_EQ(1u, session->getDelayRtForTest(0)->getCount());
+    EXPECT_EQ(1, TwampTestSessionPeer::getRecord(*session, 0).at(PmCounter::receivedPkts, 8));
+    EXPECT_EQ(1u, TwampTestSessionPeer::getDelayRt(*session, 0)->getCount());
 }
 
 // Two replies after the timestamp: analysed twice, the second time as reply 2.
@@ -82,8 +83,8 @@ TEST_F(TwampTestSessionMatchTest, LateReplyCountsInItsSendingMinute) {
     EXPECT_EQ(0, session->calls[0].parity);
     EXPECT_EQ(8, session->calls[0].bin);
     EXPECT_EQ(0, session->calls[0].recordIndex);
-    EXPECT_EQ(1, session->getRecordForTest(0).at(PmCounter::receivedPkts, 8));
-    EXPECT_EQ(0, session->getRecordForTest(0).at(PmCounter::receivedPkts, 9));
+    EXPECT_EQ(1, TwampTestSessionPeer::getRecord(*session, 0).at(PmCounter::receivedPkts, 8));
+    EXPECT_EQ(0, TwampTestSessionPeer::getRecord(*session, 0).at(PmCounter::receivedPkts, 9));
 }
 
 // A reply whose echoed T1 was moved into the other minute parity is not found.
@@ -100,7 +101,7 @@ TEST_F(TwampTestSessionMatchTest, AlteredSenderTimestampNotFound) {
     EXPECT_TRUE(session->calls.empty());
     EXPECT_EQ(Messages{"receiveMessage(): No outstanding packet found for seqNum: 5 "},
               labTraces());
-    EXPECT_EQ(0u, session->getOutstandingPacketForTest(0, 5)->getReplyCount());
+    EXPECT_EQ(0u, TwampTestSessionPeer::getOutstandingPacket(*session, 0, 5)->getReplyCount());
 }
 
 // A transmit timestamp of a packet that was never sent is traced and dropped.
@@ -111,7 +112,7 @@ TEST_F(TwampTestSessionMatchTest, UnknownTimestampTraced) {
     deliverTxTimestamp(*session, 9, t1, t1 + kNtpUnit);
     EXPECT_EQ(Messages{"receiveErrQueueMessage(): No outstanding packet found for seqNum: 9 "},
               labTraces());
-    EXPECT_EQ(0u, session->getOutstandingPacketForTest(0, 0)->getT1Prime());
+    EXPECT_EQ(0u, TwampTestSessionPeer::getOutstandingPacket(*session, 0, 0)->getT1Prime());
 }
 
 // The timestamp is stored as T1Prime of the packet its looped-back frame names.
@@ -119,8 +120,9 @@ TEST_F(TwampTestSessionMatchTest, TimestampStoredAsT1Prime) {
     auto session = startSession();
     const uint64_t t1 = sendAt(*session, 8, 0);
     deliverTxTimestamp(*session, 0, t1, t1 + kNtpUnit);
-    EXPECT_EQ(t1 + kNtpUnit, session->getOutstandingPacketForTest(0, 0)->getT1Prime());
-    EXPECT_EQ(t1, session->getOutstandingPacketForTest(0, 0)->getT1());
+    EXPECT_EQ(t1 + kNtpUnit,
+              TwampTestSessionPeer::getOutstandingPacket(*session, 0, 0)->getT1Prime());
+    EXPECT_EQ(t1, TwampTestSessionPeer::getOutstandingPacket(*session, 0, 0)->getT1());
 }
 
 // A reply shorter than the reflector layout is not read at all.
@@ -160,7 +162,7 @@ TEST_F(TwampTestSessionMatchTest, LateTimestampWithoutItemDiscarded) {
     deliverReply(*session, 0, t1, 0, t1 + 2 * kNtpUnit, t1 + 3 * kNtpUnit, t1 + 5 * kNtpUnit);
     deliverTxTimestamp(*session, 0, t1, 0);
     EXPECT_EQ(1u, session->calls.size());
-    EXPECT_EQ(0, session->getRecordForTest(0).at(PmCounter::receivedPkts, 8));
+    EXPECT_EQ(0, TwampTestSessionPeer::getRecord(*session, 0).at(PmCounter::receivedPkts, 8));
 }
 
 // A reply without a receive timestamp after the transmit timestamp is
@@ -171,7 +173,7 @@ TEST_F(TwampTestSessionMatchTest, ReplyWithoutReceiveTimestampDiscarded) {
     deliverTxTimestamp(*session, 0, t1, t1 + kNtpUnit);
     deliverReply(*session, 0, t1, 0, t1 + 2 * kNtpUnit, t1 + 3 * kNtpUnit, 0);
     EXPECT_EQ(1u, session->calls.size());
-    EXPECT_EQ(0, session->getRecordForTest(0).at(PmCounter::receivedPkts, 8));
+    EXPECT_EQ(0, TwampTestSessionPeer::getRecord(*session, 0).at(PmCounter::receivedPkts, 8));
 }
 
 // A reply without a receive timestamp before the transmit timestamp looks
@@ -183,7 +185,7 @@ TEST_F(TwampTestSessionMatchTest, ReplyWithoutReceiveTimestampFirstNeverAnalysed
     deliverReply(*session, 0, t1, 0, t1 + 2 * kNtpUnit, t1 + 3 * kNtpUnit, 0);
     deliverTxTimestamp(*session, 0, t1, t1 + kNtpUnit);
     EXPECT_TRUE(session->calls.empty());
-    EXPECT_EQ(0u, session->getOutstandingPacketForTest(0, 0)->getReplyCount());
+    EXPECT_EQ(0u, TwampTestSessionPeer::getOutstandingPacket(*session, 0, 0)->getReplyCount());
 }
 
 }  // namespace

@@ -17,6 +17,7 @@
 #include "RandomFd.h"
 #include "SessionTestDoubles.h"
 #include "TraceRecorder.h"
+#include "TwampTestSessionPeer.h"
 
 namespace {
 
@@ -83,10 +84,11 @@ TEST_F(TwampTestSessionSendTest, PacketKCarriesSequenceNumberK) {
     EXPECT_EQ(0u, readBigEndian32(systemCalls.sent[0].payload, 0));
     EXPECT_EQ(1u, readBigEndian32(systemCalls.sent[1].payload, 0));
     EXPECT_EQ(2u, readBigEndian32(systemCalls.sent[2].payload, 0));
-    EXPECT_EQ((std::vector<uint32_t>{0, 1, 2}), session->getOutstandingSeqNosForTest(0));
-    EXPECT_EQ(std::vector<uint32_t>{}, session->getOutstandingSeqNosForTest(1));
-    EXPECT_EQ(3u, session->getSequenceNumberForTest());
-    EXPECT_EQ(3u, session->getSentOkCountForTest());
+    EXPECT_EQ((std::vector<uint32_t>{0, 1, 2}),
+              TwampTestSessionPeer::getOutstandingSeqNos(*session, 0));
+    EXPECT_EQ(std::vector<uint32_t>{}, TwampTestSessionPeer::getOutstandingSeqNos(*session, 1));
+    EXPECT_EQ(3u, TwampTestSessionPeer::getSequenceNumber(*session));
+    EXPECT_EQ(3u, TwampTestSessionPeer::getSentOkCount(*session));
 }
 
 // A packet sent in an odd minute is kept in the map of parity 1.
@@ -94,8 +96,8 @@ TEST_F(TwampTestSessionSendTest, OddMinuteUsesParityOneMap) {
     clock.set(minuteOfHour(8) + 10);
     auto session = startSession();
     fire(*session, minuteOfHour(9));
-    EXPECT_EQ(std::vector<uint32_t>{0}, session->getOutstandingSeqNosForTest(1));
-    EXPECT_EQ(std::vector<uint32_t>{}, session->getOutstandingSeqNosForTest(0));
+    EXPECT_EQ(std::vector<uint32_t>{0}, TwampTestSessionPeer::getOutstandingSeqNos(*session, 1));
+    EXPECT_EQ(std::vector<uint32_t>{}, TwampTestSessionPeer::getOutstandingSeqNos(*session, 0));
 }
 
 // The packet holds T1 as NTP and the fixed Error Estimate, and is sent whole to the destination.
@@ -132,8 +134,8 @@ TEST_F(TwampTestSessionSendTest, SentPacketCountsInMinuteSlot) {
     fire(*session, minuteOfHour(8), 100000000);
     fire(*session, minuteOfHour(9) + 4);
     fire(*session, minuteOfHour(16));
-    EXPECT_EQ(2, session->getRecordForTest(0).at(PmCounter::sentPkts, 8));
-    EXPECT_EQ(1, session->getRecordForTest(1).at(PmCounter::sentPkts, 1));
+    EXPECT_EQ(2, TwampTestSessionPeer::getRecord(*session, 0).at(PmCounter::sentPkts, 8));
+    EXPECT_EQ(1, TwampTestSessionPeer::getRecord(*session, 1).at(PmCounter::sentPkts, 1));
 }
 
 // With /dev/urandom unopenable no packet is ever sent and the sequence number stays 0.
@@ -146,9 +148,9 @@ TEST_F(TwampTestSessionSendTest, NoRandomSourceSendsNothing) {
     fire(*session, minuteOfHour(8));
     fire(*session, minuteOfHour(8), 100000000);
     EXPECT_TRUE(systemCalls.sent.empty());
-    EXPECT_EQ(0u, session->getSequenceNumberForTest());
-    EXPECT_EQ(0u, session->getSendFailedCountForTest());
-    EXPECT_EQ(0, session->getRecordForTest(0).at(PmCounter::sentPkts, 8));
+    EXPECT_EQ(0u, TwampTestSessionPeer::getSequenceNumber(*session));
+    EXPECT_EQ(0u, TwampTestSessionPeer::getSendFailedCount(*session));
+    EXPECT_EQ(0, TwampTestSessionPeer::getRecord(*session, 0).at(PmCounter::sentPkts, 8));
     EXPECT_EQ((Messages{"sendMessage(): Failed to set packet padding: /dev/urandom not open",
                         "sendMessage(): Failed to set packet padding: /dev/urandom not open"}),
               TraceRecorder::twampMessages("ERROR"));
@@ -162,7 +164,7 @@ TEST_F(TwampTestSessionSendTest, RandomReadFailureSendsNothing) {
     systemCalls.randomErrno = EIO;
     fire(*session, minuteOfHour(8));
     EXPECT_TRUE(systemCalls.sent.empty());
-    EXPECT_EQ(0u, session->getSequenceNumberForTest());
+    EXPECT_EQ(0u, TwampTestSessionPeer::getSequenceNumber(*session));
     EXPECT_EQ(Messages{"sendMessage(): Failed to set packet padding: errno 5 - Input/output error"},
               TraceRecorder::twampMessages("ERROR"));
 }
@@ -202,7 +204,7 @@ TEST_F(TwampTestSessionSendTest, Ipv4TosFailureStillSends) {
                        "descriptor"},
               TraceRecorder::twampMessages("ERROR"));
     EXPECT_EQ(1u, systemCalls.sent.size());
-    EXPECT_EQ(1u, session->getSequenceNumberForTest());
+    EXPECT_EQ(1u, TwampTestSessionPeer::getSequenceNumber(*session));
 }
 
 // For IPv6 the control length is 48: traffic class at offset 0, hop limit 255 at offset 24.
@@ -245,11 +247,11 @@ TEST_F(TwampTestSessionSendTest, RepeatedSendErrorTracedOnce) {
     }
     EXPECT_EQ(Messages{"sendMessage(): Failed sendmsg: errno 101 - Network is unreachable"},
               TraceRecorder::twampMessages("LAB"));
-    EXPECT_EQ(5u, session->getSendFailedCountForTest());
-    EXPECT_EQ(101, session->getLastSendErrnoForTest());
-    EXPECT_EQ(0u, session->getSequenceNumberForTest());
-    EXPECT_EQ(std::vector<uint32_t>{}, session->getOutstandingSeqNosForTest(0));
-    EXPECT_EQ(0, session->getRecordForTest(0).at(PmCounter::sentPkts, 8));
+    EXPECT_EQ(5u, TwampTestSessionPeer::getSendFailedCount(*session));
+    EXPECT_EQ(101, TwampTestSessionPeer::getLastSendErrno(*session));
+    EXPECT_EQ(0u, TwampTestSessionPeer::getSequenceNumber(*session));
+    EXPECT_EQ(std::vector<uint32_t>{}, TwampTestSessionPeer::getOutstandingSeqNos(*session, 0));
+    EXPECT_EQ(0, TwampTestSessionPeer::getRecord(*session, 0).at(PmCounter::sentPkts, 8));
 }
 
 // A different errno is traced again.
@@ -276,8 +278,8 @@ TEST_F(TwampTestSessionSendTest, SuccessResetsRepeatedErrorSuppression) {
     EXPECT_EQ((Messages{"sendMessage(): Failed sendmsg: errno 101 - Network is unreachable",
                         "sendMessage(): Failed sendmsg: errno 101 - Network is unreachable"}),
               TraceRecorder::twampMessages("LAB"));
-    EXPECT_EQ(2u, session->getSendFailedCountForTest());
-    EXPECT_EQ(1u, session->getSentOkCountForTest());
+    EXPECT_EQ(2u, TwampTestSessionPeer::getSendFailedCount(*session));
+    EXPECT_EQ(1u, TwampTestSessionPeer::getSentOkCount(*session));
 }
 
 // A partial send resets the last errno to 0, so a following -1 is traced again.
@@ -288,13 +290,13 @@ TEST_F(TwampTestSessionSendTest, PartialSendResetsLastErrno) {
     systemCalls.sendResults.push_back({-1, ENETUNREACH});
     fire(*session, minuteOfHour(8));
     fire(*session, minuteOfHour(8), 100000000);
-    EXPECT_EQ(0, session->getLastSendErrnoForTest());
+    EXPECT_EQ(0, TwampTestSessionPeer::getLastSendErrno(*session));
     fire(*session, minuteOfHour(8), 200000000);
     EXPECT_EQ((Messages{"sendMessage(): Failed sendmsg: errno 101 - Network is unreachable",
                         "sendMessage(): Partial/failed sendmsg, expected 64 bytes, sent 10 bytes",
                         "sendMessage(): Failed sendmsg: errno 101 - Network is unreachable"}),
               TraceRecorder::twampMessages("LAB"));
-    EXPECT_EQ(3u, session->getSendFailedCountForTest());
+    EXPECT_EQ(3u, TwampTestSessionPeer::getSendFailedCount(*session));
 }
 
 // A partial send keeps the sequence number and creates no outstanding packet.
@@ -305,10 +307,10 @@ TEST_F(TwampTestSessionSendTest, PartialSendKeepsSequenceNumber) {
     fire(*session, minuteOfHour(8), 100000000);
     ASSERT_EQ(2u, systemCalls.sent.size());
     EXPECT_EQ(0u, readBigEndian32(systemCalls.sent[1].payload, 0));
-    EXPECT_EQ(std::vector<uint32_t>{0}, session->getOutstandingSeqNosForTest(0));
-    EXPECT_EQ(1, session->getRecordForTest(0).at(PmCounter::sentPkts, 8));
-    EXPECT_EQ(1u, session->getSendFailedCountForTest());
-    EXPECT_EQ(1u, session->getSentOkCountForTest());
+    EXPECT_EQ(std::vector<uint32_t>{0}, TwampTestSessionPeer::getOutstandingSeqNos(*session, 0));
+    EXPECT_EQ(1, TwampTestSessionPeer::getRecord(*session, 0).at(PmCounter::sentPkts, 8));
+    EXPECT_EQ(1u, TwampTestSessionPeer::getSendFailedCount(*session));
+    EXPECT_EQ(1u, TwampTestSessionPeer::getSentOkCount(*session));
 }
 
 }  // namespace

@@ -16,11 +16,12 @@
 
 #include "KernelMessages.h"
 #include "MeasureTestBase.h"
-#include "MockSocketSystemCalls.h"
+#include "MockSystemCalls.h"
 #include "PmPeriodRecord.h"
 #include "ReceiverKey.h"
 #include "ScriptedReceiveQueues.h"
 #include "TraceRecorder.h"
+#include "TwampTestSessionPeer.h"
 #include "UdpSocket.h"
 
 namespace {
@@ -120,8 +121,8 @@ TEST_F(TwampTestSessionOwnershipTest, AskingChangesNothing) {
     session->ownsMessage(reply(5, t1)->get());
     EXPECT_TRUE(TraceRecorder::records().empty());
     EXPECT_TRUE(session->calls.empty());
-    EXPECT_EQ(0u, session->getOutstandingPacketForTest(0, 0)->getT1Prime());
-    EXPECT_EQ(0u, session->getOutstandingPacketForTest(0, 0)->getReplyCount());
+    EXPECT_EQ(0u, TwampTestSessionPeer::getOutstandingPacket(*session, 0, 0)->getT1Prime());
+    EXPECT_EQ(0u, TwampTestSessionPeer::getOutstandingPacket(*session, 0, 0)->getReplyCount());
 }
 
 // ---- Routing through the shared socket ----
@@ -218,7 +219,7 @@ class SharedReflectorTest : public MeasureTestBase {
         return message;
     }
 
-    ::testing::NiceMock<twamp_test::MockSocketSystemCalls> socketCalls;
+    ::testing::NiceMock<twamp_test::MockSystemCalls> socketCalls;
     twamp_test::ScriptedReceiveQueues kernelQueues;
     std::unique_ptr<UdpSocket> udpSocket;
 };
@@ -247,15 +248,17 @@ TEST_F(SharedReflectorTest, InterleavedRepliesEachMatched) {
     EXPECT_EQ((SeqNos{0, 1, 2}), analysed(*first));
     EXPECT_EQ((SeqNos{0, 1, 2}), analysed(*second));
     for (uint32_t seqNo = 0; seqNo < 3; ++seqNo) {
-        EXPECT_EQ(1u, first->getOutstandingPacketForTest(0, seqNo)->getReplyCount());
+        EXPECT_EQ(1u,
+                  TwampTestSessionPeer::getOutstandingPacket(*first, 0, seqNo)->getReplyCount());
         EXPECT_EQ(firstT1[seqNo] + kNtpUnit,
-                  first->getOutstandingPacketForTest(0, seqNo)->getT1Prime());
-        EXPECT_EQ(1u, second->getOutstandingPacketForTest(0, seqNo)->getReplyCount());
+                  TwampTestSessionPeer::getOutstandingPacket(*first, 0, seqNo)->getT1Prime());
+        EXPECT_EQ(1u,
+                  TwampTestSessionPeer::getOutstandingPacket(*second, 0, seqNo)->getReplyCount());
         EXPECT_EQ(secondT1[seqNo] + kNtpUnit,
-                  second->getOutstandingPacketForTest(0, seqNo)->getT1Prime());
+                  TwampTestSessionPeer::getOutstandingPacket(*second, 0, seqNo)->getT1Prime());
     }
-    EXPECT_EQ(3, first->getRecordForTest(0).at(PmCounter::receivedPkts, 8));
-    EXPECT_EQ(3, second->getRecordForTest(0).at(PmCounter::receivedPkts, 8));
+    EXPECT_EQ(3, TwampTestSessionPeer::getRecord(*first, 0).at(PmCounter::receivedPkts, 8));
+    EXPECT_EQ(3, TwampTestSessionPeer::getRecord(*second, 0).at(PmCounter::receivedPkts, 8));
     EXPECT_EQ(Messages{}, labTraces());
 }
 
@@ -271,7 +274,7 @@ TEST_F(SharedReflectorTest, DeletingOneLeavesTheOtherMatching) {
     queueReply(0, t1, 7, 2, 2);
     serve();
     EXPECT_EQ((SeqNos{0}), analysed(*second));
-    EXPECT_EQ(1u, second->getOutstandingPacketForTest(0, 0)->getReplyCount());
+    EXPECT_EQ(1u, TwampTestSessionPeer::getOutstandingPacket(*second, 0, 0)->getReplyCount());
     EXPECT_EQ(Messages{}, labTraces());
 }
 
@@ -341,7 +344,7 @@ class SharedNumberingTest : public SharedReflectorTest {
     static std::vector<int64_t> binEight(const TwampTestSession& session) {
         std::vector<int64_t> values;
         for (int counter = 0; counter < PmPeriodRecord::kCounterCount; ++counter) {
-            values.push_back(session.getRecordForTest(0).at(counter, 8));
+            values.push_back(TwampTestSessionPeer::getRecord(session, 0).at(counter, 8));
         }
         return values;
     }

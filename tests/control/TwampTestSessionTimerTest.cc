@@ -16,6 +16,7 @@
 #include "PmPeriodRecord.h"
 #include "SessionTestDoubles.h"
 #include "TraceRecorder.h"
+#include "TwampTestSessionPeer.h"
 #include "TwtsiSignals.h"
 #include "itc.h"
 
@@ -202,8 +203,8 @@ TEST_F(TwampTestSessionTimerTest, OtherSpreadingBase) {
 TEST_F(TwampTestSessionTimerTest, ArmingMarksFirstMinutePending) {
     auto session = makeSession();
     ASSERT_TRUE(session->init());
-    EXPECT_TRUE(session->isMinutePendingForTest(0));
-    EXPECT_FALSE(session->isMinutePendingForTest(1));
+    EXPECT_TRUE(TwampTestSessionPeer::isMinutePending(*session, 0));
+    EXPECT_FALSE(TwampTestSessionPeer::isMinutePending(*session, 1));
 }
 
 // A failed timerfd_settime fails init before the padding is written.
@@ -267,9 +268,9 @@ TEST_F(TwampTestSessionTimerTest, TwentyExpiriesSendEight) {
     ASSERT_TRUE(session->init());
     TraceRecorder::reset();
     fire(*session, minuteOfHour(8), 0, 20);
-    EXPECT_EQ(19u, session->getTimerOverrunsForTest());
+    EXPECT_EQ(19u, TwampTestSessionPeer::getTimerOverruns(*session));
     EXPECT_EQ(8u, systemCalls.sent.size());
-    EXPECT_EQ(8u, session->getSequenceNumberForTest());
+    EXPECT_EQ(8u, TwampTestSessionPeer::getSequenceNumber(*session));
     EXPECT_EQ(Messages{"handlePacketTimer(): Expected one timer expiry, received 20, accumulated "
                        "overruns: 19"},
               TraceRecorder::twampMessages("LAB"));
@@ -282,7 +283,7 @@ TEST_F(TwampTestSessionTimerTest, OverrunsAccumulate) {
     TraceRecorder::reset();
     fire(*session, minuteOfHour(8), 0, 3);
     fire(*session, minuteOfHour(8), 500000000, 3);
-    EXPECT_EQ(4u, session->getTimerOverrunsForTest());
+    EXPECT_EQ(4u, TwampTestSessionPeer::getTimerOverruns(*session));
     EXPECT_EQ((Messages{"handlePacketTimer(): Expected one timer expiry, received 3, accumulated "
                         "overruns: 2",
                         "handlePacketTimer(): Expected one timer expiry, received 3, accumulated "
@@ -306,14 +307,14 @@ TEST_F(TwampTestSessionTimerTest, CancelledTimerRearms) {
     auto session = makeSession();
     ASSERT_TRUE(session->init());
     fire(*session, minuteOfHour(15));
-    ASSERT_FALSE(session->isRecordCompleteForTest(1));
+    ASSERT_FALSE(TwampTestSessionPeer::isRecordComplete(*session, 1));
     clock.set(minuteOfHour(20) + 30);
     systemCalls.queueTimerFailure(ECANCELED);
     EXPECT_TRUE(session->handleInput(kTimerFd));
     EXPECT_EQ(Messages{"handlePacketTimer(): Timer cancelled - unexpected system clock update."},
               TraceRecorder::twampMessages("EXCEPTION"));
-    EXPECT_TRUE(session->isRecordCompleteForTest(0));
-    EXPECT_TRUE(session->isRecordCompleteForTest(1));
+    EXPECT_TRUE(TwampTestSessionPeer::isRecordComplete(*session, 0));
+    EXPECT_TRUE(TwampTestSessionPeer::isRecordComplete(*session, 1));
     ASSERT_EQ(2u, systemCalls.settimeValues.size());
     EXPECT_EQ(minuteOfHour(21), systemCalls.settimeValues.at(1).it_value.tv_sec);
     EXPECT_EQ(1u, systemCalls.sent.size());
@@ -357,7 +358,7 @@ TEST_F(TwampTestSessionTimerTest, MinuteStartZeroesEventCounters) {
         PmCounter::lossPeriodsFwd,   PmCounter::lossPeriodsRev,   PmCounter::lostPktsFwd,
         PmCounter::lostPktsRev,      PmCounter::latePktsFwd,      PmCounter::latePktsRev,
         PmCounter::receivedPkts,     PmCounter::sentPkts};
-    const PmPeriodRecord& record = session->getRecordForTest(0);
+    const PmPeriodRecord& record = TwampTestSessionPeer::getRecord(*session, 0);
     for (int counter = 0; counter < PmPeriodRecord::kCounterCount; ++counter) {
         const int64_t expected = zeroed.count(counter) != 0 ? 0 : -2;
         EXPECT_EQ(expected, record.at(counter, 8)) << "counter " << counter;
@@ -371,9 +372,9 @@ TEST_F(TwampTestSessionTimerTest, MinuteStartTakesNextSequenceNumber) {
     fire(*session, minuteOfHour(8));
     fire(*session, minuteOfHour(8) + 4);
     fire(*session, minuteOfHour(9));
-    EXPECT_EQ(0u, session->getLastSenderSeqNoForTest(0));
-    EXPECT_EQ(2u, session->getLastSenderSeqNoForTest(1));
-    EXPECT_TRUE(session->isMinutePendingForTest(1));
+    EXPECT_EQ(0u, TwampTestSessionPeer::getLastSenderSeqNo(*session, 0));
+    EXPECT_EQ(2u, TwampTestSessionPeer::getLastSenderSeqNo(*session, 1));
+    EXPECT_TRUE(TwampTestSessionPeer::isMinutePending(*session, 1));
 }
 
 // The first packet of a minute that is a multiple of 15 wipes that period's record first.
@@ -381,10 +382,10 @@ TEST_F(TwampTestSessionTimerTest, FirstPacketOfIntervalWipesRecord) {
     auto session = makeSession();
     ASSERT_TRUE(session->init());
     fire(*session, minuteOfHour(8));
-    ASSERT_EQ(1, session->getRecordForTest(0).at(PmCounter::sentPkts, 8));
+    ASSERT_EQ(1, TwampTestSessionPeer::getRecord(*session, 0).at(PmCounter::sentPkts, 8));
     fire(*session, minuteOfHour(30));
-    const PmPeriodRecord& record = session->getRecordForTest(0);
-    EXPECT_FALSE(session->isRecordCompleteForTest(0));
+    const PmPeriodRecord& record = TwampTestSessionPeer::getRecord(*session, 0);
+    EXPECT_FALSE(TwampTestSessionPeer::isRecordComplete(*session, 0));
     EXPECT_EQ(-2, record.at(PmCounter::sentPkts, 8));
     EXPECT_EQ(-2, record.at(PmCounter::receivedPkts, 8));
     EXPECT_EQ(1, record.at(PmCounter::sentPkts, 0));
@@ -400,8 +401,9 @@ TEST_F(TwampTestSessionTimerTest, MinuteNotFinalisedBeforeFourSeconds) {
     fire(*session, minuteOfHour(8) + 4);
     fire(*session, minuteOfHour(9));
     fire(*session, minuteOfHour(9) + 3, 999999999);
-    EXPECT_EQ((std::vector<uint32_t>{0, 1}), session->getOutstandingSeqNosForTest(0));
-    EXPECT_TRUE(session->isMinutePendingForTest(0));
+    EXPECT_EQ((std::vector<uint32_t>{0, 1}),
+              TwampTestSessionPeer::getOutstandingSeqNos(*session, 0));
+    EXPECT_TRUE(TwampTestSessionPeer::isMinutePending(*session, 0));
 }
 
 // 4 s after its end the minute is finalised: its outstanding packets are deleted.
@@ -413,9 +415,10 @@ TEST_F(TwampTestSessionTimerTest, MinuteFinalisedAfterFourSeconds) {
     fire(*session, minuteOfHour(9));
     fire(*session, minuteOfHour(9) + 3, 999999999);
     fire(*session, minuteOfHour(9) + 4);
-    EXPECT_EQ(std::vector<uint32_t>{}, session->getOutstandingSeqNosForTest(0));
-    EXPECT_FALSE(session->isMinutePendingForTest(0));
-    EXPECT_EQ((std::vector<uint32_t>{2, 3, 4}), session->getOutstandingSeqNosForTest(1));
+    EXPECT_EQ(std::vector<uint32_t>{}, TwampTestSessionPeer::getOutstandingSeqNos(*session, 0));
+    EXPECT_FALSE(TwampTestSessionPeer::isMinutePending(*session, 0));
+    EXPECT_EQ((std::vector<uint32_t>{2, 3, 4}),
+              TwampTestSessionPeer::getOutstandingSeqNos(*session, 1));
 }
 
 // A held reply goes to the dispatcher at the minute end, not before.
@@ -448,8 +451,9 @@ TEST_F(TwampTestSessionTimerTest, IntervalEndCompletesRecordForHeldReply) {
         fire(*session, minuteOfHour(minute) + 4);
     }
     fire(*session, minuteOfHour(15));
-    ASSERT_FALSE(session->isRecordCompleteForTest(0));
-    ASSERT_EQ((std::vector<uint32_t>{28, 29}), session->getOutstandingSeqNosForTest(0));
+    ASSERT_FALSE(TwampTestSessionPeer::isRecordComplete(*session, 0));
+    ASSERT_EQ((std::vector<uint32_t>{28, 29}),
+              TwampTestSessionPeer::getOutstandingSeqNos(*session, 0));
     session->setPendingPmReply(newReply());
     bool completedOnReply = false;
     EXPECT_CALL(dispatcher, sendPmCountersReply(session.get(), _))
@@ -458,10 +462,10 @@ TEST_F(TwampTestSessionTimerTest, IntervalEndCompletesRecordForHeldReply) {
             itc_free(&reply);
         });
     fire(*session, minuteOfHour(15) + 4);
-    EXPECT_TRUE(session->isRecordCompleteForTest(0));
+    EXPECT_TRUE(TwampTestSessionPeer::isRecordComplete(*session, 0));
     EXPECT_TRUE(completedOnReply);
-    EXPECT_EQ(std::vector<uint32_t>{}, session->getOutstandingSeqNosForTest(0));
-    EXPECT_EQ(2, session->getRecordForTest(0).at(PmCounter::sentPkts, 14));
+    EXPECT_EQ(std::vector<uint32_t>{}, TwampTestSessionPeer::getOutstandingSeqNos(*session, 0));
+    EXPECT_EQ(2, TwampTestSessionPeer::getRecord(*session, 0).at(PmCounter::sentPkts, 14));
 }
 
 }  // namespace

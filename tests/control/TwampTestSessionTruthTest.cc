@@ -15,6 +15,7 @@
 #include "MeasureTestBase.h"
 #include "PmPeriodRecord.h"
 #include "TraceRecorder.h"
+#include "TwampTestSessionPeer.h"
 #include "tn_log_internal.h"
 
 namespace {
@@ -46,12 +47,12 @@ class TwampTestSessionTruthTest : public MeasureTestBase {
     std::vector<int64_t> binOf(const TwampTestSession& session, int record, int bin) const {
         std::vector<int64_t> values;
         for (int counter = 0; counter < PmPeriodRecord::kCounterCount; ++counter) {
-            values.push_back(session.getRecordForTest(record).at(counter, bin));
+            values.push_back(TwampTestSessionPeer::getRecord(session, record).at(counter, bin));
         }
         return values;
     }
     int64_t value(const TwampTestSession& session, PmCounter::Index counter, int bin) const {
-        return session.getRecordForTest(0).at(counter, bin);
+        return TwampTestSessionPeer::getRecord(session, 0).at(counter, bin);
     }
 };
 
@@ -78,8 +79,8 @@ TEST_F(TwampTestSessionTruthTest, ClockStepVoidsTheInterruptedMinute) {
     TraceRecorder::reset();
     EXPECT_TRUE(session->handleInput(control_test::FakeSessionSystemCalls::kTimerFd));
     EXPECT_EQ(kAllNotAvailable, binOf(*session, 0, 8));
-    EXPECT_TRUE(session->getOutstandingSeqNosForTest(0).empty());
-    EXPECT_FALSE(session->isMinutePendingForTest(0));
+    EXPECT_TRUE(TwampTestSessionPeer::getOutstandingSeqNos(*session, 0).empty());
+    EXPECT_FALSE(TwampTestSessionPeer::isMinutePending(*session, 0));
     ASSERT_EQ(1u, FakeSaLog::records().size());
     EXPECT_EQ("TnNetworkLog", FakeSaLog::records()[0].streamName);
     EXPECT_EQ(
@@ -127,10 +128,10 @@ TEST_F(TwampTestSessionTruthTest, DroppedExpiriesPostponeTheMinuteEnd) {
     clock.set(minuteOfHour(9) + 6, 0);
     systemCalls.queueExpiries(65);
     EXPECT_TRUE(session->handleInput(control_test::FakeSessionSystemCalls::kTimerFd));
-    EXPECT_TRUE(session->isMinutePendingForTest(0));
+    EXPECT_TRUE(TwampTestSessionPeer::isMinutePending(*session, 0));
     answer(*session, 0, t1, 0, 2, 2);
     sendAt(*session, 9, 7);
-    EXPECT_FALSE(session->isMinutePendingForTest(0));
+    EXPECT_FALSE(TwampTestSessionPeer::isMinutePending(*session, 0));
     EXPECT_EQ(1, value(*session, PmCounter::receivedPkts, 8));
     EXPECT_EQ(0, value(*session, PmCounter::lostPktsFwd, 8));
 }
@@ -174,14 +175,14 @@ TEST_F(TwampTestSessionTruthTest, RateZeroKeepsAMinuteOfSamples) {
     }
     sendAt(*session, 9, 4);
     EXPECT_TRUE(TraceRecorder::twampMessages("ERROR").empty());
-    EXPECT_EQ(60u, session->getDelayRtForTest(0)->getPercentileSamples());
+    EXPECT_EQ(60u, TwampTestSessionPeer::getDelayRt(*session, 0)->getPercentileSamples());
     EXPECT_EQ(62500, value(*session, PmCounter::delayRtP99, 8));
 }
 
 // The sequence number wrapping inside a minute counts as a step forward.
 TEST_F(TwampTestSessionTruthTest, SequenceWrapInsideAMinuteCountsCorrectly) {
     auto session = startSession();
-    session->setSequenceNumberForTest(0xFFFFFFFEu);
+    TwampTestSessionPeer::setSequenceNumber(*session, 0xFFFFFFFEu);
     std::vector<uint64_t> t1;
     for (int i = 0; i < 5; ++i) {
         t1.push_back(sendAt(*session, 8, 1, i));

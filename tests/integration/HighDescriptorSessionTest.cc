@@ -38,6 +38,7 @@
 #include "TraceRecorder.h"
 #include "TwampTestSession.h"
 #include "TwampTestSessionController.h"
+#include "TwampTestSessionPeer.h"
 #include "TwtsiSignals.h"
 #include "itc.h"
 #include "tn_log_internal.h"
@@ -261,7 +262,7 @@ TEST_F(HighDescriptorSessionTest, TimerAboveSelectLimitIsWatchedAndSends) {
 
     ASSERT_TRUE(sendCreate("high"));
     ASSERT_TRUE(runUntil([this] { return session("high") != nullptr; }));
-    EXPECT_LE(kSelectLimit + 100, session("high")->getTimerFdForTest());
+    EXPECT_LE(kSelectLimit + 100, TwampTestSessionPeer::getTimerFd(*session("high")));
     ASSERT_TRUE(runUntil([this] { return requestsSeen() >= 3; }));
 
     EXPECT_TRUE(TraceRecorder::twampMessages("ERROR").empty());

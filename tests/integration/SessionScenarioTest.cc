@@ -43,6 +43,7 @@
 #include "TraceRecorder.h"
 #include "TwampTestSession.h"
 #include "TwampTestSessionController.h"
+#include "TwampTestSessionPeer.h"
 #include "TwtsiSignals.h"
 #include "UdpSocket.h"
 #include "itc.h"
@@ -357,7 +358,8 @@ class SessionScenarioTest : public ::testing::Test {
     bool runUntilFinalised(int minute) {
         return runUntil([&] {
             const TwampTestSession* current = session();
-            return current != nullptr && !current->isMinutePendingForTest(parityOf(minute));
+            return current != nullptr &&
+                   !TwampTestSessionPeer::isMinutePending(*current, parityOf(minute));
         });
     }
 

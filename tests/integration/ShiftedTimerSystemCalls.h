@@ -11,11 +11,11 @@
 
 namespace scenario_test {
 
-class ShiftedTimerSystemCalls : public SessionSystemCalls {
+class ShiftedTimerSystemCalls : public SystemCalls {
   public:
     explicit ShiftedTimerSystemCalls(const ShiftedClock& clock) : clock(clock) {}
 
-    // SessionSystemCalls
+    // SystemCalls
     int timerfdSettime(int fd, int flags, const struct itimerspec* newValue,
                        struct itimerspec* oldValue) override {
         struct itimerspec translated = *newValue;
@@ -23,7 +23,7 @@ class ShiftedTimerSystemCalls : public SessionSystemCalls {
         if ((flags & TFD_TIMER_ABSTIME) != 0 && !disarms) {
             translated.it_value = clock.toReal(newValue->it_value);
         }
-        return SessionSystemCalls::timerfdSettime(fd, flags, &translated, oldValue);
+        return SystemCalls::timerfdSettime(fd, flags, &translated, oldValue);
     }
 
   private:

@@ -352,7 +352,7 @@ TEST_F(UdpSocketLoopbackTest, SeveralLoopedFramesEachWithItsTimestamp) {
 
 // A port already taken by another socket fails every round with errno 98.
 TEST_F(UdpSocketLoopbackTest, TakenPortFailsToBind) {
-    class NoSleep : public SocketSystemCalls {
+    class NoSleep : public SystemCalls {
       public:
         unsigned int sleep(unsigned int) override {
             ++sleeps;

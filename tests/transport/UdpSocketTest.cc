@@ -22,7 +22,7 @@
 
 #include "IoMultiplexer.h"
 #include "MockMessageReceiver.h"
-#include "MockSocketSystemCalls.h"
+#include "MockSystemCalls.h"
 #include "MockTwampTestSessionController.h"
 #include "ScriptedReceiveQueues.h"
 #include "TestFrames.h"
@@ -42,7 +42,7 @@ using ::testing::Return;
 using ::testing::ReturnRef;
 using ::testing::StrictMock;
 using twamp_test::MockMessageReceiver;
-using twamp_test::MockSocketSystemCalls;
+using twamp_test::MockSystemCalls;
 using twamp_test::MockTwampTestSessionController;
 using twamp_test::RecvmmsgCall;
 using twamp_test::ScriptedReceiveQueues;
@@ -173,7 +173,7 @@ class UdpSocketTest : public ::testing::Test {
 
     IoMultiplexer multiplexer;
     NiceMock<MockTwampTestSessionController> controller;
-    NiceMock<MockSocketSystemCalls> systemCalls;
+    NiceMock<MockSystemCalls> systemCalls;
     struct timespec monotonicNow = {1234, 567890123};
     std::vector<TimerSetting> timerSettings;
     std::vector<OptionCall> options;
@@ -230,7 +230,7 @@ TEST_F(UdpSocketTest, FailedBindClosesItsSocket) {
     });
     ON_CALL(systemCalls, close).WillByDefault([this](int fd) {
         events.push_back("close " + std::to_string(fd));
-        return SocketSystemCalls::real().close(fd);
+        return SystemCalls::real().close(fd);
     });
     EXPECT_TRUE(udpSocket->init("127.0.0.1", "5000", false));
     ASSERT_EQ(3U, events.size());
@@ -332,7 +332,7 @@ TEST_F(UdpSocketTest, HintsArePassiveDatagram) {
 // No attempts means no round: no socket, but the failure trace and the timer.
 TEST_F(UdpSocketTest, ZeroAttemptsMakeNoRound) {
     ON_CALL(systemCalls, getaddrinfo).WillByDefault([](auto... args) {
-        const int result = SocketSystemCalls::real().getaddrinfo(args...);
+        const int result = SystemCalls::real().getaddrinfo(args...);
         errno = EADDRINUSE;
         return result;
     });

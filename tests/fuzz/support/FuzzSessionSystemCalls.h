@@ -9,7 +9,7 @@
 
 #include "TwampTestSession.h"
 
-class FuzzSessionSystemCalls : public SessionSystemCalls {
+class FuzzSessionSystemCalls : public SystemCalls {
   public:
     // Timer descriptors are handed out from here on; no real descriptor is that high.
     static constexpr int kFirstTimerFd = 1000000;
@@ -17,7 +17,7 @@ class FuzzSessionSystemCalls : public SessionSystemCalls {
     // How many expiries the next timer reads report (at least 1).
     void setExpiries(uint64_t count) { expiries = count; }
 
-    // SessionSystemCalls
+    // SystemCalls
     int timerfdCreate(int clock, int flags) override;
     int timerfdSettime(int fd, int flags, const struct itimerspec* newValue,
                        struct itimerspec* oldValue) override;

@@ -5,9 +5,9 @@
 #define TWAMP_FUZZ_SOCKET_SYSTEM_CALLS_H
 
 #include "ScriptedReceiveQueues.h"
-#include "SocketSystemCalls.h"
+#include "SystemCalls.h"
 
-class FuzzSocketSystemCalls : public SocketSystemCalls {
+class FuzzSocketSystemCalls : public SystemCalls {
   public:
     // The bound socket's descriptor; no real descriptor is that high.
     static constexpr int kSocketFd = 999999;
@@ -18,7 +18,7 @@ class FuzzSocketSystemCalls : public SocketSystemCalls {
     // Empties both queues and forgets the calls, for the next input.
     void resetQueues() { receiveQueues = twamp_test::ScriptedReceiveQueues(); }
 
-    // SocketSystemCalls
+    // SystemCalls
     int getaddrinfo(const char* node, const char* service, const struct addrinfo* hints,
                     struct addrinfo** result) override;
     void freeaddrinfo(struct addrinfo* result) override;

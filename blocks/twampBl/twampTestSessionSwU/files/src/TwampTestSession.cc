@@ -12,9 +12,11 @@
 
 #include "IoMultiplexer.h"
 #include "ItcDispatcher.h"
+#include "MinuteArithmetic.h"
 #include "NtpTimestamp.h"
 #include "OwampTestMessage.h"
 #include "RandomFd.h"
+#include "SequenceTracker.h"
 #include "ReceiverKey.h"
 #include "SocketHelper.h"
 #include "TraceFacade.h"
@@ -26,8 +28,6 @@
 
 namespace {
 
-constexpr uint32_t kSecondsPerMinute = 60;
-constexpr uint32_t kMinutesPerInterval = 15;
 constexpr int32_t kNanosecondsPerSecond = 1000000000;
 // Sessions are spread inside the first second of the minute by startOffset
 // times this factor; the base 5000 packs more offsets into that second.
@@ -102,28 +102,6 @@ std::size_t outstandingCapacityFor(int32_t packetsPerSecond) {
     return perMinute + perMinute / 15 + 16;
 }
 
-// The 8-bit sequence jump limit: four seconds of packets, truncated.
-uint8_t jumpLimitFor(uint32_t packetsPerSecond) {
-    return static_cast<uint8_t>(packetsPerSecond * 4);
-}
-
-// How far back a reflector number can lie when the packet overtook others
-// on the way to the reflector: the packets numbered between it and the
-// expected number reached the reflector while it was on its way, within
-// the 4 s a reply may take, and were sent at most 4 s before it. Eight
-// seconds of packets, at least eight packets.
-uint32_t overtakingWindowFor(int32_t packetsPerSecond) {
-    constexpr uint32_t kWindowSeconds = 8;
-    return kWindowSeconds * static_cast<uint32_t>(packetsPerSecond > 1 ? packetsPerSecond : 1);
-}
-
-// The reflector's number went back from the expected one by more than
-// overtaking on the way out can explain.
-bool wentBackBeyondOvertaking(uint32_t expected, uint32_t responderSeqNo,
-                              int32_t packetsPerSecond) {
-    return expected - responderSeqNo > overtakingWindowFor(packetsPerSecond);
-}
-
 // Sets every counter of one minute bin.
 void fillBin(PmPeriodRecord& record, int bin, int64_t value) {
     for (int counter = 0; counter < PmPeriodRecord::kCounterCount; ++counter) {
@@ -134,28 +112,6 @@ void fillBin(PmPeriodRecord& record, int bin, int64_t value) {
 // Empty text in place of a missing one, for traces and log records.
 const char* textOrEmpty(const char* text) {
     return text != nullptr ? text : "";
-}
-
-// The minute number of a wall-clock time, kept in 32 bits.
-uint32_t minuteOf(const struct timespec& now) {
-    return static_cast<uint32_t>(now.tv_sec / kSecondsPerMinute);
-}
-
-// Index of the period record of a minute: parity of its 15-minute interval.
-int recordIndexOf(uint32_t minute) {
-    return static_cast<int>((minute / kMinutesPerInterval) & 1);
-}
-
-// The wall-clock minute number of a 64-bit NTP timestamp (32 bits of
-// seconds). The seconds wrap on 2036-02-07 06:28:16 UTC; a clock that reads
-// after 1970 then puts them in the next NTP era. 2^32 s is no whole number
-// of minutes, so the minute is taken from POSIX seconds, not NTP ones.
-uint32_t minuteOfNtp(uint64_t ntpTimestamp) {
-    const uint64_t ntpSeconds = ntpTimestamp >> 32;
-    const uint64_t posixSeconds = ntpSeconds >= kNtpUnixEpochOffset
-                                      ? ntpSeconds - kNtpUnixEpochOffset
-                                      : ntpSeconds + (uint64_t{1} << 32) - kNtpUnixEpochOffset;
-    return static_cast<uint32_t>(posixSeconds / kSecondsPerMinute);
 }
 
 // An NTP time difference in microseconds.
@@ -176,56 +132,6 @@ int64_t ntpToSignedMicroseconds(uint64_t ntpDifference) {
     return seconds * kMicrosecondsPerSecond + static_cast<int64_t>(ntpToMicroseconds(fraction));
 }
 
-// The sequence tracker of one direction of one minute.
-struct SequenceCounters {
-    int64_t& lost;
-    int64_t& late;
-    int64_t& duplicate;
-};
-
-// Books received sequence number seq against the expected one: a gap beyond
-// the allowance is counted lost and its numbers listed missing; an earlier
-// number is late when it was listed missing, otherwise a duplicate, unless
-// it is a packet's first reply: that one is no duplicate, its number went
-// back past where the minute's tracking of this direction began (the
-// minute's first reply may have overtaken it), and the other direction may
-// still find it missing. counted is shared by both directions of one
-// packet, so a packet adds at most one late or duplicate count. Returns the
-// number of packets newly counted lost.
-uint32_t trackSequence(uint32_t seq, uint32_t& expected, MissingSequenceList& missing,
-                       const SequenceCounters& counters, uint32_t allowance, bool firstReply,
-                       bool& counted) {
-    // Serial-number order, so that a number wrapping from 2^32 - 1 to 0
-    // inside a minute is a step forward.
-    if (static_cast<int32_t>(seq - expected) > 0) {
-        const uint32_t gap = seq - expected;
-        uint32_t newlyLost = 0;
-        if (static_cast<int32_t>(gap) > static_cast<int32_t>(allowance)) {
-            newlyLost = gap - allowance;
-            counters.lost += newlyLost;
-            missing.append(expected, newlyLost);
-        }
-        expected = seq + 1;
-        return newlyLost;
-    }
-    if (expected == seq) {
-        expected = seq + 1;
-        return 0;
-    }
-    if (counted) {
-        return 0;
-    }
-    if (missing.remove(seq)) {
-        counters.lost -= 1;
-        counters.late += 1;
-        counted = true;
-    } else if (!firstReply) {
-        counters.duplicate += 1;
-        counted = true;
-    }
-    return 0;
-}
-
 // Traces of the steps below name the operation they belong to.
 constexpr const char* kInit = "init";
 constexpr const char* kHandlePacketTimer = "handlePacketTimer";
@@ -233,60 +139,14 @@ constexpr const char* kSendMessage = "sendMessage";
 constexpr const char* kUpdatePmMember = "updatePmMember";
 constexpr const char* kFinalizePmMember = "finalizePmMember";
 
-// Parity of a minute number: selects the per-minute state and outstanding map.
-int parityOf(uint32_t minute) {
-    return static_cast<int>(minute & 1);
-}
-
 }  // namespace
 
-SessionSystemCalls::~SessionSystemCalls() = default;
-
-int SessionSystemCalls::timerfdCreate(int clock, int flags) {
-    return ::timerfd_create(clock, flags);
-}
-
-int SessionSystemCalls::timerfdSettime(int fd, int flags, const struct itimerspec* newValue,
-                                       struct itimerspec* oldValue) {
-    return ::timerfd_settime(fd, flags, newValue, oldValue);
-}
-
-ssize_t SessionSystemCalls::read(int fd, void* buffer, std::size_t count) {
-    return ::read(fd, buffer, count);
-}
-
-ssize_t SessionSystemCalls::sendmsg(int fd, const struct msghdr* msg, int flags) {
-    return ::sendmsg(fd, msg, flags);
-}
-
-int SessionSystemCalls::setsockopt(int fd, int level, int name, const void* value,
-                                   socklen_t length) {
-    return ::setsockopt(fd, level, name, value, length);
-}
-
-int SessionSystemCalls::close(int fd) {
-    return ::close(fd);
-}
-
-int SessionSystemCalls::getaddrinfo(const char* node, const char* service,
-                                    const struct addrinfo* hints, struct addrinfo** result) {
-    return ::getaddrinfo(node, service, hints, result);
-}
-
-void SessionSystemCalls::freeaddrinfo(struct addrinfo* result) {
-    ::freeaddrinfo(result);
-}
-
-SessionSystemCalls& SessionSystemCalls::real() {
-    static SessionSystemCalls systemCalls;
-    return systemCalls;
-}
+// ---- Life: construction, start, the descriptors it serves ----
 
 TwampTestSession::TwampTestSession(const char* dstIpAddress, const char* dstUdpPort,
                                    uint32_t packetsPerSecond, uint32_t spare1, uint32_t spare2,
                                    int32_t packetSize, uint32_t dscp, uint32_t startOffset,
-                                   uint32_t spreadingBase, Clock& clock,
-                                   SessionSystemCalls* systemCalls)
+                                   uint32_t spreadingBase, Clock& clock, SystemCalls* systemCalls)
     : dstIpAddress(requireText(dstIpAddress, "dstIpAddress")),
       dstUdpPort(requireText(dstUdpPort, "dstUdpPort")),
       packetsPerSecond(static_cast<int32_t>(packetsPerSecond)),
@@ -297,9 +157,9 @@ TwampTestSession::TwampTestSession(const char* dstIpAddress, const char* dstUdpP
       spreadingBase(spreadingBase),
       dscp(dscp),
       outstanding(outstandingCapacityFor(static_cast<int32_t>(packetsPerSecond))),
-      sequenceJumpLimit(jumpLimitFor(packetsPerSecond)),
+      sequences(static_cast<int32_t>(packetsPerSecond)),
       clock(clock),
-      systemCalls(systemCalls != nullptr ? *systemCalls : SessionSystemCalls::real()) {
+      systemCalls(systemCalls != nullptr ? *systemCalls : SystemCalls::real()) {
     std::memset(controlBuffer, 0, sizeof(controlBuffer));
     std::memset(&dstAddress, 0, sizeof(dstAddress));
     std::memset(&ioVector, 0, sizeof(ioVector));
@@ -316,35 +176,12 @@ TwampTestSession::~TwampTestSession() {
     if (timerFd != -1) {
         systemCalls.close(timerFd);
     }
-    TwampTestSessionController::getInstance()->getIoMultiplexer().removeReadHandler(this);
+    controller().getIoMultiplexer().removeReadHandler(this);
     removeFromSocket();
     packetBuffer.reset();
     if (pendingPmReply != nullptr) {
         itc_free(&pendingPmReply);
     }
-}
-
-std::set<int> TwampTestSession::getReadFds() const {
-    return readFds;
-}
-
-std::set<int> TwampTestSession::getWriteFds() const {
-    return {TwampTestSessionController::getInstance()->getUdpSocket().getSocketFd()};
-}
-
-bool TwampTestSession::handleInput(int fd) {
-    if (fd == timerFd) {
-        return handlePacketTimer();
-    }
-    return true;
-}
-
-bool TwampTestSession::handleOutput(int /*fd*/) {
-    return true;
-}
-
-std::string TwampTestSession::getDescriptorFailure() const {
-    return descriptorFailure;
 }
 
 bool TwampTestSession::init() {
@@ -361,7 +198,7 @@ bool TwampTestSession::init() {
     if (!createTimer()) {
         return false;
     }
-    if (!TwampTestSessionController::getInstance()->getIoMultiplexer().registerReadHandler(this)) {
+    if (!controller().getIoMultiplexer().registerReadHandler(this)) {
         descriptorFailure = "the event loop cannot watch its packet timer";
         return false;
     }
@@ -372,373 +209,8 @@ bool TwampTestSession::init() {
     return writeInitialPadding();
 }
 
-void TwampTestSession::receiveMessage(struct msghdr* msg) {
-    if (msg == nullptr || msg->msg_iov == nullptr || msg->msg_iovlen < 1) {
-        return;
-    }
-    const struct iovec& payload = msg->msg_iov[0];
-    // The socket hands over exactly the received datagram: the fields of a
-    // shorter reply would be read from the previous datagram's bytes.
-    if (payload.iov_len < TwampTestMessage::kPaddingOffset) {
-        TRACE_LAB("Response packet of %zu bytes is too short and thus discarded", payload.iov_len);
-        return;
-    }
-    TwampTestMessage message(static_cast<uint8_t*>(payload.iov_base), payload.iov_len);
-    const uint64_t echoedT1 = message.getSenderTimestamp();
-    const uint32_t seqNo = message.getSenderSequenceNumber();
-    SentPacket* sent = findSentPacket(parityOf(minuteOfNtp(echoedT1)), seqNo);
-    if (sent == nullptr) {
-        TRACE_LAB("No outstanding packet found for seqNum: %u ", seqNo);
-        return;
-    }
-    // A reply must echo the send time of the packet it answers; one that
-    // does not cannot be placed in any minute.
-    if (sent->t1 != echoedT1) {
-        TRACE_LAB("Response sender timestamp %lx differs from %lx sent, seqNum: %u ",
-                  static_cast<unsigned long>(echoedT1), static_cast<unsigned long>(sent->t1),
-                  seqNo);
-        return;
-    }
-    auto packet = std::make_unique<OutstandingPacket>(seqNo, sent->t1);
-    packet->setResponse(msg, TwampTestSessionController::getInstance()->getSocketHelper());
-    if (sent->t1Prime == 0) {
-        TRACE_LAB("Received response packet, but TX timestamp unknown, seqNum: %u ", seqNo);
-        outstanding.holdReply(std::move(packet));
-        return;
-    }
-    analyzeReply(*packet, *sent);
-}
-
-void TwampTestSession::analyzeReply(OutstandingPacket& reply, const SentPacket& sent) {
-    // The reply counts, as the packet's next one, only when it came within
-    // 4 s of the transmit timestamp: a later copy is discarded by analyzePM
-    // and is neither a received packet nor a duplicate.
-    reply.restore(sent.t1Prime, sent.replyCount + 1);
-    if (reply.getT4() - sent.t1Prime <= kRoundTripLimit) {
-        outstanding.countReply(reply.getSenderSeqNo());
-    }
-    const uint32_t minute = sent.minute;
-    analyzePM(reply, recordIndexOf(minute), static_cast<int>(minute % kMinutesPerInterval),
-              parityOf(minute));
-}
-
-void TwampTestSession::receiveErrQueueMessage(struct msghdr* msg, ssize_t length) {
-    if (msg == nullptr || msg->msg_iov == nullptr || msg->msg_iovlen < 1 || length < 0) {
-        return;
-    }
-    const auto frameLength = static_cast<std::size_t>(length);
-    const auto* frame = static_cast<uint8_t*>(msg->msg_iov[0].iov_base);
-    const int family = TwampTestSessionController::getInstance()->getUdpSocket().getFamily();
-    const std::size_t headerLength = getLoopedFrameHeaderLength(frame, frameLength, family);
-    // Sequence Number and Timestamp must lie inside the looped-back frame.
-    if (frameLength < headerLength + OwampTestMessage::kErrorEstimateOffset) {
-        TRACE_LAB("Looped-back frame of %zu bytes is too short and thus discarded", frameLength);
-        return;
-    }
-    OwampTestMessage message(const_cast<uint8_t*>(frame) + headerLength,
-                             frameLength - headerLength);
-    const uint64_t t1 = message.getTimestamp();
-    const uint32_t seqNo = message.getSequenceNumber();
-    SentPacket* sent = findSentPacket(parityOf(minuteOfNtp(t1)), seqNo);
-    if (sent == nullptr || sent->t1 != t1) {
-        TRACE_LAB("No outstanding packet found for seqNum: %u ", seqNo);
-        return;
-    }
-    const std::vector<OutstandingPacket*> held = outstanding.heldReplies(seqNo);
-    if (held.empty() && sent->replyCount != 0 && sent->t1Prime != 0) {
-        // The packet was answered and analysed already: a second timestamp
-        // would count its reply twice.
-        TRACE_LAB("Repeated TX Timestamp ignored, seqNum: %u ", seqNo);
-        return;
-    }
-    sent->t1Prime = getTxTimestamp(msg);
-    // The usual order: the timestamp came before the reply. A held reply
-    // without a receive timestamp is never analysed.
-    const auto received = [](const OutstandingPacket* reply) { return reply->getT4() != 0; };
-    if (std::none_of(held.begin(), held.end(), received)) {
-        return;
-    }
-    TRACE_LAB("Got late TX Timestamp, seqNum: %u ", seqNo);
-    // Every copy that came meanwhile is analysed in the order it came: the
-    // first one gives the delays, the others are duplicates.
-    for (OutstandingPacket* reply : held) {
-        if (received(reply)) {
-            analyzeReply(*reply, *sent);
-        }
-    }
-    outstanding.releaseReplies(seqNo);
-}
-
-// Several sessions may share one reflector address; the socket asks each
-// which reply is its own. The sequence number alone is not enough (every
-// session counts from 0), the T1 it was sent at tells them apart.
-bool TwampTestSession::ownsMessage(const struct msghdr* msg) const {
-    if (msg == nullptr || msg->msg_iov == nullptr || msg->msg_iovlen < 1 ||
-        msg->msg_iov[0].iov_len < TwampTestMessage::kPaddingOffset) {
-        return false;
-    }
-    const TwampTestMessage reply(static_cast<uint8_t*>(msg->msg_iov[0].iov_base),
-                                 msg->msg_iov[0].iov_len);
-    return isOutstanding(reply.getSenderSequenceNumber(), reply.getSenderTimestamp());
-}
-
-bool TwampTestSession::ownsErrQueueMessage(const struct msghdr* msg, ssize_t length) const {
-    if (msg == nullptr || msg->msg_iov == nullptr || msg->msg_iovlen < 1 || length < 0) {
-        return false;
-    }
-    const auto frameLength = static_cast<std::size_t>(length);
-    auto* frame = static_cast<uint8_t*>(msg->msg_iov[0].iov_base);
-    const int family = TwampTestSessionController::getInstance()->getUdpSocket().getFamily();
-    const std::size_t headerLength = getLoopedFrameHeaderLength(frame, frameLength, family);
-    if (frameLength < headerLength + OwampTestMessage::kErrorEstimateOffset) {
-        return false;
-    }
-    const OwampTestMessage sent(frame + headerLength, frameLength - headerLength);
-    return isOutstanding(sent.getSequenceNumber(), sent.getTimestamp());
-}
-
-// Packet seqNo sent at t1 is outstanding here.
-bool TwampTestSession::isOutstanding(uint32_t seqNo, uint64_t t1) const {
-    const SentPacket* sent = outstanding.find(seqNo);
-    return sent != nullptr && sent->t1 == t1;
-}
-
-SentPacket* TwampTestSession::findSentPacket(int parity, uint32_t seqNo) {
-    SentPacket* sent = outstanding.find(seqNo);
-    // Each minute parity keeps its own packets: a number found under the
-    // other parity is not this packet.
-    if (sent == nullptr || parityOf(sent->minute) != parity) {
-        return nullptr;
-    }
-    return sent;
-}
-
-// ---- PM analysis of a packet ----
-
-void TwampTestSession::analyzePM(const OutstandingPacket& packet, int recordIndex, int bin,
-                                 int parity) {
-    const uint64_t roundTrip = packet.getT4() - packet.getT1Prime();
-    if (roundTrip <= kRoundTripLimit) {
-        updatePmMember(records[recordIndex], bin, packet, parity);
-        return;
-    }
-    TRACE_LAB(
-        "Packet not received within the time limit (4s) and thus discarded. Round-trip sec "
-        "part = %u. StartOffset: %d. Packet data: SenderSequenceNo: %u, ResponderSequenceNo: "
-        "%u, T1: %lx, T1Prime: %lx, T2: %lx, T3: %lx, T4: %lx",
-        static_cast<uint32_t>(roundTrip >> 32), startOffset, packet.getSenderSeqNo(),
-        packet.getResponderSeqNo(), static_cast<unsigned long>(packet.getT1()),
-        static_cast<unsigned long>(packet.getT1Prime()), static_cast<unsigned long>(packet.getT2()),
-        static_cast<unsigned long>(packet.getT3()), static_cast<unsigned long>(packet.getT4()));
-}
-
-void TwampTestSession::updatePmMember(PmPeriodRecord& record, int bin,
-                                      const OutstandingPacket& packet, int parity) {
-    record.at(PmCounter::receivedPkts, bin) += 1;
-    if (sequenceErrorFlag != 0) {
-        resynchroniseSequences(packet, parity);
-        return;
-    }
-    if (isSequenceBroken(packet, parity)) {
-        // The reflector restarted: sequence and delay accounting pause until
-        // the next minute start, and a minute still being finalised is void.
-        sequenceErrorFlag = 1;
-        resynchroniseSequences(packet, parity);
-        return;
-    }
-    bool counted = false;
-    uint32_t reverseGap = 0;
-    if (isResponderRenumbered(packet, parity)) {
-        // The new numbering is followed from here on; its replies are
-        // neither late nor duplicates.
-        expectedResponderSeqNo[parity] = packet.getResponderSeqNo() + 1;
-    } else {
-        reverseGap = trackReverseSequence(record, bin, packet, parity, counted);
-    }
-    if (reverseGap > 0 && packet.getResponderSeqNo() == packet.getSenderSeqNo()) {
-        reportStatelessReflector();
-    }
-    // A packet lost on the way back advanced the reflector's number: it is
-    // counted once, as reverse loss, not again as forward loss.
-    trackSequence(packet.getSenderSeqNo(), lastSenderSeqNo[parity], missingSenderSeqNos[parity],
-                  {record.at(PmCounter::lostPktsFwd, bin), record.at(PmCounter::latePktsFwd, bin),
-                   record.at(PmCounter::duplicatePktsFwd, bin)},
-                  reverseGap, packet.getReplyCount() == 1, counted);
-    // Only the first reply of a packet feeds delays and header fields.
-    if (packet.getReplyCount() != 1) {
-        return;
-    }
-    addHeaderFields(packet, parity);
-    if (packet.getT1Prime() == 0) {
-        return;
-    }
-    addDelaySamples(packet, parity);
-}
-
-bool TwampTestSession::isSequenceBroken(const OutstandingPacket& packet, int parity) const {
-    // The reflector's number went back while ours jumped ahead by more than
-    // 4 s worth of packets.
-    const auto senderJump = static_cast<int32_t>(packet.getSenderSeqNo() - lastSenderSeqNo[parity]);
-    // A number that went back no further than overtaking on the way out can
-    // take it is a packet that overtook others, also after a loss.
-    return responderWentBack(packet, parity) && senderJump > sequenceJumpLimit &&
-           wentBackBeyondOvertaking(expectedResponderSeqNo[parity], packet.getResponderSeqNo(),
-                                    packetsPerSecond);
-}
-
-bool TwampTestSession::isResponderRenumbered(const OutstandingPacket& packet, int parity) const {
-    // The reflector's number went back on the first reply to a packet sent
-    // in order: a reflector that restarted and numbers its replies from 0
-    // again after a pause too short to count as a restart. A late or
-    // repeated reply has gone back in both numbers.
-    const auto senderJump = static_cast<int32_t>(packet.getSenderSeqNo() - lastSenderSeqNo[parity]);
-    // A number listed missing is a late reply whose packet overtook another
-    // on the way out, not a new numbering; so is a number that went back no
-    // further than overtaking can take it (the minute's first reply may
-    // have been overtaken, before anything was listed missing).
-    return responderWentBack(packet, parity) && senderJump >= 0 && packet.getReplyCount() == 1 &&
-           !missingResponderSeqNos[parity].contains(packet.getResponderSeqNo()) &&
-           wentBackBeyondOvertaking(expectedResponderSeqNo[parity], packet.getResponderSeqNo(),
-                                    packetsPerSecond);
-}
-
-bool TwampTestSession::responderWentBack(const OutstandingPacket& packet, int parity) const {
-    const uint32_t expected = expectedResponderSeqNo[parity];
-    return responderSeen[parity] && static_cast<int32_t>(packet.getResponderSeqNo() - expected) < 0;
-}
-
-void TwampTestSession::resynchroniseSequences(const OutstandingPacket& packet, int parity) {
-    lastSenderSeqNo[parity] = packet.getSenderSeqNo() + 1;
-    expectedResponderSeqNo[parity] = packet.getResponderSeqNo() + 1;
-    responderSeen[parity] = true;
-}
-
-uint32_t TwampTestSession::trackReverseSequence(PmPeriodRecord& record, int bin,
-                                                const OutstandingPacket& packet, int parity,
-                                                bool& counted) {
-    // The first reply of the minute only sets the pace.
-    if (!responderSeen[parity]) {
-        expectedResponderSeqNo[parity] = packet.getResponderSeqNo() + 1;
-        responderSeen[parity] = true;
-        return 0;
-    }
-    return trackSequence(
-        packet.getResponderSeqNo(), expectedResponderSeqNo[parity], missingResponderSeqNos[parity],
-        {record.at(PmCounter::lostPktsRev, bin), record.at(PmCounter::latePktsRev, bin),
-         record.at(PmCounter::duplicatePktsRev, bin)},
-        0, packet.getReplyCount() == 1, counted);
-}
-
-void TwampTestSession::addHeaderFields(const OutstandingPacket& packet, int parity) {
-    dscpRev[parity].add(packet.getReplyDscp() & 0xffU);
-    // No packet arrives with TTL 0: a reflector that leaves its Sender TTL
-    // at 0, or a reply without a hop-limit item, tells nothing.
-    if (packet.getSenderTtl() != 0) {
-        ttlFwd[parity].add(packet.getSenderTtl());
-    }
-    if (packet.getReplyTtl() != 0) {
-        ttlRev[parity].add(packet.getReplyTtl());
-    }
-}
-
-void TwampTestSession::addDelaySamples(const OutstandingPacket& packet, int parity) {
-    const uint64_t t1Prime = packet.getT1Prime();
-    const uint64_t t2 = packet.getT2();
-    const uint64_t t3 = packet.getT3();
-    const uint64_t t4 = packet.getT4();
-    TRACE_PACKET_AS(
-        kUpdatePmMember,
-        "SenderSequenceNo: %u, ResponderSequenceNo: %u, StartOffset: %d, T1: %lx, T1Prime: %lx, "
-        "T2: %lx, T3: %lx, T4: %lx",
-        packet.getSenderSeqNo(), packet.getResponderSeqNo(), startOffset,
-        static_cast<unsigned long>(packet.getT1()), static_cast<unsigned long>(t1Prime),
-        static_cast<unsigned long>(t2), static_cast<unsigned long>(t3),
-        static_cast<unsigned long>(t4));
-    // The reflector's residence time T3 - T2 is taken out of the round trip.
-    delayRt[parity]->addSample(ntpToMicroseconds(t4 + t2 - t1Prime - t3));
-    // The two clocks need not agree: only the variation of one-way delays is used.
-    addIpdvSamples(packet.getSenderSeqNo(), ntpToSignedMicroseconds(t2 - t1Prime),
-                   ntpToSignedMicroseconds(t4 - t3), parity);
-}
-
-void TwampTestSession::addIpdvSamples(uint32_t senderSeqNo, int64_t forwardDelay,
-                                      int64_t reverseDelay, int parity) {
-    std::map<uint32_t, DelayPair>& history = ipdvHistory[parity];
-    history.emplace(senderSeqNo, DelayPair(forwardDelay, reverseDelay));
-    const auto previous = history.find(senderSeqNo - 1);
-    if (previous == history.end()) {
-        return;
-    }
-    const int64_t forwardVariation = forwardDelay - previous->second.first;
-    const int64_t reverseVariation = reverseDelay - previous->second.second;
-    // Only increases of delay are recorded.
-    if (forwardVariation >= 0) {
-        ipdvFwd[parity]->addSample(static_cast<uint64_t>(forwardVariation));
-    }
-    if (reverseVariation >= 0) {
-        ipdvRev[parity]->addSample(static_cast<uint64_t>(reverseVariation));
-    }
-    history.erase(previous);
-}
-
-const PmPeriodRecord* TwampTestSession::getPmCounters(bool completedIntervalOnly) {
-    struct timespec now;
-    if (!clock.getRealtime(&now)) {
-        const int error = errno;
-        TRACE_ERROR("Failed clock_gettime: errno %d - %s", error, strerror(error));
-        return nullptr;
-    }
-    const uint32_t minute = minuteOf(now);
-    const int current = recordIndexOf(minute);
-    const int previous = 1 - current;
-    if (completedIntervalOnly) {
-        return recordComplete[previous] != 0 ? &records[previous] : nullptr;
-    }
-    // In the first minute of an interval nothing of it is finished yet.
-    if (minute % kMinutesPerInterval == 0) {
-        return &records[previous];
-    }
-    return &records[current];
-}
-
-void TwampTestSession::setPendingPmReply(union itc_msg* reply) {
-    // Only one reply is held; an earlier one would be lost memory.
-    if (pendingPmReply != nullptr && pendingPmReply != reply) {
-        itc_free(&pendingPmReply);
-    }
-    pendingPmReply = reply;
-}
-
-int TwampTestSession::getActivePeriod() {
-    struct timespec now;
-    if (!clock.getRealtime(&now)) {
-        const int error = errno;
-        TRACE_ERROR("Failed clock_gettime: errno %d - %s", error, strerror(error));
-        return 0;
-    }
-    return static_cast<int>(minuteOf(now) % kMinutesPerInterval);
-}
-
-bool TwampTestSession::setDscp(int socket) {
-    const int tos = static_cast<int>(dscp << kDscpShift);
-    UdpSocket& udpSocket = TwampTestSessionController::getInstance()->getUdpSocket();
-    // The TOS belongs to the shared socket and stays set: a system call is
-    // needed only when the packet before left with another DSCP.
-    if (udpSocket.getAppliedTos() == tos) {
-        return true;
-    }
-    if (systemCalls.setsockopt(socket, IPPROTO_IP, IP_TOS, &tos, sizeof(tos)) != 0) {
-        const int error = errno;
-        udpSocket.setAppliedTos(-1);
-        TRACE_ERROR("Failed to set socket option IP_TOS: errno %d - %s", error, strerror(error));
-        return false;
-    }
-    udpSocket.setAppliedTos(tos);
-    return true;
-}
-
-struct sockaddr_storage TwampTestSession::getDstAddress() const {
-    return dstAddress;
+std::string TwampTestSession::getDescriptorFailure() const {
+    return descriptorFailure;
 }
 
 int TwampTestSession::resolveDestination() {
@@ -758,52 +230,6 @@ int TwampTestSession::resolveDestination() {
     systemCalls.freeaddrinfo(result);
     return 0;
 }
-
-void TwampTestSession::registerWithSocket() {
-    TwampTestSessionController::getInstance()->getUdpSocket().addMessageReceiver(
-        ReceiverKey(dstAddress), static_cast<MessageReceiver*>(this));
-    registeredWithSocket = true;
-}
-
-void TwampTestSession::removeFromSocket() {
-    if (!registeredWithSocket) {
-        return;
-    }
-    TwampTestSessionController::getInstance()->getUdpSocket().removeMessageReceiver(
-        ReceiverKey(dstAddress), static_cast<MessageReceiver*>(this));
-    registeredWithSocket = false;
-}
-
-#ifdef TWAMP_UNIT_TEST
-std::unique_ptr<OutstandingPacket> TwampTestSession::getOutstandingPacketForTest(int parity,
-                                                                                 uint32_t seqNo) {
-    SentPacket* sent = findSentPacket(parity, seqNo);
-    if (sent == nullptr) {
-        return nullptr;
-    }
-    auto packet = std::make_unique<OutstandingPacket>(seqNo, sent->t1);
-    packet->restore(sent->t1Prime, sent->replyCount);
-    return packet;
-}
-
-std::vector<uint32_t> TwampTestSession::getOutstandingSeqNosForTest(int parity) const {
-    std::vector<uint32_t> seqNos;
-    for (const uint32_t minute : outstanding.minutes()) {
-        const std::size_t count = outstanding.countOf(minute);
-        if (parityOf(minute) != parity || count == 0) {
-            continue;
-        }
-        const uint32_t last = outstanding.lastSeqNoOf(minute);
-        for (std::size_t index = 0; index < count; ++index) {
-            seqNos.push_back(static_cast<uint32_t>(last - (count - 1) + index));
-        }
-    }
-    std::sort(seqNos.begin(), seqNos.end());
-    return seqNos;
-}
-#endif
-
-// ---- Set-up ----
 
 void TwampTestSession::initPmStates() {
     // A failure is traced by the state itself; the session runs without percentiles.
@@ -841,6 +267,19 @@ bool TwampTestSession::createTimer() {
     return true;
 }
 
+void TwampTestSession::registerWithSocket() {
+    udpSocket().addMessageReceiver(ReceiverKey(dstAddress), static_cast<MessageReceiver*>(this));
+    registeredWithSocket = true;
+}
+
+void TwampTestSession::removeFromSocket() {
+    if (!registeredWithSocket) {
+        return;
+    }
+    udpSocket().removeMessageReceiver(ReceiverKey(dstAddress), static_cast<MessageReceiver*>(this));
+    registeredWithSocket = false;
+}
+
 bool TwampTestSession::writeInitialPadding() {
     OwampTestMessage message(packetBuffer.get(), static_cast<uint64_t>(packetSize));
     uint8_t* padding = nullptr;
@@ -849,7 +288,7 @@ bool TwampTestSession::writeInitialPadding() {
 }
 
 bool TwampTestSession::generateRandomPayload(uint8_t* buffer, std::size_t length) {
-    const int randomFd = TwampTestSessionController::getInstance()->getRandomFd().getFd();
+    const int randomFd = controller().getRandomFd().getFd();
     if (randomFd == -1) {
         TRACE_ERROR("Failed to set packet padding: /dev/urandom not open");
         return false;
@@ -868,7 +307,36 @@ bool TwampTestSession::generateRandomPayload(uint8_t* buffer, std::size_t length
     return false;
 }
 
-// ---- Packet timer ----
+std::set<int> TwampTestSession::getReadFds() const {
+    return readFds;
+}
+
+std::set<int> TwampTestSession::getWriteFds() const {
+    return {udpSocket().getSocketFd()};
+}
+
+bool TwampTestSession::handleOutput(int /*fd*/) {
+    return true;
+}
+
+// The session is created, run and deleted by the process-wide controller;
+// it asks the controller for the shared parts each time, never keeps them.
+TwampTestSessionControllerInterface& TwampTestSession::controller() {
+    return *TwampTestSessionController::getInstance();
+}
+
+UdpSocket& TwampTestSession::udpSocket() {
+    return controller().getUdpSocket();
+}
+
+// ---- Timer: the packet schedule and the start of each minute ----
+
+bool TwampTestSession::handleInput(int fd) {
+    if (fd == timerFd) {
+        return handlePacketTimer();
+    }
+    return true;
+}
 
 struct timespec TwampTestSession::packetInterval() const {
     struct timespec interval = {0, 0};
@@ -984,11 +452,9 @@ void TwampTestSession::runExpiry(const struct timespec& now) {
     }
 }
 
-// ---- Minutes ----
-
 void TwampTestSession::startMinute(uint32_t minute) {
     abandonStaleMinutes(minute);
-    const int bin = static_cast<int>(minute % kMinutesPerInterval);
+    const int bin = binOf(minute);
     const int recordIndex = recordIndexOf(minute);
     const int parity = parityOf(minute);
     const uint32_t interval = minute / kMinutesPerInterval;
@@ -1006,8 +472,6 @@ void TwampTestSession::startMinute(uint32_t minute) {
     dscpRev[parity].clear();
     ttlFwd[parity].clear();
     ttlRev[parity].clear();
-    missingSenderSeqNos[parity].clear();
-    missingResponderSeqNos[parity].clear();
     ipdvHistory[parity].clear();
     sequenceErrorFlag = 0;
     // A minute measured again after the wall clock was set back into its
@@ -1016,9 +480,7 @@ void TwampTestSession::startMinute(uint32_t minute) {
     for (PmCounter::Index counter : kCountersZeroedAtMinuteStart) {
         records[recordIndex].at(counter, bin) = 0;
     }
-    expectedResponderSeqNo[parity] = 0;
-    responderSeen[parity] = false;
-    lastSenderSeqNo[parity] = sequenceNumber;
+    sequences.startMinute(parity, sequenceNumber);
 }
 
 void TwampTestSession::abandonStaleMinutes(uint32_t minute) {
@@ -1046,6 +508,445 @@ void TwampTestSession::closeSkippedInterval(uint32_t interval) {
     recordComplete[previous] = 1;
 }
 
+// ---- Send: one test packet on the shared socket ----
+
+void TwampTestSession::sendMessage(const struct timespec& now) {
+    const uint64_t t1 = toNtpTimestamp(now);
+    OwampTestMessage message(packetBuffer.get(), static_cast<uint64_t>(packetSize));
+    message.setSequenceNumber(sequenceNumber);
+    message.setTimestamp(t1);
+    message.setErrorEstimate();
+    uint8_t randomByte = 0;
+    if (!readRandomByte(randomByte)) {
+        return;
+    }
+    varyPadding(randomByte);
+    prepareMessageHeader();
+    UdpSocket& sharedSocket = udpSocket();
+    const int socket = sharedSocket.getSocketFd();
+    applySendOptions(socket, sharedSocket.getFamily());
+    const ssize_t sent = systemCalls.sendmsg(socket, &messageHeader, 0);
+    bookSendResult(sent, now, t1);
+}
+
+bool TwampTestSession::readRandomByte(uint8_t& randomByte) {
+    RandomFd& randomFd = controller().getRandomFd();
+    if (randomFd.getFd() == -1) {
+        TRACE_ERROR_AS(kSendMessage, "Failed to set packet padding: /dev/urandom not open");
+        return false;
+    }
+    const ssize_t count =
+        randomFd.takeByte(randomByte, [this](int fd, void* buffer, std::size_t length) {
+            return systemCalls.read(fd, buffer, length);
+        });
+    if (count == -1) {
+        const int error = errno;
+        TRACE_ERROR_AS(kSendMessage, "Failed to set packet padding: errno %d - %s", error,
+                       strerror(error));
+        return false;
+    }
+    if (count != 1) {
+        TRACE_ERROR_AS(kSendMessage,
+                       "Failed to set packet padding, expected %zu bytes, sent %zu bytes",
+                       static_cast<std::size_t>(1), static_cast<std::size_t>(count));
+        return false;
+    }
+    return true;
+}
+
+void TwampTestSession::varyPadding(uint8_t randomByte) {
+    // One random byte per packet; the XORs accumulate over the packets.
+    for (int64_t index = OwampTestMessage::kPaddingOffset; index < packetSize; ++index) {
+        packetBuffer[index] ^= randomByte;
+    }
+}
+
+void TwampTestSession::prepareMessageHeader() {
+    std::memset(controlBuffer, 0, sizeof(controlBuffer));
+    ioVector.iov_base = packetBuffer.get();
+    ioVector.iov_len = static_cast<std::size_t>(packetSize);
+    messageHeader.msg_name = &dstAddress;
+    messageHeader.msg_namelen = dstAddressLength;
+    messageHeader.msg_iov = &ioVector;
+    messageHeader.msg_iovlen = 1;
+    messageHeader.msg_control = controlBuffer;
+    messageHeader.msg_controllen = 0;
+    messageHeader.msg_flags = 0;
+}
+
+void TwampTestSession::applySendOptions(int socket, int family) {
+    if (family == AF_INET) {
+        // The option belongs to the shared socket, so it is set before every packet.
+        setDscp(socket);
+        return;
+    }
+    if (family != AF_INET6) {
+        return;
+    }
+    const int trafficClass = static_cast<int>(dscp << kDscpShift);
+    const int hopLimit = kIpv6HopLimit;
+    messageHeader.msg_controllen = kIpv6ControlLength;
+    setAncillaryData(&messageHeader, IPPROTO_IPV6, IPV6_TCLASS, &trafficClass,
+                     sizeof(trafficClass));
+    setAncillaryData(&messageHeader, IPPROTO_IPV6, IPV6_HOPLIMIT, &hopLimit, sizeof(hopLimit));
+}
+
+bool TwampTestSession::setDscp(int socket) {
+    const int tos = static_cast<int>(dscp << kDscpShift);
+    UdpSocket& sharedSocket = udpSocket();
+    // The TOS belongs to the shared socket and stays set: a system call is
+    // needed only when the packet before left with another DSCP.
+    if (sharedSocket.getAppliedTos() == tos) {
+        return true;
+    }
+    if (systemCalls.setsockopt(socket, IPPROTO_IP, IP_TOS, &tos, sizeof(tos)) != 0) {
+        const int error = errno;
+        sharedSocket.setAppliedTos(-1);
+        TRACE_ERROR("Failed to set socket option IP_TOS: errno %d - %s", error, strerror(error));
+        return false;
+    }
+    sharedSocket.setAppliedTos(tos);
+    return true;
+}
+
+void TwampTestSession::bookSendResult(ssize_t sent, const struct timespec& now, uint64_t t1) {
+    if (sent == packetSize) {
+        bookSentPacket(sent, now, t1);
+        return;
+    }
+    if (sent != -1) {
+        TRACE_LAB_AS(kSendMessage, "Partial/failed sendmsg, expected %zu bytes, sent %zu bytes",
+                     static_cast<std::size_t>(packetSize), static_cast<std::size_t>(sent));
+        lastSendErrno = 0;
+        ++sendFailedCount;
+        lastSendResult = sent;
+        return;
+    }
+    bookSendFailure();
+}
+
+void TwampTestSession::bookSentPacket(ssize_t sent, const struct timespec& now, uint64_t t1) {
+    ++sentOkCount;
+    lastSendResult = sent;
+    const uint32_t minute = minuteOf(now);
+    // A number still outstanding after the sequence number wrapped keeps its
+    // packet; the new one is not stored.
+    outstanding.add(sequenceNumber, t1, minute);
+    ++sequenceNumber;
+    records[recordIndexOf(minute)].at(PmCounter::sentPkts, binOf(minute)) += 1;
+}
+
+void TwampTestSession::bookSendFailure() {
+    const int error = errno;
+    // A failure repeating the previous one is counted but not traced again.
+    if (lastSendResult != -1 || lastSendErrno != error) {
+        TRACE_LAB_AS(kSendMessage, "Failed sendmsg: errno %d - %s", error, strerror(error));
+    }
+    lastSendErrno = error;
+    ++sendFailedCount;
+    lastSendResult = -1;
+}
+
+// ---- Receive: a reply or a transmit timestamp finds its packet ----
+
+// Several sessions may share one reflector address; the socket asks each
+// which reply is its own. The sequence number alone is not enough (every
+// session counts from 0), the T1 it was sent at tells them apart.
+bool TwampTestSession::ownsMessage(const struct msghdr* msg) const {
+    if (msg == nullptr || msg->msg_iov == nullptr || msg->msg_iovlen < 1 ||
+        msg->msg_iov[0].iov_len < TwampTestMessage::kPaddingOffset) {
+        return false;
+    }
+    const TwampTestMessage reply(static_cast<uint8_t*>(msg->msg_iov[0].iov_base),
+                                 msg->msg_iov[0].iov_len);
+    return isOutstanding(reply.getSenderSequenceNumber(), reply.getSenderTimestamp());
+}
+
+bool TwampTestSession::ownsErrQueueMessage(const struct msghdr* msg, ssize_t length) const {
+    if (msg == nullptr || msg->msg_iov == nullptr || msg->msg_iovlen < 1 || length < 0) {
+        return false;
+    }
+    const auto frameLength = static_cast<std::size_t>(length);
+    auto* frame = static_cast<uint8_t*>(msg->msg_iov[0].iov_base);
+    const int family = udpSocket().getFamily();
+    const std::size_t headerLength = getLoopedFrameHeaderLength(frame, frameLength, family);
+    if (frameLength < headerLength + OwampTestMessage::kErrorEstimateOffset) {
+        return false;
+    }
+    const OwampTestMessage sent(frame + headerLength, frameLength - headerLength);
+    return isOutstanding(sent.getSequenceNumber(), sent.getTimestamp());
+}
+
+// Packet seqNo sent at t1 is outstanding here.
+bool TwampTestSession::isOutstanding(uint32_t seqNo, uint64_t t1) const {
+    const SentPacket* sent = outstanding.find(seqNo);
+    return sent != nullptr && sent->t1 == t1;
+}
+
+void TwampTestSession::receiveMessage(struct msghdr* msg) {
+    if (msg == nullptr || msg->msg_iov == nullptr || msg->msg_iovlen < 1) {
+        return;
+    }
+    const struct iovec& payload = msg->msg_iov[0];
+    // The socket hands over exactly the received datagram: the fields of a
+    // shorter reply would be read from the previous datagram's bytes.
+    if (payload.iov_len < TwampTestMessage::kPaddingOffset) {
+        TRACE_LAB("Response packet of %zu bytes is too short and thus discarded", payload.iov_len);
+        return;
+    }
+    TwampTestMessage message(static_cast<uint8_t*>(payload.iov_base), payload.iov_len);
+    const uint64_t echoedT1 = message.getSenderTimestamp();
+    const uint32_t seqNo = message.getSenderSequenceNumber();
+    SentPacket* sent = findSentPacket(parityOf(minuteOfNtp(echoedT1)), seqNo);
+    if (sent == nullptr) {
+        TRACE_LAB("No outstanding packet found for seqNum: %u ", seqNo);
+        return;
+    }
+    // A reply must echo the send time of the packet it answers; one that
+    // does not cannot be placed in any minute.
+    if (sent->t1 != echoedT1) {
+        TRACE_LAB("Response sender timestamp %lx differs from %lx sent, seqNum: %u ",
+                  static_cast<unsigned long>(echoedT1), static_cast<unsigned long>(sent->t1),
+                  seqNo);
+        return;
+    }
+    auto packet = std::make_unique<OutstandingPacket>(seqNo, sent->t1);
+    packet->setResponse(msg, controller().getSocketHelper());
+    if (!analyzeIfComplete(*packet, *sent, Arrival::reply)) {
+        TRACE_LAB("Received response packet, but TX timestamp unknown, seqNum: %u ", seqNo);
+        outstanding.holdReply(std::move(packet));
+    }
+}
+
+void TwampTestSession::receiveErrQueueMessage(struct msghdr* msg, ssize_t length) {
+    if (msg == nullptr || msg->msg_iov == nullptr || msg->msg_iovlen < 1 || length < 0) {
+        return;
+    }
+    const auto frameLength = static_cast<std::size_t>(length);
+    const auto* frame = static_cast<uint8_t*>(msg->msg_iov[0].iov_base);
+    const int family = udpSocket().getFamily();
+    const std::size_t headerLength = getLoopedFrameHeaderLength(frame, frameLength, family);
+    // Sequence Number and Timestamp must lie inside the looped-back frame.
+    if (frameLength < headerLength + OwampTestMessage::kErrorEstimateOffset) {
+        TRACE_LAB("Looped-back frame of %zu bytes is too short and thus discarded", frameLength);
+        return;
+    }
+    OwampTestMessage message(const_cast<uint8_t*>(frame) + headerLength,
+                             frameLength - headerLength);
+    const uint64_t t1 = message.getTimestamp();
+    const uint32_t seqNo = message.getSequenceNumber();
+    SentPacket* sent = findSentPacket(parityOf(minuteOfNtp(t1)), seqNo);
+    if (sent == nullptr || sent->t1 != t1) {
+        TRACE_LAB("No outstanding packet found for seqNum: %u ", seqNo);
+        return;
+    }
+    const std::vector<OutstandingPacket*> held = outstanding.heldReplies(seqNo);
+    if (held.empty() && sent->replyCount != 0 && sent->t1Prime != 0) {
+        // The packet was answered and analysed already: a second timestamp
+        // would count its reply twice.
+        TRACE_LAB("Repeated TX Timestamp ignored, seqNum: %u ", seqNo);
+        return;
+    }
+    sent->t1Prime = getTxTimestamp(msg);
+    // The usual order: the timestamp came before the reply. A held reply
+    // without a receive timestamp is never analysed.
+    const auto complete = [sent](const OutstandingPacket* reply) {
+        return isComplete(*reply, *sent, Arrival::txTimestamp);
+    };
+    if (std::none_of(held.begin(), held.end(), complete)) {
+        return;
+    }
+    TRACE_LAB("Got late TX Timestamp, seqNum: %u ", seqNo);
+    // Every copy that came meanwhile is analysed in the order it came: the
+    // first one gives the delays, the others are duplicates.
+    for (OutstandingPacket* reply : held) {
+        analyzeIfComplete(*reply, *sent, Arrival::txTimestamp);
+    }
+    outstanding.releaseReplies(seqNo);
+}
+
+SentPacket* TwampTestSession::findSentPacket(int parity, uint32_t seqNo) {
+    SentPacket* sent = outstanding.find(seqNo);
+    // Each minute parity keeps its own packets: a number found under the
+    // other parity is not this packet.
+    if (sent == nullptr || parityOf(sent->minute) != parity) {
+        return nullptr;
+    }
+    return sent;
+}
+
+// ---- Analyse: a matched packet becomes samples and counts of its minute ----
+
+// A packet's measurement has two halves that arrive in either order: the
+// reply and the transmit timestamp. The half that has just arrived is taken
+// as it came (a transmit timestamp the kernel left out is analysed as 0);
+// the other half must be known already.
+bool TwampTestSession::isComplete(const OutstandingPacket& reply, const SentPacket& sent,
+                                  Arrival arrival) {
+    if (arrival == Arrival::reply) {
+        return sent.t1Prime != 0;
+    }
+    return reply.getT4() != 0;
+}
+
+bool TwampTestSession::analyzeIfComplete(OutstandingPacket& reply, const SentPacket& sent,
+                                         Arrival arrival) {
+    if (!isComplete(reply, sent, arrival)) {
+        return false;
+    }
+    analyzeReply(reply, sent);
+    return true;
+}
+
+void TwampTestSession::analyzeReply(OutstandingPacket& reply, const SentPacket& sent) {
+    // The reply counts, as the packet's next one, only when it came within
+    // 4 s of the transmit timestamp: a later copy is discarded by analyzePM
+    // and is neither a received packet nor a duplicate.
+    reply.restore(sent.t1Prime, sent.replyCount + 1);
+    if (reply.getT4() - sent.t1Prime <= kRoundTripLimit) {
+        outstanding.countReply(reply.getSenderSeqNo());
+    }
+    const uint32_t minute = sent.minute;
+    analyzePM(reply, recordIndexOf(minute), binOf(minute), parityOf(minute));
+}
+
+void TwampTestSession::analyzePM(const OutstandingPacket& packet, int recordIndex, int bin,
+                                 int parity) {
+    const uint64_t roundTrip = packet.getT4() - packet.getT1Prime();
+    if (roundTrip <= kRoundTripLimit) {
+        updatePmMember(records[recordIndex], bin, packet, parity);
+        return;
+    }
+    TRACE_LAB(
+        "Packet not received within the time limit (4s) and thus discarded. Round-trip sec "
+        "part = %u. StartOffset: %d. Packet data: SenderSequenceNo: %u, ResponderSequenceNo: "
+        "%u, T1: %lx, T1Prime: %lx, T2: %lx, T3: %lx, T4: %lx",
+        static_cast<uint32_t>(roundTrip >> 32), startOffset, packet.getSenderSeqNo(),
+        packet.getResponderSeqNo(), static_cast<unsigned long>(packet.getT1()),
+        static_cast<unsigned long>(packet.getT1Prime()), static_cast<unsigned long>(packet.getT2()),
+        static_cast<unsigned long>(packet.getT3()), static_cast<unsigned long>(packet.getT4()));
+}
+
+void TwampTestSession::updatePmMember(PmPeriodRecord& record, int bin,
+                                      const OutstandingPacket& packet, int parity) {
+    record.at(PmCounter::receivedPkts, bin) += 1;
+    const ReplyNumbers numbers{packet.getSenderSeqNo(), packet.getResponderSeqNo(),
+                               packet.getReplyCount() == 1};
+    if (sequenceErrorFlag != 0) {
+        sequences.resynchronise(numbers, parity);
+        return;
+    }
+    if (sequences.isBroken(numbers, parity)) {
+        // The reflector restarted: sequence and delay accounting pause until
+        // the next minute start, and a minute still being finalised is void.
+        sequenceErrorFlag = 1;
+        sequences.resynchronise(numbers, parity);
+        return;
+    }
+    countSequenceNumbers(record, bin, numbers, parity);
+    // Only the first reply of a packet feeds delays and header fields.
+    if (packet.getReplyCount() != 1) {
+        return;
+    }
+    addHeaderFields(packet, parity);
+    if (packet.getT1Prime() == 0) {
+        return;
+    }
+    addDelaySamples(packet, parity);
+}
+
+void TwampTestSession::countSequenceNumbers(PmPeriodRecord& record, int bin,
+                                            const ReplyNumbers& numbers, int parity) {
+    bool counted = false;
+    uint32_t reverseGap = 0;
+    if (sequences.isResponderRenumbered(numbers, parity)) {
+        sequences.followRenumbering(numbers, parity);
+    } else {
+        reverseGap = sequences.trackReverse(
+            numbers, parity,
+            {record.at(PmCounter::lostPktsRev, bin), record.at(PmCounter::latePktsRev, bin),
+             record.at(PmCounter::duplicatePktsRev, bin)},
+            counted);
+    }
+    if (reverseGap > 0 && numbers.responderSeqNo == numbers.senderSeqNo) {
+        reportStatelessReflector();
+    }
+    // A packet lost on the way back advanced the reflector's number: it is
+    // counted once, as reverse loss, not again as forward loss.
+    sequences.trackForward(
+        numbers, parity,
+        {record.at(PmCounter::lostPktsFwd, bin), record.at(PmCounter::latePktsFwd, bin),
+         record.at(PmCounter::duplicatePktsFwd, bin)},
+        reverseGap, counted);
+}
+
+void TwampTestSession::reportStatelessReflector() {
+    // A reflector that numbers its replies with the sender's number makes
+    // a packet lost on the way out look lost on the way back.
+    if (statelessReflectorReported) {
+        return;
+    }
+    statelessReflectorReported = true;
+    TRACE_INFO_AS(kUpdatePmMember,
+                  "Reflector of dstIpAddress %s, dstUdpPort %s numbers its replies with the "
+                  "sender sequence number: forward loss is counted as reverse loss",
+                  dstIpAddress.c_str(), dstUdpPort.c_str());
+}
+
+void TwampTestSession::addHeaderFields(const OutstandingPacket& packet, int parity) {
+    dscpRev[parity].add(packet.getReplyDscp() & 0xffU);
+    // No packet arrives with TTL 0: a reflector that leaves its Sender TTL
+    // at 0, or a reply without a hop-limit item, tells nothing.
+    if (packet.getSenderTtl() != 0) {
+        ttlFwd[parity].add(packet.getSenderTtl());
+    }
+    if (packet.getReplyTtl() != 0) {
+        ttlRev[parity].add(packet.getReplyTtl());
+    }
+}
+
+void TwampTestSession::addDelaySamples(const OutstandingPacket& packet, int parity) {
+    const uint64_t t1Prime = packet.getT1Prime();
+    const uint64_t t2 = packet.getT2();
+    const uint64_t t3 = packet.getT3();
+    const uint64_t t4 = packet.getT4();
+    TRACE_PACKET_AS(
+        kUpdatePmMember,
+        "SenderSequenceNo: %u, ResponderSequenceNo: %u, StartOffset: %d, T1: %lx, T1Prime: %lx, "
+        "T2: %lx, T3: %lx, T4: %lx",
+        packet.getSenderSeqNo(), packet.getResponderSeqNo(), startOffset,
+        static_cast<unsigned long>(packet.getT1()), static_cast<unsigned long>(t1Prime),
+        static_cast<unsigned long>(t2), static_cast<unsigned long>(t3),
+        static_cast<unsigned long>(t4));
+    // The reflector's residence time T3 - T2 is taken out of the round trip.
+    delayRt[parity]->addSample(ntpToMicroseconds(t4 + t2 - t1Prime - t3));
+    // The two clocks need not agree: only the variation of one-way delays is used.
+    addIpdvSamples(packet.getSenderSeqNo(), ntpToSignedMicroseconds(t2 - t1Prime),
+                   ntpToSignedMicroseconds(t4 - t3), parity);
+}
+
+void TwampTestSession::addIpdvSamples(uint32_t senderSeqNo, int64_t forwardDelay,
+                                      int64_t reverseDelay, int parity) {
+    std::map<uint32_t, DelayPair>& history = ipdvHistory[parity];
+    history.emplace(senderSeqNo, DelayPair(forwardDelay, reverseDelay));
+    const auto previous = history.find(senderSeqNo - 1);
+    if (previous == history.end()) {
+        return;
+    }
+    const int64_t forwardVariation = forwardDelay - previous->second.first;
+    const int64_t reverseVariation = reverseDelay - previous->second.second;
+    // Only increases of delay are recorded.
+    if (forwardVariation >= 0) {
+        ipdvFwd[parity]->addSample(static_cast<uint64_t>(forwardVariation));
+    }
+    if (reverseVariation >= 0) {
+        ipdvRev[parity]->addSample(static_cast<uint64_t>(reverseVariation));
+    }
+    history.erase(previous);
+}
+
+// ---- Finalise: 4 s after a minute ends its bin is written ----
+
 void TwampTestSession::minuteTick(uint32_t minute) {
     // The tick of minute n finalises minute n - 1.
     const uint32_t finished = minute - 1;
@@ -1055,7 +956,7 @@ void TwampTestSession::minuteTick(uint32_t minute) {
     if (minutePending[parity] != 0 &&
         (pendingMinuteStarted[parity] == 0 || pendingMinute[parity] == finished)) {
         const int recordIndex = recordIndexOf(minute);
-        const int bin = static_cast<int>(minute % kMinutesPerInterval);
+        const int bin = binOf(minute);
         if (bin == 0) {
             // The last minute of the previous interval completes its record.
             finalizePmMember(records[1 - recordIndex], kMinutesPerInterval - 1, parity, finished);
@@ -1096,62 +997,6 @@ void TwampTestSession::finalizePmMember(PmPeriodRecord& record, int bin, int par
     if (!isBinConsistent(record, bin)) {
         declareMinuteUnaccountable(minute, "counts out of range");
     }
-}
-
-void TwampTestSession::declareMinuteUnaccountable(uint32_t minute, const char* reason) {
-    const int parity = parityOf(minute);
-    const int recordIndex = recordIndexOf(minute);
-    const int bin = static_cast<int>(minute % kMinutesPerInterval);
-    TRACE_LAB_AS(kFinalizePmMember,
-                 "Minute %u cannot be accounted (%s) for dstIpAddress %s, dstUdpPort %s so all "
-                 "counters of period %d are reset to -2",
-                 minute, reason, dstIpAddress.c_str(), dstUdpPort.c_str(), bin);
-    tn_log_internal_log(
-        kInvalidationLogSeverity, kTnNetworkLogMask, kOperatorLogUser,
-        tn_log_format("TwampTestSession: minute %u cannot be accounted (%s) for "
-                      "dstIpAddress %s, dstUdpPort %s so all counters of period "
-                      "%d are reset to -2",
-                      minute, reason, dstIpAddress.c_str(), dstUdpPort.c_str(), bin));
-    // Only a record that still holds the minute's interval has its bin.
-    if (recordInterval[recordIndex] == minute / kMinutesPerInterval) {
-        fillBin(records[recordIndex], bin, PmPeriodRecord::kNotAvailable);
-        if (bin == kMinutesPerInterval - 1) {
-            recordComplete[recordIndex] = 1;
-        }
-    }
-    if (minutePending[parity] != 0 && pendingMinute[parity] == minute) {
-        if (delayRt[parity] != nullptr && delayRt[parity]->getCount() > 0) {
-            drainPercentiles(parity);
-        }
-        resetPmStates(parity);
-        minutePending[parity] = 0;
-    }
-    deleteOutstandingPackets(minute);
-}
-
-bool TwampTestSession::isBinConsistent(const PmPeriodRecord& record, int bin) const {
-    const int64_t sent = record.at(PmCounter::sentPkts, bin);
-    const auto value = [&record, bin](PmCounter::Index counter) { return record.at(counter, bin); };
-    const auto available = [](int64_t count) { return count != PmPeriodRecord::kNotAvailable; };
-    for (PmCounter::Index counter : {PmCounter::lostPktsFwd, PmCounter::lostPktsRev,
-                                     PmCounter::latePktsFwd, PmCounter::latePktsRev}) {
-        if (available(value(counter)) && (value(counter) < 0 || value(counter) > sent)) {
-            return false;
-        }
-    }
-    const int64_t duplicates =
-        value(PmCounter::duplicatePktsFwd) + value(PmCounter::duplicatePktsRev);
-    if (value(PmCounter::duplicatePktsFwd) < 0 || value(PmCounter::duplicatePktsRev) < 0 ||
-        value(PmCounter::receivedPkts) < 0) {
-        return false;
-    }
-    int64_t accounted = value(PmCounter::receivedPkts);
-    for (PmCounter::Index counter : {PmCounter::lostPktsFwd, PmCounter::lostPktsRev}) {
-        if (available(value(counter))) {
-            accounted += value(counter);
-        }
-    }
-    return accounted <= sent + duplicates;
 }
 
 bool TwampTestSession::exceedsRoundTripBound(int parity) const {
@@ -1227,8 +1072,8 @@ void TwampTestSession::countUnansweredPackets(PmPeriodRecord& record, int bin, i
     }
     // The last packets sent, in the order they were sent.
     const uint32_t last = outstanding.lastSeqNoOf(minute);
-    missingSenderSeqNos[parity].append(static_cast<uint32_t>(last - (unanswered - 1)),
-                                       static_cast<uint64_t>(unanswered));
+    sequences.appendMissingForward(parity, static_cast<uint32_t>(last - (unanswered - 1)),
+                                   static_cast<uint64_t>(unanswered));
 }
 
 void TwampTestSession::writeLossPeriods(PmPeriodRecord& record, int bin, int parity) const {
@@ -1238,8 +1083,8 @@ void TwampTestSession::writeLossPeriods(PmPeriodRecord& record, int bin, int par
         packetsPerSecond != 0
             ? static_cast<int64_t>(kMillisecondsPerSecond / static_cast<uint32_t>(packetsPerSecond))
             : 1;
-    const LossRuns forward = missingSenderSeqNos[parity].runs();
-    const LossRuns reverse = missingResponderSeqNos[parity].runs();
+    const LossRuns forward = sequences.forwardRuns(parity);
+    const LossRuns reverse = sequences.reverseRuns(parity);
     record.at(PmCounter::lossPeriodsFwd, bin) = static_cast<int64_t>(forward.count);
     record.at(PmCounter::lossPeriodFwdMax, bin) =
         static_cast<int64_t>(forward.longest) * millisecondsPerPacket;
@@ -1256,9 +1101,9 @@ void TwampTestSession::invalidateMinute(PmPeriodRecord& record, int bin, int par
     const uint64_t delayRtMax = delayRt[parity]->getMax();
     const uint64_t ipdvFwdMax = ipdvFwd[parity]->getMax();
     const uint64_t ipdvRevMax = ipdvRev[parity]->getMax();
-    UdpSocket& udpSocket = TwampTestSessionController::getInstance()->getUdpSocket();
-    const char* srcIpAddress = textOrEmpty(udpSocket.getSrcIpAddress());
-    const char* srcUdpPort = textOrEmpty(udpSocket.getSrcUdpPort());
+    UdpSocket& sharedSocket = udpSocket();
+    const char* srcIpAddress = textOrEmpty(sharedSocket.getSrcIpAddress());
+    const char* srcUdpPort = textOrEmpty(sharedSocket.getSrcUdpPort());
     TRACE_LAB_AS(
         kFinalizePmMember,
         "delayRtMax %lu or ipdvFwdMax %lu or ipdvRevMax %lu are larger than 4s for period %d for "
@@ -1293,29 +1138,112 @@ void TwampTestSession::drainPercentiles(int parity) {
     }
 }
 
-void TwampTestSession::reportStatelessReflector() {
-    // A reflector that numbers its replies with the sender's number makes
-    // a packet lost on the way out look lost on the way back.
-    if (statelessReflectorReported) {
-        return;
-    }
-    statelessReflectorReported = true;
-    TRACE_INFO_AS(kUpdatePmMember,
-                  "Reflector of dstIpAddress %s, dstUdpPort %s numbers its replies with the "
-                  "sender sequence number: forward loss is counted as reverse loss",
-                  dstIpAddress.c_str(), dstUdpPort.c_str());
-}
-
 void TwampTestSession::deleteOutstandingPackets(uint32_t minute) {
     // A reply arriving later finds nothing to match.
     outstanding.dropMinute(minute);
+}
+
+bool TwampTestSession::isBinConsistent(const PmPeriodRecord& record, int bin) const {
+    const int64_t sent = record.at(PmCounter::sentPkts, bin);
+    const auto value = [&record, bin](PmCounter::Index counter) { return record.at(counter, bin); };
+    const auto available = [](int64_t count) { return count != PmPeriodRecord::kNotAvailable; };
+    for (PmCounter::Index counter : {PmCounter::lostPktsFwd, PmCounter::lostPktsRev,
+                                     PmCounter::latePktsFwd, PmCounter::latePktsRev}) {
+        if (available(value(counter)) && (value(counter) < 0 || value(counter) > sent)) {
+            return false;
+        }
+    }
+    const int64_t duplicates =
+        value(PmCounter::duplicatePktsFwd) + value(PmCounter::duplicatePktsRev);
+    if (value(PmCounter::duplicatePktsFwd) < 0 || value(PmCounter::duplicatePktsRev) < 0 ||
+        value(PmCounter::receivedPkts) < 0) {
+        return false;
+    }
+    int64_t accounted = value(PmCounter::receivedPkts);
+    for (PmCounter::Index counter : {PmCounter::lostPktsFwd, PmCounter::lostPktsRev}) {
+        if (available(value(counter))) {
+            accounted += value(counter);
+        }
+    }
+    return accounted <= sent + duplicates;
+}
+
+void TwampTestSession::declareMinuteUnaccountable(uint32_t minute, const char* reason) {
+    const int parity = parityOf(minute);
+    const int recordIndex = recordIndexOf(minute);
+    const int bin = binOf(minute);
+    TRACE_LAB_AS(kFinalizePmMember,
+                 "Minute %u cannot be accounted (%s) for dstIpAddress %s, dstUdpPort %s so all "
+                 "counters of period %d are reset to -2",
+                 minute, reason, dstIpAddress.c_str(), dstUdpPort.c_str(), bin);
+    tn_log_internal_log(
+        kInvalidationLogSeverity, kTnNetworkLogMask, kOperatorLogUser,
+        tn_log_format("TwampTestSession: minute %u cannot be accounted (%s) for "
+                      "dstIpAddress %s, dstUdpPort %s so all counters of period "
+                      "%d are reset to -2",
+                      minute, reason, dstIpAddress.c_str(), dstUdpPort.c_str(), bin));
+    // Only a record that still holds the minute's interval has its bin.
+    if (recordInterval[recordIndex] == minute / kMinutesPerInterval) {
+        fillBin(records[recordIndex], bin, PmPeriodRecord::kNotAvailable);
+        if (bin == kMinutesPerInterval - 1) {
+            recordComplete[recordIndex] = 1;
+        }
+    }
+    if (minutePending[parity] != 0 && pendingMinute[parity] == minute) {
+        if (delayRt[parity] != nullptr && delayRt[parity]->getCount() > 0) {
+            drainPercentiles(parity);
+        }
+        resetPmStates(parity);
+        minutePending[parity] = 0;
+    }
+    deleteOutstandingPackets(minute);
+}
+
+// ---- Counters: what a manager's request reads ----
+
+const PmPeriodRecord* TwampTestSession::getPmCounters(bool completedIntervalOnly) {
+    struct timespec now;
+    if (!clock.getRealtime(&now)) {
+        const int error = errno;
+        TRACE_ERROR("Failed clock_gettime: errno %d - %s", error, strerror(error));
+        return nullptr;
+    }
+    const uint32_t minute = minuteOf(now);
+    const int current = recordIndexOf(minute);
+    const int previous = 1 - current;
+    if (completedIntervalOnly) {
+        return recordComplete[previous] != 0 ? &records[previous] : nullptr;
+    }
+    // In the first minute of an interval nothing of it is finished yet.
+    if (minute % kMinutesPerInterval == 0) {
+        return &records[previous];
+    }
+    return &records[current];
+}
+
+int TwampTestSession::getActivePeriod() {
+    struct timespec now;
+    if (!clock.getRealtime(&now)) {
+        const int error = errno;
+        TRACE_ERROR("Failed clock_gettime: errno %d - %s", error, strerror(error));
+        return 0;
+    }
+    return binOf(minuteOf(now));
+}
+
+void TwampTestSession::setPendingPmReply(union itc_msg* reply) {
+    // Only one reply is held; an earlier one would be lost memory.
+    if (pendingPmReply != nullptr && pendingPmReply != reply) {
+        itc_free(&pendingPmReply);
+    }
+    pendingPmReply = reply;
 }
 
 void TwampTestSession::sendPendingPmReply() {
     if (pendingPmReply == nullptr) {
         return;
     }
-    ItcDispatcher* dispatcher = TwampTestSessionController::getInstance()->getItcDispatcher();
+    ItcDispatcher* dispatcher = controller().getItcDispatcher();
     if (dispatcher == nullptr) {
         // Kept, and freed with the session.
         return;
@@ -1325,124 +1253,6 @@ void TwampTestSession::sendPendingPmReply() {
     dispatcher->sendPmCountersReply(this, reply);
 }
 
-// ---- Sending ----
-
-void TwampTestSession::sendMessage(const struct timespec& now) {
-    const uint64_t t1 = toNtpTimestamp(now);
-    OwampTestMessage message(packetBuffer.get(), static_cast<uint64_t>(packetSize));
-    message.setSequenceNumber(sequenceNumber);
-    message.setTimestamp(t1);
-    message.setErrorEstimate();
-    uint8_t randomByte = 0;
-    if (!readRandomByte(randomByte)) {
-        return;
-    }
-    varyPadding(randomByte);
-    prepareMessageHeader();
-    UdpSocket& udpSocket = TwampTestSessionController::getInstance()->getUdpSocket();
-    const int socket = udpSocket.getSocketFd();
-    applySendOptions(socket, udpSocket.getFamily());
-    const ssize_t sent = systemCalls.sendmsg(socket, &messageHeader, 0);
-    bookSendResult(sent, now, t1);
-}
-
-bool TwampTestSession::readRandomByte(uint8_t& randomByte) {
-    RandomFd& randomFd = TwampTestSessionController::getInstance()->getRandomFd();
-    if (randomFd.getFd() == -1) {
-        TRACE_ERROR_AS(kSendMessage, "Failed to set packet padding: /dev/urandom not open");
-        return false;
-    }
-    const ssize_t count =
-        randomFd.takeByte(randomByte, [this](int fd, void* buffer, std::size_t length) {
-            return systemCalls.read(fd, buffer, length);
-        });
-    if (count == -1) {
-        const int error = errno;
-        TRACE_ERROR_AS(kSendMessage, "Failed to set packet padding: errno %d - %s", error,
-                       strerror(error));
-        return false;
-    }
-    if (count != 1) {
-        TRACE_ERROR_AS(kSendMessage,
-                       "Failed to set packet padding, expected %zu bytes, sent %zu bytes",
-                       static_cast<std::size_t>(1), static_cast<std::size_t>(count));
-        return false;
-    }
-    return true;
-}
-
-void TwampTestSession::varyPadding(uint8_t randomByte) {
-    // One random byte per packet; the XORs accumulate over the packets.
-    for (int64_t index = OwampTestMessage::kPaddingOffset; index < packetSize; ++index) {
-        packetBuffer[index] ^= randomByte;
-    }
-}
-
-void TwampTestSession::prepareMessageHeader() {
-    std::memset(controlBuffer, 0, sizeof(controlBuffer));
-    ioVector.iov_base = packetBuffer.get();
-    ioVector.iov_len = static_cast<std::size_t>(packetSize);
-    messageHeader.msg_name = &dstAddress;
-    messageHeader.msg_namelen = dstAddressLength;
-    messageHeader.msg_iov = &ioVector;
-    messageHeader.msg_iovlen = 1;
-    messageHeader.msg_control = controlBuffer;
-    messageHeader.msg_controllen = 0;
-    messageHeader.msg_flags = 0;
-}
-
-void TwampTestSession::applySendOptions(int socket, int family) {
-    if (family == AF_INET) {
-        // The option belongs to the shared socket, so it is set before every packet.
-        setDscp(socket);
-        return;
-    }
-    if (family != AF_INET6) {
-        return;
-    }
-    const int trafficClass = static_cast<int>(dscp << kDscpShift);
-    const int hopLimit = kIpv6HopLimit;
-    messageHeader.msg_controllen = kIpv6ControlLength;
-    setAncillaryData(&messageHeader, IPPROTO_IPV6, IPV6_TCLASS, &trafficClass,
-                     sizeof(trafficClass));
-    setAncillaryData(&messageHeader, IPPROTO_IPV6, IPV6_HOPLIMIT, &hopLimit, sizeof(hopLimit));
-}
-
-void TwampTestSession::bookSendResult(ssize_t sent, const struct timespec& now, uint64_t t1) {
-    if (sent == packetSize) {
-        bookSentPacket(sent, now, t1);
-        return;
-    }
-    if (sent != -1) {
-        TRACE_LAB_AS(kSendMessage, "Partial/failed sendmsg, expected %zu bytes, sent %zu bytes",
-                     static_cast<std::size_t>(packetSize), static_cast<std::size_t>(sent));
-        lastSendErrno = 0;
-        ++sendFailedCount;
-        lastSendResult = sent;
-        return;
-    }
-    bookSendFailure();
-}
-
-void TwampTestSession::bookSentPacket(ssize_t sent, const struct timespec& now, uint64_t t1) {
-    ++sentOkCount;
-    lastSendResult = sent;
-    const uint32_t minute = minuteOf(now);
-    // A number still outstanding after the sequence number wrapped keeps its
-    // packet; the new one is not stored.
-    outstanding.add(sequenceNumber, t1, minute);
-    ++sequenceNumber;
-    records[recordIndexOf(minute)].at(PmCounter::sentPkts,
-                                      static_cast<int>(minute % kMinutesPerInterval)) += 1;
-}
-
-void TwampTestSession::bookSendFailure() {
-    const int error = errno;
-    // A failure repeating the previous one is counted but not traced again.
-    if (lastSendResult != -1 || lastSendErrno != error) {
-        TRACE_LAB_AS(kSendMessage, "Failed sendmsg: errno %d - %s", error, strerror(error));
-    }
-    lastSendErrno = error;
-    ++sendFailedCount;
-    lastSendResult = -1;
+struct sockaddr_storage TwampTestSession::getDstAddress() const {
+    return dstAddress;
 }

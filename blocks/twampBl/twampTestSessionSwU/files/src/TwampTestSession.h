@@ -28,45 +28,18 @@
 #include "Clock.h"
 #include "IoHandler.h"
 #include "MessageReceiver.h"
-#include "MissingSequenceList.h"
+#include "MinMaxTracker.h"
 #include "OutstandingPacket.h"
 #include "OutstandingPacketStore.h"
 #include "PmPeriodRecord.h"
 #include "PmState.h"
 #include "RealtimeClock.h"
+#include "SequenceTracker.h"
+#include "SystemCalls.h"
 
+class TwampTestSessionControllerInterface;
+class UdpSocket;
 union itc_msg;
-
-// The system calls of a session's timer, send path and address resolution.
-// The base class calls the real ones; tests override single calls to fire
-// timers, fail sends, feed random bytes and resolve addresses without waiting
-// or touching the network.
-class SessionSystemCalls {
-  public:
-    virtual ~SessionSystemCalls();
-
-    // ::timerfd_create
-    virtual int timerfdCreate(int clock, int flags);
-    // ::timerfd_settime
-    virtual int timerfdSettime(int fd, int flags, const struct itimerspec* newValue,
-                               struct itimerspec* oldValue);
-    // ::read (timer expiries and random bytes)
-    virtual ssize_t read(int fd, void* buffer, std::size_t count);
-    // ::sendmsg
-    virtual ssize_t sendmsg(int fd, const struct msghdr* msg, int flags);
-    // ::setsockopt
-    virtual int setsockopt(int fd, int level, int name, const void* value, socklen_t length);
-    // ::close
-    virtual int close(int fd);
-    // ::getaddrinfo (the destination address and port)
-    virtual int getaddrinfo(const char* node, const char* service, const struct addrinfo* hints,
-                            struct addrinfo** result);
-    // ::freeaddrinfo
-    virtual void freeaddrinfo(struct addrinfo* result);
-
-    // The process's instance calling the real system calls.
-    static SessionSystemCalls& real();
-};
 
 class TwampTestSession : public IoHandler, public MessageReceiver {
   public:
@@ -77,8 +50,7 @@ class TwampTestSession : public IoHandler, public MessageReceiver {
     TwampTestSession(const char* dstIpAddress, const char* dstUdpPort, uint32_t packetsPerSecond,
                      uint32_t spare1, uint32_t spare2, int32_t packetSize, uint32_t dscp,
                      uint32_t startOffset, uint32_t spreadingBase,
-                     Clock& clock = RealtimeClock::instance(),
-                     SessionSystemCalls* systemCalls = nullptr);
+                     Clock& clock = RealtimeClock::instance(), SystemCalls* systemCalls = nullptr);
     TwampTestSession(const TwampTestSession&) = delete;
     TwampTestSession& operator=(const TwampTestSession&) = delete;
     // Deletes the outstanding packets, closes the timer, leaves the
@@ -137,117 +109,27 @@ class TwampTestSession : public IoHandler, public MessageReceiver {
     // Fills length bytes with random bytes; true on success.
     bool generateRandomPayload(uint8_t* buffer, std::size_t length);
 
-#ifdef TWAMP_UNIT_TEST
-    uint64_t getSentOkCountForTest() const {
-        return sentOkCount;
-    }
-    uint64_t getSendFailedCountForTest() const {
-        return sendFailedCount;
-    }
-    uint64_t getTimerOverrunsForTest() const {
-        return timerOverruns;
-    }
-    int64_t getLastSendErrnoForTest() const {
-        return lastSendErrno;
-    }
-    uint32_t getSequenceNumberForTest() const {
-        return sequenceNumber;
-    }
-    void setSequenceNumberForTest(uint32_t next) {
-        sequenceNumber = next;
-    }
-    int getTimerFdForTest() const {
-        return timerFd;
-    }
-    // The outstanding packets of a minute parity, by sequence number.
-    std::vector<uint32_t> getOutstandingSeqNosForTest(int parity) const;
-    const PmPeriodRecord& getRecordForTest(int index) const {
-        return records[index];
-    }
-    bool isRecordCompleteForTest(int index) const {
-        return recordComplete[index] != 0;
-    }
-    bool isMinutePendingForTest(int parity) const {
-        return minutePending[parity] != 0;
-    }
-    uint32_t getLastSenderSeqNoForTest(int parity) const {
-        return lastSenderSeqNo[parity];
-    }
-    uint32_t getExpectedResponderSeqNoForTest(int parity) const {
-        return expectedResponderSeqNo[parity];
-    }
-    std::vector<uint32_t> getMissingSenderSeqNosForTest(int parity) const {
-        return missingSenderSeqNos[parity].entries(UINT64_MAX);
-    }
-    std::vector<uint32_t> getMissingResponderSeqNosForTest(int parity) const {
-        return missingResponderSeqNos[parity].entries(UINT64_MAX);
-    }
-    bool getSequenceErrorFlagForTest() const {
-        return sequenceErrorFlag != 0;
-    }
-    uint8_t getSequenceJumpLimitForTest() const {
-        return sequenceJumpLimit;
-    }
-    const PmState* getDelayRtForTest(int parity) const {
-        return delayRt[parity].get();
-    }
-    const PmState* getIpdvFwdForTest(int parity) const {
-        return ipdvFwd[parity].get();
-    }
-    const PmState* getIpdvRevForTest(int parity) const {
-        return ipdvRev[parity].get();
-    }
-    // Minimum, maximum and count of the reply DSCP, forward TTL and reverse
-    // TTL trackers, in this order.
-    std::vector<uint64_t> getHeaderTrackersForTest(int parity) const {
-        return {dscpRev[parity].min, dscpRev[parity].max, dscpRev[parity].count,
-                ttlFwd[parity].min,  ttlFwd[parity].max,  ttlFwd[parity].count,
-                ttlRev[parity].min,  ttlRev[parity].max,  ttlRev[parity].count};
-    }
-    std::size_t getIpdvHistorySizeForTest(int parity) const {
-        return ipdvHistory[parity].size();
-    }
-    // What is known of an outstanding packet of a minute parity, null when
-    // there is none.
-    std::unique_ptr<OutstandingPacket> getOutstandingPacketForTest(int parity, uint32_t seqNo);
-    // Runs the minute start and the minute end of a minute number directly.
-    void startMinuteForTest(uint32_t minute) {
-        startMinute(minute);
-    }
-    void minuteTickForTest(uint32_t minute) {
-        minuteTick(minute);
-    }
-#endif
-
   private:
+    // The tests' view of the state below (tests/support).
+    friend class TwampTestSessionPeer;
+
     static constexpr int kRecordCount = 2;
     static constexpr int kParityCount = 2;
     static constexpr std::size_t kControlBufferSize = 256;
     static constexpr uint32_t kNoInterval = UINT32_MAX;
 
-    // Smallest and largest value of a one-byte header field over a minute.
-    struct MinMaxTracker {
-        uint64_t min = 0;
-        uint64_t max = 0;
-        uint64_t count = 0;
-        void clear() { *this = MinMaxTracker(); }
-        void add(uint64_t value) {
-            if (count == 0) {
-                min = value;
-                max = value;
-            } else if (value < min) {
-                min = value;
-            } else if (value > max) {
-                max = value;
-            }
-            ++count;
-        }
-    };
+    // The half of a packet's measurement that has just arrived: the reply or
+    // the transmit timestamp.
+    enum class Arrival { reply, txTimestamp };
 
     // Forward and reverse delay of a packet, microseconds; negative when the
     // reflector's clock is behind the sender's by more than the delay.
     using DelayPair = std::pair<int64_t, int64_t>;
 
+    // The process-wide controller, owner of the parts sessions share.
+    static TwampTestSessionControllerInterface& controller();
+    // The UDP socket shared by all sessions.
+    static UdpSocket& udpSocket();
     // Resolves the destination into dstAddress; 0 or the getaddrinfo error.
     int resolveDestination();
     void registerWithSocket();
@@ -263,14 +145,13 @@ class TwampTestSession : public IoHandler, public MessageReceiver {
     void startMinute(uint32_t minute);
     void minuteTick(uint32_t minute);
     SentPacket* findSentPacket(int parity, uint32_t seqNo);
+    static bool isComplete(const OutstandingPacket& reply, const SentPacket& sent, Arrival arrival);
+    // Analyses reply once both halves are known; false while one is missing.
+    bool analyzeIfComplete(OutstandingPacket& reply, const SentPacket& sent, Arrival arrival);
     void analyzeReply(OutstandingPacket& reply, const SentPacket& sent);
     bool isOutstanding(uint32_t seqNo, uint64_t t1) const;
-    bool isSequenceBroken(const OutstandingPacket& packet, int parity) const;
-    bool isResponderRenumbered(const OutstandingPacket& packet, int parity) const;
-    bool responderWentBack(const OutstandingPacket& packet, int parity) const;
-    void resynchroniseSequences(const OutstandingPacket& packet, int parity);
-    uint32_t trackReverseSequence(PmPeriodRecord& record, int bin, const OutstandingPacket& packet,
-                                  int parity, bool& counted);
+    void countSequenceNumbers(PmPeriodRecord& record, int bin, const ReplyNumbers& numbers,
+                              int parity);
     void addHeaderFields(const OutstandingPacket& packet, int parity);
     void addDelaySamples(const OutstandingPacket& packet, int parity);
     void addIpdvSamples(uint32_t senderSeqNo, int64_t forwardDelay, int64_t reverseDelay,
@@ -336,17 +217,10 @@ class TwampTestSession : public IoHandler, public MessageReceiver {
     MinMaxTracker dscpRev[kParityCount];
     MinMaxTracker ttlFwd[kParityCount];
     MinMaxTracker ttlRev[kParityCount];
-    MissingSequenceList missingSenderSeqNos[kParityCount];
-    MissingSequenceList missingResponderSeqNos[kParityCount];
     std::map<uint32_t, DelayPair> ipdvHistory[kParityCount];
-    uint32_t expectedResponderSeqNo[kParityCount] = {0, 0};
-    // A reply of the minute has set expectedResponderSeqNo. Not told by the
-    // number itself: after the reflector's 4294967295 the next expected is 0.
-    bool responderSeen[kParityCount] = {false, false};
-    uint32_t lastSenderSeqNo[kParityCount] = {0, 0};
     uint8_t minutePending[2] = {0, 0};
-    // Rates above 63 packets per second wrap: the limit is kept in 8 bits.
-    uint8_t sequenceJumpLimit;
+    // The sender and reflector numbers of each minute parity's replies.
+    SequenceTracker sequences;
     uint8_t sequenceErrorFlag = 0;
     // The minute each parity's pending state belongs to, and whether that
     // minute has started (the minute the timer is armed for has not).
@@ -362,7 +236,7 @@ class TwampTestSession : public IoHandler, public MessageReceiver {
     uint8_t recordComplete[kRecordCount] = {1, 1};
     PmPeriodRecord records[kRecordCount];
     Clock& clock;
-    SessionSystemCalls& systemCalls;
+    SystemCalls& systemCalls;
 };
 
 #endif  // TWAMP_TEST_SESSION_H

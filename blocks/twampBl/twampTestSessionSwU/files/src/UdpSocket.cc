@@ -29,8 +29,8 @@ constexpr const char* kHandleInput = "handleInput";
 
 // ---- Construction ----
 
-UdpSocket::UdpSocket(SocketSystemCalls* systemCalls)
-    : systemCalls((systemCalls != nullptr) ? systemCalls : &SocketSystemCalls::real()),
+UdpSocket::UdpSocket(SystemCalls* systemCalls)
+    : systemCalls((systemCalls != nullptr) ? systemCalls : &SystemCalls::real()),
       batch(kBatchSize, kReceiveBufferSize, kControlBufferSize) {}
 
 UdpSocket::~UdpSocket() {

@@ -28,7 +28,7 @@
 #include "ReceiveBatch.h"
 #include "ReceiverKey.h"
 #include "ReceiverRegistry.h"
-#include "SocketSystemCalls.h"
+#include "SystemCalls.h"
 
 class IoMultiplexer;
 
@@ -45,7 +45,7 @@ class UdpSocket : public IoHandler {
 
     // systemCalls: null for the real system calls; otherwise not owned and
     // must outlive the socket.
-    explicit UdpSocket(SocketSystemCalls* systemCalls = nullptr);
+    explicit UdpSocket(SystemCalls* systemCalls = nullptr);
     UdpSocket(const UdpSocket&) = delete;
     UdpSocket& operator=(const UdpSocket&) = delete;
     ~UdpSocket() override;
@@ -119,7 +119,7 @@ class UdpSocket : public IoHandler {
     void handleErrQueueMessage(struct msghdr* msg, std::size_t length);
     void handleMessage(struct msghdr* msg, std::size_t length);
 
-    SocketSystemCalls* systemCalls;
+    SystemCalls* systemCalls;
     ReceiveBatch batch;
     const char* srcIpAddress = nullptr;  // the caller's string, not copied
     const char* srcUdpPort = nullptr;    // the caller's string, not copied

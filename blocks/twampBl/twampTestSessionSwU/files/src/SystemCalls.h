@@ -1,8 +1,10 @@
-// The system calls of the UDP socket. The base class calls the real ones;
-// tests override single calls to drive bind failures, clocks and received
-// messages without sleeping or depending on the network.
-#ifndef TWAMP_SOCKET_SYSTEM_CALLS_H
-#define TWAMP_SOCKET_SYSTEM_CALLS_H
+// The system calls of the daemon's socket, timers and sessions: the UDP
+// socket's set-up and receive path, a session's packet timer, send path and
+// address resolution. The base class calls the real ones; tests override
+// single calls to fire timers, fail sends and binds, set clocks and feed
+// received messages without sleeping or depending on the network.
+#ifndef TWAMP_SYSTEM_CALLS_H
+#define TWAMP_SYSTEM_CALLS_H
 
 #include <netdb.h>
 #include <sys/socket.h>
@@ -12,11 +14,11 @@
 #include <cstddef>
 #include <ctime>
 
-class SocketSystemCalls {
+class SystemCalls {
   public:
-    virtual ~SocketSystemCalls();
+    virtual ~SystemCalls();
 
-    // ::getaddrinfo
+    // ::getaddrinfo (the socket's source and a session's destination)
     virtual int getaddrinfo(const char* node, const char* service, const struct addrinfo* hints,
                             struct addrinfo** result);
     // ::freeaddrinfo
@@ -36,8 +38,10 @@ class SocketSystemCalls {
     // ::timerfd_settime
     virtual int timerfdSettime(int fd, int flags, const struct itimerspec* newValue,
                                struct itimerspec* oldValue);
-    // ::read
+    // ::read (timer expiries and random bytes)
     virtual ssize_t read(int fd, void* buffer, std::size_t count);
+    // ::sendmsg
+    virtual ssize_t sendmsg(int fd, const struct msghdr* msg, int flags);
     // ::recvmmsg
     virtual int recvmmsg(int fd, struct mmsghdr* messages, unsigned int length, int flags,
                          struct timespec* timeout);
@@ -47,7 +51,7 @@ class SocketSystemCalls {
     virtual int fcntl(int fd, int command, int argument);
 
     // The process's instance calling the real system calls.
-    static SocketSystemCalls& real();
+    static SystemCalls& real();
 };
 
-#endif  // TWAMP_SOCKET_SYSTEM_CALLS_H
+#endif  // TWAMP_SYSTEM_CALLS_H

@@ -1,7 +1,7 @@
-// GoogleMock of the UDP socket's system calls; every call goes to the real
-// one unless a test scripts it (delegateToReal).
-#ifndef TWAMP_TESTS_MOCK_SOCKET_SYSTEM_CALLS_H
-#define TWAMP_TESTS_MOCK_SOCKET_SYSTEM_CALLS_H
+// GoogleMock of the daemon's system calls; every call goes to the real one
+// unless a test scripts it (delegateToReal).
+#ifndef TWAMP_TESTS_MOCK_SYSTEM_CALLS_H
+#define TWAMP_TESTS_MOCK_SYSTEM_CALLS_H
 
 #include <netdb.h>
 #include <sys/socket.h>
@@ -13,13 +13,13 @@
 
 #include <gmock/gmock.h>
 
-#include "SocketSystemCalls.h"
+#include "SystemCalls.h"
 
 namespace twamp_test {
 
-class MockSocketSystemCalls : public SocketSystemCalls {
+class MockSystemCalls : public SystemCalls {
   public:
-    // SocketSystemCalls
+    // SystemCalls
     MOCK_METHOD(int, getaddrinfo,
                 (const char* node, const char* service, const struct addrinfo* hints,
                  struct addrinfo** result),
@@ -35,6 +35,7 @@ class MockSocketSystemCalls : public SocketSystemCalls {
                 (int fd, int flags, const struct itimerspec* newValue, struct itimerspec* oldValue),
                 (override));
     MOCK_METHOD(ssize_t, read, (int fd, void* buffer, std::size_t count), (override));
+    MOCK_METHOD(ssize_t, sendmsg, (int fd, const struct msghdr* msg, int flags), (override));
     MOCK_METHOD(int, recvmmsg,
                 (int fd, struct mmsghdr* messages, unsigned int length, int flags,
                  struct timespec* timeout),
@@ -45,7 +46,7 @@ class MockSocketSystemCalls : public SocketSystemCalls {
 
     // Lets every call not scripted by the test reach the real system call.
     void delegateToReal() {
-        SocketSystemCalls& real = SocketSystemCalls::real();
+        SystemCalls& real = SystemCalls::real();
         ON_CALL(*this, getaddrinfo).WillByDefault([&real](auto... args) {
             return real.getaddrinfo(args...);
         });
@@ -67,6 +68,9 @@ class MockSocketSystemCalls : public SocketSystemCalls {
             return real.timerfdSettime(args...);
         });
         ON_CALL(*this, read).WillByDefault([&real](auto... args) { return real.read(args...); });
+        ON_CALL(*this, sendmsg).WillByDefault([&real](auto... args) {
+            return real.sendmsg(args...);
+        });
         ON_CALL(*this, recvmmsg).WillByDefault([&real](auto... args) {
             return real.recvmmsg(args...);
         });
@@ -79,4 +83,4 @@ class MockSocketSystemCalls : public SocketSystemCalls {
 
 }  // namespace twamp_test
 
-#endif  // TWAMP_TESTS_MOCK_SOCKET_SYSTEM_CALLS_H
+#endif  // TWAMP_TESTS_MOCK_SYSTEM_CALLS_H
