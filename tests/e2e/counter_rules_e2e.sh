@@ -129,7 +129,8 @@ truth_of() {
 
 e2e_environment "$WORK"
 private_lttng_start "$WORK"
-private_lttng_session rules "$WORK/trace" com_quorin_tn_twamp:INFO com_quorin_tn_twamp:LAB
+private_lttng_session rules "$WORK/trace" com_quorin_tn_twamp:INFO com_quorin_tn_twamp:LAB \
+    com_quorin_tn_twamp:PACKET
 
 for entry in "${REFLECTORS[@]}"; do
     read -r port options <<<"$entry"
@@ -189,8 +190,10 @@ babeltrace2 "$WORK/trace" >"$WORK/events.txt" 2>/dev/null || true
 other_bins="$(seq 0 14 | grep -vx "$BIN" | paste -sd, -)"
 batch="$WORK/oracle.batch"
 : >"$batch"
+offset=0
 for entry in "${SESSIONS[@]}"; do
     read -r name daemon port rate dscp size expectation <<<"$entry"
+    offset=$((offset + 1))
     if [ "$expectation" = deleted ]; then
         printf '%q ' --counters "$WORK/$name.counters.json" --na-bins 0-14 --label "$name" >>"$batch"
         echo >>"$batch"
@@ -218,7 +221,8 @@ for entry in "${SESSIONS[@]}"; do
         --label "$name ($expectation)" \
         "${sent[@]}" --expect "$expectation" --na-bins "$other_bins" \
         "${split[@]}" --network-log "$WORK/log_$daemon/TnNetworkLog.log" \
-        --session-text "$session_text" >>"$batch"
+        --session-text "$session_text" --daemon-events "$WORK/events.txt" \
+        --start-offset "$offset" >>"$batch"
     echo >>"$batch"
 done
 check "every session's minute $MINUTE as its rule says, against its reflector's truth (one line each above)" \

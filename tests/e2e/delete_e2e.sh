@@ -46,6 +46,8 @@ trap cleanup EXIT
 
 e2e_environment "$WORK"
 private_lttng_start "$WORK"
+# The daemon's PACKET events: its own kernel times of each reply, for the oracle.
+private_lttng_session delete "$WORK/trace" com_quorin_tn_twamp:PACKET
 TRUTH="$WORK/truth.jsonl"
 check "reflector starts" start_reflector "$TRUTH" "$REFLECTOR_PORT"
 
@@ -88,10 +90,13 @@ fake_clock_jump $(((X + 1) * 60 + 57))
 # Minute X + 1 is finalised 4 s into X + 2.
 wait_fake_until $(((X + 2) * 60 + 6))
 check "session B: counters read" counters_json "$SERVICE" session-b "$WORK/session-b.json"
+private_lttng_finish delete
+babeltrace2 "$WORK/trace" >"$WORK/events.txt" 2>/dev/null || true
 check "session B: its minute matches the ground truth, every packet answered" \
     python3 "$ORACLE" --truth "$TRUTH" --counters "$WORK/session-b.json" --rate "$RATE" \
     --tolerance-us "$TOLERANCE_US" --label session-b --minute $((X + 1)) --expect valid \
-    --na-bins "$(seq 0 14 | grep -vx $(((X + 1) % 15)) | paste -sd, -)"
+    --na-bins "$(seq 0 14 | grep -vx $(((X + 1) % 15)) | paste -sd, -)" \
+    --daemon-events "$WORK/events.txt" --start-offset 0
 answered_all() {
     python3 -c 'import json, sys
 c = json.load(open(sys.argv[1]))["counters"]

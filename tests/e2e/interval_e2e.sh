@@ -55,6 +55,8 @@ trap cleanup EXIT
 
 e2e_environment "$WORK"
 private_lttng_start "$WORK"
+# The daemon's PACKET events: its own kernel times of each reply, for the oracle.
+private_lttng_session interval "$WORK/trace" com_quorin_tn_twamp:PACKET
 TRUTH="$WORK/truth.jsonl"
 check "reflector starts" start_reflector "$TRUTH" "$REFLECTOR_PORT" --reply-ttl 100
 
@@ -87,6 +89,9 @@ wait_fake_until $(((N + 15) * 60 + 1))
 # just ended cannot be finalised until it runs again.
 fake_clock_freeze $(((N + 15) * 60 + 2))
 sleep 0.5
+# Every minute the records below check has been sent and answered.
+private_lttng_finish interval
+babeltrace2 "$WORK/trace" >"$WORK/events.txt" 2>/dev/null || true
 
 "$CTL" --service "$SERVICE" --timeout 60 counters --id boundary --completed --wait --json \
     >"$WORK/held.json" 2>"$WORK/held.err" &
@@ -98,7 +103,7 @@ expected_record() {
     python3 "$ORACLE" --truth "$TRUTH" --counters "$file" --rate "$RATE" \
         --tolerance-us "$TOLERANCE_US" --label "$(basename "$file" .json)" \
         --minute "$N" --minute "$((N + 1)):void" --minute "$((N + 13))" --minute "$((N + 14))$last" \
-        --na-bins 2-12
+        --na-bins 2-12 --daemon-events "$WORK/events.txt" --start-offset 0
 }
 check "interval in progress in minute 0: the previous record whole, its last minute not yet finalised" \
     expected_record "$WORK/minute0.json" :open

@@ -110,7 +110,7 @@ if [ "$STOP_FAULTS" = 1 ]; then
     SESSIONS+=("stall stall 18836")
 fi
 declare -A DAEMON_PORT DAEMON_CLOCK DAEMON_BIN DAEMON_PID SESSION_DAEMON SESSION_PORT
-declare -A CLOCK_OFFSET CLOCK_MINUTE REFLECTOR_PID
+declare -A CLOCK_OFFSET CLOCK_MINUTE REFLECTOR_PID SESSION_OFFSET
 for entry in "${DAEMONS[@]}"; do
     read -r daemon port clock bin <<<"$entry"
     DAEMON_PORT[$daemon]="$port"
@@ -201,7 +201,15 @@ exact() {
         arguments+=(--minute "$minute")
     done
     python3 "$ORACLE" --truth "$truth" --counters "$file" --rate "$RATE" \
-        --tolerance-us "$TOLERANCE_US" --label "$session" "${arguments[@]}"
+        --tolerance-us "$TOLERANCE_US" --label "$session" "${arguments[@]}" \
+        --daemon-events "$WORK/events.txt" --start-offset "${SESSION_OFFSET[$session]}"
+}
+
+# check_exact WHAT exact ...: a check of exact minutes, run at the end, once
+# the daemons' PACKET events (their own kernel times of each reply) are in.
+EXACT_CHECKS=()
+check_exact() {
+    EXACT_CHECKS+=("$(printf '%q ' "$@")")
 }
 
 # all_na FILE BINS: the bins are -2 throughout.
@@ -259,7 +267,8 @@ bash "$LAB_SH" up >/dev/null
 e2e_environment "$WORK"
 private_lttng_start "$WORK"
 private_lttng_session faults "$WORK/trace" 'com_quorin_tn_twamp:LAB' \
-    'com_quorin_tn_twamp:EXCEPTION' 'com_quorin_tn_twamp:ERROR' 'com_quorin_tn_twamp:INFO'
+    'com_quorin_tn_twamp:EXCEPTION' 'com_quorin_tn_twamp:ERROR' 'com_quorin_tn_twamp:INFO' \
+    'com_quorin_tn_twamp:PACKET'
 
 for entry in "${SESSIONS[@]}"; do
     read -r session _ port options <<<"$entry"
@@ -294,6 +303,7 @@ echo "first minute of sending at $(date -u -d "@$R0" +%T) real: shared $M (bin $
 offset=1
 for entry in "${SESSIONS[@]}"; do
     read -r session daemon port _ <<<"$entry"
+    SESSION_OFFSET[$session]="$offset"
     check "session $session created" ctl "$daemon" create --id "$session" --dst "$PEER_ADDRESS" \
         --port "$port" --rate "$RATE" --dscp 46 --size 64 --offset "$offset"
     offset=$((offset + 1))
@@ -397,7 +407,7 @@ check "stepfwd: minutes $MF and $((MF + 1)) -2, the arming and running minutes -
     all_na "$WORK/stepfwd.final.json" "$(((MF - 1) % 15))-$(((MF + 1) % 15)),$(((MF + 4) % 15))"
 check "stepfwd: every bin -2 or in range" range_ok stepfwd final
 check "stepfwd: the minutes after the fault measured" measured stepfwd final "$(((MF + 2) % 15))-$(((MF + 3) % 15))"
-check "stepfwd: minutes $((MF + 2)) (part) and $((MF + 3)) after the step exact" \
+check_exact "stepfwd: minutes $((MF + 2)) (part) and $((MF + 3)) after the step exact" \
     exact stepfwd "$WORK/stepfwd.final.json" "$WORK/stepfwd.jsonl" $((MF + 2)) $((MF + 3))
 check_unaccounted stepfwd "$MF"
 
@@ -405,7 +415,7 @@ truth_after "$WORK/stepback.jsonl" $((MB - 2)) "$WORK/stepback.after.jsonl"
 check "stepback: minute $MB (running again) -2" all_na "$WORK/stepback.final.json" $((MB % 15))
 check "stepback: every bin -2 or in range" range_ok stepback final
 check "stepback: the minutes after the fault measured" measured stepback final "$(((MB - 2) % 15))-$(((MB - 1) % 15))"
-check "stepback: minutes $((MB - 2)) (part) and $((MB - 1)) after the step exact" \
+check_exact "stepback: minutes $((MB - 2)) (part) and $((MB - 1)) after the step exact" \
     exact stepback "$WORK/stepback.final.json" "$WORK/stepback.after.jsonl" $((MB - 2)) $((MB - 1))
 check_unaccounted stepback "$MB"
 
@@ -413,20 +423,20 @@ check "stephour: the skipped interval before the step: complete, all -2" \
     all_na "$WORK/stephour.final.completed.json" 0-14
 check "stephour: every bin -2 or in range" range_ok stephour final
 check "stephour: the minutes after the fault measured" measured stephour final "$(((MH + 60) % 15))-$(((MH + 61) % 15))"
-check "stephour: minutes $((MH + 60)) (part) and $((MH + 61)) after the step exact" \
+check_exact "stephour: minutes $((MH + 60)) (part) and $((MH + 61)) after the step exact" \
     exact stephour "$WORK/stephour.final.json" "$WORK/stephour.jsonl" $((MH + 60)) $((MH + 61))
 check_unaccounted stephour "$MH"
 
 check "restart: every bin -2 or in range" range_ok restart final
-check "restart: minute $((M + 1)) after the restart exact" \
+check_exact "restart: minute $((M + 1)) after the restart exact" \
     exact restart "$WORK/restart.final.json" "$WORK/restart.after.jsonl" $((M + 1))
 
 # The manager: the held reply and the probe's went nowhere; the operator
 # log record of minute M + 1 (written 4 s into M + 2) after the file was removed.
 check "manager: every bin -2 or in range" range_ok clean final
-check "clean: minute $M exact" \
+check_exact "clean: minute $M exact" \
     exact clean "$WORK/clean.final.completed.json" "$WORK/clean.jsonl" "$M"
-check "clean: minute $((M + 1)) exact" \
+check_exact "clean: minute $((M + 1)) exact" \
     exact clean "$WORK/clean.final.json" "$WORK/clean.jsonl" $((M + 1))
 check "manager: the operator log file removed while running is written again" \
     [ -f "$WORK/log_manager/TnNetworkLog.log" ]
@@ -434,7 +444,7 @@ check "manager: the invalidated minute $((M + 1)) is in the operator log written
     grep -qF "larger than 4s for period $(((M + 1) % 15)) so all counters are reset to -2" \
     "$WORK/log_manager/TnNetworkLog.log"
 
-check "20 managers at once: the record exact" \
+check_exact "20 managers at once: the record exact" \
     exact clean "$WORK/many.before.json" "$WORK/clean.jsonl" $((M + 1))
 still_answers manager
 still_answers stepfwd
@@ -449,7 +459,7 @@ if [ "$STOP_FAULTS" = 1 ]; then
         all_na "$WORK/stall.final.completed.json" 0-14
     check "stall: every bin -2 or in range" range_ok stall final
     check "stall: the minutes after the fault measured" measured stall final 1-2
-    check "stall: minute $((M + 3)) exact" \
+    check_exact "stall: minute $((M + 3)) exact" \
         exact stall "$WORK/stall.final.json" "$WORK/stall.jsonl" $((M + 3))
     check_unaccounted stall "$M"
     still_answers stall
@@ -459,7 +469,7 @@ wait_real 306
 read_both unreach final
 check "unreach: every bin -2 or in range" range_ok unreach final
 check "unreach: the minutes after the fault measured" measured unreach final 0-3
-check "unreach: minute $((M + 4)) after the port opened again exact" \
+check_exact "unreach: minute $((M + 4)) after the port opened again exact" \
     exact unreach "$WORK/unreach.final.json" "$WORK/unreach.jsonl" $((M + 4))
 check "unreach: the reflector was closed and opened again" \
     bash -c "grep -q '\"event\":\"closed\"' '$WORK/unreach.jsonl' && grep -q '\"event\":\"reopened\"' '$WORK/unreach.jsonl'"
@@ -467,6 +477,9 @@ still_answers unreach
 
 private_lttng_finish faults
 babeltrace2 "$WORK/trace" >"$WORK/events.txt" 2>/dev/null || true
+for item in "${EXACT_CHECKS[@]}"; do
+    eval "check $item"
+done
 # The trace checks of the declarations need the events: run them now.
 declared=("stepfwd $MF" "stepback $MB" "stephour $MH")
 if [ "$STOP_FAULTS" = 1 ]; then

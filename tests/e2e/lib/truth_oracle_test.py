@@ -4,6 +4,7 @@
 import os
 import random
 import sys
+import tempfile
 import unittest
 
 sys.path.insert(0, os.path.dirname(os.path.abspath(__file__)))
@@ -296,6 +297,91 @@ class DelayTest(unittest.TestCase):
         low, high = expected.log_maxima[0].lo, expected.log_maxima[0].hi
         self.assertLessEqual(low, (1 << 38) - 50000)
         self.assertGreaterEqual(high, (1 << 38) - 49000)
+
+
+def ntp_hex(ns):
+    seconds, rest = divmod(ns, 1000000000)
+    return "%x" % (((seconds + oracle.NTP_UNIX_OFFSET) << 32) | -(-(rest << 32) // 1000000000))
+
+
+def packet_line(seq, offset, t1_prime_ns, t4_ns):
+    """A PACKET event as babeltrace2 prints the daemon's trace."""
+    return ('[12:00:00.000000000] host com_quorin_tn_twamp:PACKET: { msg = "PACKET: '
+            'SenderSequenceNo: %d, ResponderSequenceNo: %d, StartOffset: %d, T1: 1, '
+            'T1Prime: %s, T2: 2, T3: 3, T4: %s" }\n' % (seq, seq, offset, ntp_hex(t1_prime_ns),
+                                                      ntp_hex(t4_ns)))
+
+
+class KernelTimesTest(unittest.TestCase):
+    def setUp(self):
+        self.directory = tempfile.TemporaryDirectory()
+        self.events = os.path.join(self.directory.name, "events.txt")
+        oracle._EVENTS_CACHE.clear()
+
+    def tearDown(self):
+        self.directory.cleanup()
+
+    def kernel_times(self, lines, offset=3):
+        with open(self.events, "w") as stream:
+            stream.writelines(lines)
+        return oracle.daemon_kernel_times(self.events, offset)
+
+    def finalised_with(self, events, kernel_times, tolerance_us=500):
+        session = oracle.SessionReplay(START, events, RATE, tolerance_us, None, kernel_times)
+        sent, state, sequence_error = session.replay(MINUTE, True)
+        return sent, state, oracle.expect_finalised(sent, state, sequence_error, RATE)
+
+    # The trace's NTP times read back as the nanoseconds they were written from.
+    def test_trace_times_are_read_per_session(self):
+        event = reply(0, 0)
+        times = self.kernel_times([packet_line(0, 3, event["rxKernelNs"] - 1500,
+                                               event["txKernelNs"] + 700),
+                                   packet_line(0, 4, 1, 2)])
+        out, back = oracle.veth_times(event, event["rxKernelNs"], event["txKernelNs"], times)
+        self.assertAlmostEqual(1.5, out, places=2)
+        self.assertAlmostEqual(0.7, back, places=2)
+
+    # A veth time within the tolerance leaves the tolerance's range.
+    def test_ordinary_reply_keeps_the_tolerance(self):
+        event = reply(0, 0)
+        times = self.kernel_times([packet_line(0, 3, event["rxKernelNs"] - 3000,
+                                               event["txKernelNs"] + 2000)])
+        _, state, expected = self.finalised_with([event], times)
+        self.assertEqual((0, 500 + 2), value(expected, "delayRtMax"))
+        self.assertEqual([], state.outliers)
+
+    # A host that stopped the virtual CPU inside the send for 800 us: the
+    # daemon's own kernel times give the delays of that reply exactly.
+    def test_stalled_send_uses_the_daemons_times(self):
+        events = [reply(seq, seq) for seq in range(3)]
+        lines = [packet_line(seq, 3, e["rxKernelNs"] - (800000 if seq == 1 else 1000),
+                             e["txKernelNs"] + 20000 * (seq == 1))
+                 for seq, e in enumerate(events)]
+        sent, state, expected = self.finalised_with(events, self.kernel_times(lines))
+        self.assertEqual((820 - 2, 820 + 2), value(expected, "delayRtMax"))
+        self.assertEqual((0, 500 + 2), value(expected, "delayRtMin"))
+        self.assertEqual([1], [seq for seq, _ in state.outliers])
+        self.assertEqual(0, oracle.check_outliers("s", MINUTE, sent, state))
+
+    # Many replies beyond the tolerance are not stalls: the daemon's times
+    # and the truth disagree, and the check fails.
+    def test_many_outliers_fail(self):
+        events = [reply(seq, seq) for seq in range(10)]
+        lines = [packet_line(seq, 3, e["rxKernelNs"] - 900000, e["txKernelNs"])
+                 for seq, e in enumerate(events)]
+        sent, state, _ = self.finalised_with(events, self.kernel_times(lines))
+        self.assertEqual(10, len(state.outliers))
+        self.assertEqual(1, oracle.check_outliers("s", MINUTE, sent, state))
+
+    # A time of the daemon after the reflector's receive time is no veth
+    # time: it is not used.
+    def test_impossible_times_are_not_used(self):
+        event = reply(0, 0)
+        times = self.kernel_times([packet_line(0, 3, event["rxKernelNs"] + 900000,
+                                               event["txKernelNs"] + 900000)])
+        _, state, expected = self.finalised_with([event], times)
+        self.assertEqual((0, 500 + 2), value(expected, "delayRtMax"))
+        self.assertEqual([], state.outliers)
 
 
 if __name__ == "__main__":
