@@ -9,6 +9,7 @@ set -euo pipefail
 HERE="$(dirname "$(readlink -f "$0")")"
 source "$HERE/lib/private_lttng.sh"
 source "$HERE/lib/e2e_common.sh"
+source "$HERE/lib/lab_daemon.sh"
 private_lttng_enter "$@"
 
 DAEMON="$1"
@@ -18,23 +19,22 @@ WORK="$(mktemp -d /tmp/bind_retry_e2e.XXXXXX)"
 NS="fib_bind_$$"
 SERVICE="bind_svc_$$"
 PORT=18621
-DAEMON_PID=""
 HOLDER_PID=""
 
 cleanup() {
-    for pid in $DAEMON_PID $HOLDER_PID; do
-        kill -KILL "$pid" 2>/dev/null || true
-        wait "$pid" 2>/dev/null || true
-    done
+    if [ -n "$HOLDER_PID" ]; then
+        kill -KILL "$HOLDER_PID" 2>/dev/null || true
+        wait "$HOLDER_PID" 2>/dev/null || true
+    fi
+    stop_lab_processes KILL
     private_lttng_stop
-    ip netns del "$NS" 2>/dev/null || true
+    remove_scratch_namespaces
     rm -rf "$WORK"
 }
 trap cleanup EXIT
 
 e2e_environment "$WORK"
-ip netns add "$NS"
-ip -n "$NS" link set lo up
+scratch_namespace "$NS"
 private_lttng_start "$WORK"
 private_lttng_session bind "$WORK/trace" 'com_quorin_tn_twamp:*'
 
@@ -43,8 +43,8 @@ HOLDER_PID=$!
 wait_for 10 grep -q bound "$WORK/holder.txt"
 
 started=$(date +%s)
-"$DAEMON" "$SERVICE" 127.0.0.1 "$PORT" "$NS" 0 2>/dev/null &
-DAEMON_PID=$!
+launch_daemon "$SERVICE" 127.0.0.1 "$PORT" "$NS" /dev/null
+DAEMON_PID="$LAB_DAEMON_PID"
 
 mailbox_ready() {
     "$CTL" --service "$SERVICE" --timeout 1 counters --id probe >/dev/null
@@ -67,9 +67,7 @@ bound_by_daemon() {
 check "the daemon binds within a retry period once the port is free" wait_for 15 bound_by_daemon
 check "the daemon still answers" mailbox_ready
 
-kill -TERM "$DAEMON_PID"
-wait "$DAEMON_PID" 2>/dev/null || true
-DAEMON_PID=""
+stop_daemon "$DAEMON_PID"
 private_lttng_finish bind
 babeltrace2 "$WORK/trace" >"$WORK/events.txt"
 check "trace: the 30 failed rounds at INFO" \

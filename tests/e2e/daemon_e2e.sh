@@ -9,6 +9,7 @@ set -euo pipefail
 HERE="$(dirname "$(readlink -f "$0")")"
 source "$HERE/lib/private_lttng.sh"
 source "$HERE/lib/e2e_common.sh"
+source "$HERE/lib/lab_daemon.sh"
 private_lttng_enter "$@"
 
 DAEMON="$1"
@@ -18,29 +19,23 @@ WORK="$(mktemp -d /tmp/daemon_e2e.XXXXXX)"
 NS="fib_e2e_$$"
 SERVICE="e2e_svc_$$"
 PORT=18620
-DAEMON_PID=""
-MISSING_PID=""
 
 cleanup() {
-    for pid in $DAEMON_PID $MISSING_PID; do
-        kill -KILL "$pid" 2>/dev/null || true
-        wait "$pid" 2>/dev/null || true
-    done
+    stop_lab_processes KILL
     private_lttng_stop
-    ip netns del "$NS" 2>/dev/null || true
+    remove_scratch_namespaces
     rm -rf "$WORK"
 }
 trap cleanup EXIT
 
 e2e_environment "$WORK"
-ip netns add "$NS"
-ip -n "$NS" link set lo up
+scratch_namespace "$NS"
 
 private_lttng_start "$WORK"
 private_lttng_session e2e "$WORK/trace" 'com_quorin_tn_twamp:*'
 
-"$DAEMON" "$SERVICE" 127.0.0.1 "$PORT" "$NS" 0 2>"$WORK/stderr" &
-DAEMON_PID=$!
+launch_daemon "$SERVICE" 127.0.0.1 "$PORT" "$NS" "$WORK/stderr"
+DAEMON_PID="$LAB_DAEMON_PID"
 check "mailbox appears" wait_for 20 "$CTL" --service "$SERVICE" counters --id ready
 
 never_created() {
@@ -93,38 +88,32 @@ wait "$HOLD_PID" 2>/dev/null || true
 check "twamp-ctl: no reply in time exits 4 with a message" \
     bash -c "[ $status -eq 4 ] && grep -q 'no counters reply' '$WORK/ctl_err.txt'"
 
-kill -TERM "$DAEMON_PID"
-wait "$DAEMON_PID" 2>/dev/null || true
-DAEMON_PID=""
+stop_daemon "$DAEMON_PID"
 
 # A namespace file that is no namespace: setns fails, the daemon carries on in
 # the namespace it was started in.
 NOTNS="fib_notns_$$"
 : >"/var/run/netns/$NOTNS"
-"$DAEMON" "notns_$$" 127.0.0.1 18622 "$NOTNS" 0 2>/dev/null &
-DAEMON_PID=$!
+launch_daemon "notns_$$" 127.0.0.1 18622 "$NOTNS" /dev/null
+DAEMON_PID="$LAB_DAEMON_PID"
 check "unjoinable namespace: the daemon still opens its mailbox" \
     wait_for 20 "$CTL" --service "notns_$$" counters --id ready
 check "unjoinable namespace: the socket is bound in the initial namespace" \
     bash -c "ss -Huanp 'sport = :18622' | grep -q 'pid=$DAEMON_PID,'"
-kill -TERM "$DAEMON_PID"
-wait "$DAEMON_PID" 2>/dev/null || true
-DAEMON_PID=""
+stop_daemon "$DAEMON_PID"
 rm -f "/var/run/netns/$NOTNS"
 
 # A namespace file that does not exist: restart request, then the process waits.
 rm -f /var/run/netns/fib_missing
-"$DAEMON" "missing_$$" 127.0.0.1 "$PORT" fib_missing 0 2>/dev/null &
-MISSING_PID=$!
+launch_daemon "missing_$$" 127.0.0.1 "$PORT" fib_missing /dev/null
+MISSING_PID="$LAB_DAEMON_PID"
 check "missing namespace: restart request recorded" \
     wait_for 20 grep -q "message=\"Unable to open '/var/run/netns/fib_missing': No such file or directory.\"" \
     "$QRN_NG_RESTART_LOG"
 check "restart request carries level 1, the line and the full source path" \
     grep -qE ' level=1 line=[0-9]+ file=/.*/TwampTestSessionMain\.cc data=0,0 ' "$QRN_NG_RESTART_LOG"
 check "the process waits for its restart" kill -0 "$MISSING_PID"
-kill -KILL "$MISSING_PID"
-wait "$MISSING_PID" 2>/dev/null || true
-MISSING_PID=""
+stop_daemon "$MISSING_PID" KILL
 
 private_lttng_finish e2e
 babeltrace2 "$WORK/trace" >"$WORK/events.txt"

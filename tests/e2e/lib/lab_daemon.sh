@@ -15,9 +15,17 @@
 #   fake_clock_freeze EPOCH     stops the clock at EPOCH
 #   fake_now                    the faked time, seconds with fraction
 #   wait_fake_until EPOCH       sleeps until the faked clock reaches EPOCH
-#   start_daemon SERVICE SRC PORT LOGDIR   the daemon in fib_lab on the faked clock
+#   start_daemon SERVICE SRC PORT LOGDIR   the daemon in fib_lab on the faked
+#                               clock, once its mailbox answers
+#   launch_daemon SERVICE SRC PORT NAMESPACE STDERR
+#                               a daemon not waited for (pid in
+#                               LAB_DAEMON_PID), on the faked clock once
+#                               fake_clock_init ran, else on the real one
+#   stop_daemon PID [SIGNAL]    stops one daemon (TERM by default), waited for
 #   start_reflector TRUTH PORT OPTION...   a reflector in twamp_peer
-#   stop_lab_processes          stops what was started (reflectors, daemons)
+#   stop_lab_processes [SIGNAL] stops what was started (reflectors, daemons)
+#   scratch_namespace NAME      a namespace of the test's own, loopback up
+#   remove_scratch_namespaces   deletes those
 # Daemons and reflectors run at real-time priority, so that whatever else the
 # host runs meanwhile (other tests, builds) adds no scheduling delay to the
 # delays they measure and make, and the daemon keeps up with its socket.
@@ -25,7 +33,9 @@
 LAB_PEER_NS=twamp_peer
 LAB_DAEMON_NS=fib_lab
 LAB_DAEMON_PIDS=""
+LAB_DAEMON_PID=""
 LAB_REFLECTOR_PIDS=""
+LAB_SCRATCH_NAMESPACES=""
 FAKE_CLOCK_FILE=""
 FAKE_CLOCK_OFFSET=0
 FAKE_MINUTE=0
@@ -159,18 +169,41 @@ realtime_priority() {
     fi
 }
 
+launch_daemon() {
+    local service="$1" source="$2" port="$3" namespace="$4" stderr="$5" preload
+    if [ -n "$FAKE_CLOCK_FILE" ]; then
+        preload="$(preload_list "$DAEMON")" || return 1
+        TZ=UTC LD_PRELOAD="$preload" FAKETIME_TIMESTAMP_FILE="$FAKE_CLOCK_FILE" \
+            FAKETIME_NO_CACHE=1 FAKETIME_DONT_FAKE_MONOTONIC=1 \
+            "$DAEMON" "$service" "$source" "$port" "$namespace" 0 2>"$stderr" &
+    else
+        "$DAEMON" "$service" "$source" "$port" "$namespace" 0 2>"$stderr" &
+    fi
+    LAB_DAEMON_PID=$!
+    LAB_DAEMON_PIDS="$LAB_DAEMON_PIDS $LAB_DAEMON_PID"
+    realtime_priority "$LAB_DAEMON_PID"
+}
+
 start_daemon() {
-    local service="$1" source="$2" port="$3" logdir="$4" preload
-    preload="$(preload_list "$DAEMON")" || return 1
+    local service="$1" source="$2" port="$3" logdir="$4"
     mkdir -p "$logdir"
     : >"$logdir/TnApplicationLog.log"
     : >"$logdir/TnNetworkLog.log"
-    SA_LOG_DIR="$logdir" TZ=UTC LD_PRELOAD="$preload" FAKETIME_TIMESTAMP_FILE="$FAKE_CLOCK_FILE" \
-        FAKETIME_NO_CACHE=1 FAKETIME_DONT_FAKE_MONOTONIC=1 \
-        "$DAEMON" "$service" "$source" "$port" "$LAB_DAEMON_NS" 0 2>"$logdir/stderr" &
-    LAB_DAEMON_PIDS="$LAB_DAEMON_PIDS $!"
-    realtime_priority "$!"
+    SA_LOG_DIR="$logdir" launch_daemon "$service" "$source" "$port" "$LAB_DAEMON_NS" \
+        "$logdir/stderr" || return 1
     wait_for 20 "$CTL" --service "$service" counters --id ready
+}
+
+stop_daemon() {
+    local pid="$1" signal="${2:-TERM}" kept="" other
+    kill "-$signal" "$pid" 2>/dev/null || true
+    wait "$pid" 2>/dev/null || true
+    for other in $LAB_DAEMON_PIDS; do
+        if [ "$other" != "$pid" ]; then
+            kept="$kept $other"
+        fi
+    done
+    LAB_DAEMON_PIDS="$kept"
 }
 
 start_reflector() {
@@ -183,15 +216,29 @@ start_reflector() {
 }
 
 stop_lab_processes() {
-    local pid
+    local signal="${1:-TERM}" pid
     for pid in $LAB_REFLECTOR_PIDS $LAB_DAEMON_PIDS; do
-        kill -TERM "$pid" 2>/dev/null || true
+        kill "-$signal" "$pid" 2>/dev/null || true
     done
     for pid in $LAB_REFLECTOR_PIDS $LAB_DAEMON_PIDS; do
         wait "$pid" 2>/dev/null || true
     done
     LAB_REFLECTOR_PIDS=""
     LAB_DAEMON_PIDS=""
+}
+
+scratch_namespace() {
+    ip netns add "$1" || return 1
+    LAB_SCRATCH_NAMESPACES="$LAB_SCRATCH_NAMESPACES $1"
+    ip -n "$1" link set lo up
+}
+
+remove_scratch_namespaces() {
+    local namespace
+    for namespace in $LAB_SCRATCH_NAMESPACES; do
+        ip netns del "$namespace" 2>/dev/null || true
+    done
+    LAB_SCRATCH_NAMESPACES=""
 }
 
 # counters_json SERVICE ID FILE [OPTION...]: the counters as JSON in FILE.
