@@ -7,15 +7,16 @@
 # again (twice). A lab that was up before the test is brought up again at the
 # end.
 #
-# usage: lab_e2e.sh LAB_SH REFLECTOR PROBE     (exit 77: skipped, not root)
+# usage: reflector_lab_e2e.sh LAB_SH REFLECTOR PROBE   (exit 77: skipped, not root)
 set -uo pipefail
+HERE="$(dirname "$(readlink -f "$0")")"
+source "$HERE/lib/e2e_common.sh"
+source "$HERE/lib/lab_daemon.sh"
 
 LAB="$1"
 REFLECTOR="$2"
 PROBE="$3"
 PORT=18862
-FAILURES=0
-REFLECTOR_PID=""
 WORK="$(mktemp -d /tmp/reflector_lab.XXXXXX)"
 
 if [ "$(id -u)" -ne 0 ]; then
@@ -29,10 +30,7 @@ if bash "$LAB" status >/dev/null 2>&1; then
 fi
 
 cleanup() {
-    if [ -n "$REFLECTOR_PID" ]; then
-        kill -KILL "$REFLECTOR_PID" 2>/dev/null || true
-        wait "$REFLECTOR_PID" 2>/dev/null || true
-    fi
+    stop_lab_processes KILL
     if [ "$WAS_UP" -eq 1 ]; then
         bash "$LAB" up >/dev/null || true
     else
@@ -41,31 +39,6 @@ cleanup() {
     rm -rf "$WORK"
 }
 trap cleanup EXIT
-
-check() {
-    local what="$1"
-    shift
-    if "$@"; then
-        echo "ok: $what"
-    else
-        echo "FAIL: $what"
-        FAILURES=$((FAILURES + 1))
-    fi
-}
-
-# wait_for TRIES COMMAND...: retries every 0.1 s.
-wait_for() {
-    local tries="$1"
-    shift
-    local attempt
-    for attempt in $(seq 1 "$tries"); do
-        if "$@" >/dev/null 2>&1; then
-            return 0
-        fi
-        sleep 0.1
-    done
-    return 1
-}
 
 exits_with() {
     local expected="$1"
@@ -94,9 +67,8 @@ check "ping 198.18.0.2 from fib_lab" ip netns exec fib_lab "$PROBE" echo 198.18.
 check "ping 2001:db8:18::2 from fib_lab" ip netns exec fib_lab "$PROBE" echo 2001:db8:18::2
 
 TRUTH="$WORK/truth.jsonl"
-ip netns exec twamp_peer "$REFLECTOR" --port "$PORT" --seed 1 --truth "$TRUTH" --quiet &
-REFLECTOR_PID=$!
-check "reflector writes its start line" wait_for 100 grep -q '"event":"start"' "$TRUTH"
+check "reflector writes its start line" start_reflector "$TRUTH" "$PORT" --seed 1
+REFLECTOR_PID="${LAB_REFLECTOR_PIDS##* }"
 
 # probe_replies ADDRESS TTL TOS: five 64-byte packets, each answered in full.
 probe_replies() {
@@ -128,7 +100,7 @@ check "IPv6 requests of 65507 bytes answered whole" probe_largest 2001:db8:18::2
 kill -TERM "$REFLECTOR_PID"
 wait "$REFLECTOR_PID"
 status=$?
-REFLECTOR_PID=""
+LAB_REFLECTOR_PIDS=""
 check "reflector exits 0 on SIGTERM" [ "$status" -eq 0 ]
 check "ground truth: sixteen replies" [ "$(grep -c '"event":"reply"' "$TRUTH")" -eq 16 ]
 # The kernel switches software receive timestamps on a moment after the
@@ -149,8 +121,4 @@ check "down again is fine" bash "$LAB" down
 check "both namespaces are gone" bash -c "! ip netns list | grep -qE '^(fib_lab|twamp_peer)( |$)'"
 check "status reports the lab down" exits_with 1 bash "$LAB" status
 
-if [ "$FAILURES" -ne 0 ]; then
-    echo "$FAILURES check(s) failed"
-    exit 1
-fi
-echo "all checks passed"
+e2e_finish
