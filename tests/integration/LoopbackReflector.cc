@@ -8,8 +8,10 @@
 #include <ctime>
 #include <utility>
 
+#include "MinuteArithmetic.h"
 #include "NtpTimestamp.h"
 #include "OwampTestMessage.h"
+#include "ReplyBuilder.h"
 #include "TwampTestMessage.h"
 
 namespace scenario_test {
@@ -22,17 +24,11 @@ constexpr int kPollIntervalMs = 20;
 constexpr int kOptionOn = 1;
 // Sender TTL written when the kernel did not report the arrival TTL.
 constexpr uint8_t kFixedSenderTtl = 64;
-constexpr uint32_t kSecondsPerMinute = 60;
 
 uint64_t realNtpNow() {
     struct timespec now;
     clock_gettime(CLOCK_REALTIME, &now);
     return toNtpTimestamp(now);
-}
-
-uint32_t minuteOfNtp(uint64_t ntpTimestamp) {
-    const uint64_t seconds = (ntpTimestamp >> 32) - kNtpUnixEpochOffset;
-    return static_cast<uint32_t>(seconds / kSecondsPerMinute);
 }
 
 bool setIntOption(int fd, int level, int name, int value) {
@@ -211,24 +207,17 @@ void LoopbackReflector::readArrivalFields(const struct msghdr& message,
 
 void LoopbackReflector::reflect(std::vector<uint8_t>& packet, const ReflectedRequest& request,
                                 const struct sockaddr_storage& peer, socklen_t peerLength) {
-    const uint16_t senderErrorEstimate =
-        OwampTestMessage(packet.data(), packet.size()).getErrorEstimate();
     // Held before T2 is taken: the hold is part of every round trip.
     std::this_thread::sleep_for(settings.hold);
-    const uint64_t receiveTimestamp = realNtpNow();
-    TwampTestMessage reply(packet.data(), packet.size());
-    reply.toReflectorLayout();
-    reply.setSequenceNumber(sequenceNumber++);
-    reply.setErrorEstimate();
-    reply.setReceiveTimestamp(receiveTimestamp);
-    reply.setSenderSequenceNumber(request.senderSeqNo);
-    reply.setSenderTimestamp(request.senderTimestamp);
-    reply.setSenderErrorEstimate(senderErrorEstimate);
-    reply.setSenderTtl(request.receivedTtl >= 0 ? static_cast<uint8_t>(request.receivedTtl)
-                                                : kFixedSenderTtl);
+    ReplyStamp stamp;
+    stamp.reflectorSequence = sequenceNumber++;
+    stamp.receiveTimestamp = realNtpNow();
+    stamp.senderTtl =
+        request.receivedTtl >= 0 ? static_cast<uint8_t>(request.receivedTtl) : kFixedSenderTtl;
     // Written down before the reply leaves, so a counted reply is always on record.
     record(request);
-    reply.setTimestamp(realNtpNow());
+    stamp.transmitTimestamp = realNtpNow();
+    ReplyBuilder::build(packet.data(), packet.size(), stamp);
     sendto(socket.get(), packet.data(), packet.size(), 0,
            reinterpret_cast<const struct sockaddr*>(&peer), peerLength);
     std::lock_guard<std::mutex> lock(mutex);

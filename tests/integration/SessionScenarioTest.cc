@@ -33,6 +33,7 @@
 #include "LoopHeartbeat.h"
 #include "LoopbackReflector.h"
 #include "ManagerMailbox.h"
+#include "MinuteArithmetic.h"
 #include "NtpTimestamp.h"
 #include "PercentileVector.h"
 #include "PmPeriodRecord.h"
@@ -92,13 +93,9 @@ uint32_t minuteNumber(int minute) {
     return static_cast<uint32_t>(kIntervalStart / 60) + static_cast<uint32_t>(minute);
 }
 
-// The CLOCK_REALTIME minute number of an NTP timestamp.
-uint32_t minuteOfNtp(uint64_t ntpTimestamp) {
-    return static_cast<uint32_t>(((ntpTimestamp >> 32) - kNtpUnixEpochOffset) / 60);
-}
-
-int parityOf(int minute) {
-    return static_cast<int>(minuteNumber(minute) & 1U);
+// The parity of a minute counted from kIntervalStart.
+int parityOfTestMinute(int minute) {
+    return parityOf(minuteNumber(minute));
 }
 
 // The milliseconds of an NTP timestamp within its minute (the NTP epoch lies
@@ -359,7 +356,7 @@ class SessionScenarioTest : public ::testing::Test {
         return runUntil([&] {
             const TwampTestSession* current = session();
             return current != nullptr &&
-                   !TwampTestSessionPeer::isMinutePending(*current, parityOf(minute));
+                   !TwampTestSessionPeer::isMinutePending(*current, parityOfTestMinute(minute));
         });
     }
 
