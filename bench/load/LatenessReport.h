@@ -50,6 +50,9 @@ class LatenessReport {
     // The kept packets, one "session sequence-number T1" line each (T1 as
     // NTP in hex), for a closer look.
     void dump(std::FILE* out) const;
+    // p50, p99 and max of lateness values (ns) as " PREFIXp50_us=..." pairs,
+    // n/a for none; sorts the values.
+    static void printLateness(std::FILE* out, const char* prefix, std::vector<int64_t>& lateness);
 
   private:
     // The packets of one stretch of time.
@@ -70,8 +73,6 @@ class LatenessReport {
     void bookPacket(int64_t latenessNs, uint64_t dropped, Share& share) const;
     // Whether a scheduled instant lies in a finalisation second.
     bool inFinalisationSecond(int64_t scheduledNs) const;
-    // p50, p99 and max of a share as key=value pairs behind prefix.
-    static void printLateness(std::FILE* out, const char* prefix, std::vector<int64_t>& lateness);
 
     SendSchedule schedule;
     std::vector<CapturedRequest> requests;

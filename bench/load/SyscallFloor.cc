@@ -100,7 +100,7 @@ bool SyscallFloor::openSocket(std::string& error) {
 bool SyscallFloor::armTimers(std::string& error) {
     const int64_t firstSecond = realtimeNs() / kNanosecondsPerSecond + 1;
     endNs = (firstSecond + settings.seconds) * kNanosecondsPerSecond;
-    const int64_t intervalNs = kNanosecondsPerSecond / settings.packetsPerSecond;
+    intervalNs = kNanosecondsPerSecond / settings.packetsPerSecond;
     for (uint32_t session = 0; session < settings.sessions; ++session) {
         ScopedFd timer(timerfd_create(CLOCK_REALTIME, TFD_CLOEXEC));
         struct itimerspec value {};
@@ -124,7 +124,11 @@ bool SyscallFloor::armTimers(std::string& error) {
         inet_pton(AF_INET, settings.reflectorAddress.c_str(), &destination.sin_addr);
         destinations.push_back(destination);
         sequenceNumbers.push_back(0);
+        firstExpiryNs.push_back(firstSecond * kNanosecondsPerSecond + value.it_value.tv_nsec);
+        expiriesRead.push_back(0);
     }
+    lateness.reserve(static_cast<std::size_t>(settings.sessions) * settings.packetsPerSecond *
+                     settings.seconds);
     return true;
 }
 
@@ -154,14 +158,26 @@ void SyscallFloor::onTimer(uint32_t session) {
         return;
     }
     totals.expiries += expiries;
+    // A periodic timerfd expires exactly at its first expiry plus whole intervals.
     for (uint64_t expiry = 0; expiry < expiries; ++expiry) {
-        sendPacket(session);
+        const uint64_t index = expiriesRead[session] + expiry;
+        sendPacket(session, firstExpiryNs[session] + static_cast<int64_t>(index) * intervalNs);
     }
+    expiriesRead[session] += expiries;
 }
 
-void SyscallFloor::sendPacket(uint32_t session) {
+uint64_t SyscallFloor::beyondInterval() const {
+    uint64_t count = 0;
+    for (const int64_t value : lateness) {
+        count += value > intervalNs ? 1 : 0;
+    }
+    return count;
+}
+
+void SyscallFloor::sendPacket(uint32_t session, int64_t scheduledNs) {
     struct timespec now;
     clock_gettime(CLOCK_REALTIME, &now);
+    lateness.push_back(now.tv_sec * kNanosecondsPerSecond + now.tv_nsec - scheduledNs);
     uint8_t packet[kPacketLength] = {};
     writeBigEndian(packet, sequenceNumbers[session]++, 4);
     writeBigEndian(packet + 4, ntpOf(now), 8);

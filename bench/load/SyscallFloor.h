@@ -7,6 +7,10 @@
 // the final empty reads. The socket has the daemon's software timestamping,
 // receive options and 4 MiB receive buffer, so the kernel does the same work
 // for every packet. Waiting is one epoll_wait per wake-up.
+//
+// It also keeps the lateness of each send (T1 minus the timer expiry it
+// serves), the same measure the load driver takes of the daemon: what the
+// machine alone costs in lateness, beside what the daemon adds.
 #ifndef TWAMP_BENCH_SYSCALL_FLOOR_H
 #define TWAMP_BENCH_SYSCALL_FLOOR_H
 
@@ -48,12 +52,17 @@ class SyscallFloor {
     // second for the last replies.
     void run();
     const FloorCounts& counts() const { return totals; }
+    // Send lateness in ns of every packet sent, in sending order.
+    std::vector<int64_t>& latenessNs() { return lateness; }
+    // Packets sent later than one interval after their expiry.
+    uint64_t beyondInterval() const;
 
   private:
     bool openSocket(std::string& error);
     bool armTimers(std::string& error);
     void onTimer(uint32_t session);
-    void sendPacket(uint32_t session);
+    // Sends the packet of the expiry scheduled at scheduledNs (CLOCK_REALTIME).
+    void sendPacket(uint32_t session, int64_t scheduledNs);
     void onSocket();
     // Reads one message of the error queue (MSG_ERRQUEUE) or of the replies (0).
     bool receiveOne(int flags);
@@ -63,6 +72,11 @@ class SyscallFloor {
     ScopedFd epoll;
     std::vector<ScopedFd> timers;
     std::vector<uint32_t> sequenceNumbers;
+    // Per session: its first expiry and the expiries read so far.
+    std::vector<int64_t> firstExpiryNs;
+    std::vector<uint64_t> expiriesRead;
+    int64_t intervalNs = 0;
+    std::vector<int64_t> lateness;
     std::vector<struct sockaddr_in> destinations;
     int64_t endNs = 0;
     FloorCounts totals;

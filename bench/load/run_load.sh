@@ -530,6 +530,9 @@ one_run() {
         echo "daemon_cores=$(cores "$runtime_ns" $((MINUTES * 60 + 1)))"
         echo "floor_sent=$(field sent "$floor_line") floor_answered=$floor_answered"
         echo "floor_us=$floor_us ratio=$(ratio "$daemon_us" "$floor_us")"
+        echo "floor_p50=$(field late_p50_us "$floor_line") floor_p99=$(field late_p99_us "$floor_line")"
+        echo "floor_max=$(field late_max_us "$floor_line")"
+        echo "floor_beyond=$(field late_beyond_interval "$floor_line")"
         echo "rss0=$rss_zero rssS=$rss_full per_session=$(per_session_kib $((rss_full - rss_zero)) "$sessions")"
         echo "busy=${shares% *} steal=${shares#* } wall_s=$(($(date +%s) - run_start))"
     } | tr '\n' ' ' | sed 's/ $/\n/' >>"$OUT/results.txt"
@@ -626,6 +629,12 @@ print_results() {
         echo
         table "| run SxR | p50 | p99 | max | later than one interval | fin. packets | fin. p50 | fin. p99 | fin. max | fin. later than one interval | fin. expiries dropped |" \
             run p50 p99 max beyond fin_packets fin_p50 fin_p99 fin_max fin_beyond fin_dropped
+        echo
+        echo "The same lateness of the floor program at the same load: what the machine costs without"
+        echo "the daemon's work"
+        echo
+        table "| run SxR | floor p50 | floor p99 | floor max | floor later than one interval |" \
+            run floor_p50 floor_p99 floor_max floor_beyond
         echo
         echo "CPU (scheduler run time) per answered packet in microseconds, daemon and floor, the"
         echo "daemon's also per sent packet and in cores over the measured minutes; resident memory"

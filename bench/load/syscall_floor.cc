@@ -4,11 +4,13 @@
 //   syscall_floor --source ADDR --source-port P --reflector ADDR --base-port N
 //                 --sessions S --rate PPS --seconds D
 //
-// Prints the packets sent and answered and the CPU time used while sending.
+// Prints the packets sent and answered, the CPU time used while sending and
+// the send lateness (p50, p99, max; packets later than one interval).
 #include <cinttypes>
 #include <cstdio>
 #include <string>
 
+#include "LatenessReport.h"
 #include "OptionMap.h"
 #include "ProcessCpu.h"
 #include "SyscallFloor.h"
@@ -66,9 +68,12 @@ int main(int argc, char** argv) {
     self.sample(after);
     const FloorCounts& counts = floor.counts();
     std::printf("sent=%" PRIu64 " expiries=%" PRIu64 " tx_timestamps=%" PRIu64 " answered=%" PRIu64
-                " ticks=%" PRIu64 " tick_hz=%" PRIu64 " runtime_ns=%" PRIu64 "\n",
+                " ticks=%" PRIu64 " tick_hz=%" PRIu64 " runtime_ns=%" PRIu64,
                 counts.sent, counts.expiries, counts.txTimestamps, counts.replies,
                 after.ticks - before.ticks, ProcessCpu::ticksPerSecond(),
                 after.runtimeNs - before.runtimeNs);
+    const uint64_t beyond = floor.beyondInterval();
+    LatenessReport::printLateness(stdout, "late_", floor.latenessNs());
+    std::printf(" late_beyond_interval=%" PRIu64 "\n", beyond);
     return 0;
 }
