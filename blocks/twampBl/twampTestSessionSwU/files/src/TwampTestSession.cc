@@ -3,12 +3,14 @@
 #include <netdb.h>
 #include <netinet/in.h>
 #include <netinet/ip.h>
+#include <sys/timerfd.h>
 #include <unistd.h>
 
 #include <cerrno>
 #include <cstring>
 #include <algorithm>
 #include <stdexcept>
+#include <vector>
 
 #include "IoMultiplexer.h"
 #include "ItcDispatcher.h"

@@ -9,9 +9,7 @@
 #ifndef TWAMP_TEST_SESSION_H
 #define TWAMP_TEST_SESSION_H
 
-#include <netdb.h>
 #include <sys/socket.h>
-#include <sys/timerfd.h>
 #include <sys/types.h>
 #include <sys/uio.h>
 
@@ -23,7 +21,6 @@
 #include <set>
 #include <string>
 #include <utility>
-#include <vector>
 
 #include "Clock.h"
 #include "IoHandler.h"
