@@ -8,8 +8,6 @@
 #include <cerrno>
 #include <cstdio>
 #include <cstdlib>
-#include <fstream>
-#include <iterator>
 #include <string>
 #include <vector>
 
@@ -17,6 +15,7 @@
 #include "DefaultNamespaceHandle.h"
 #include "FakeSaLog.h"
 #include "MockItcDispatcher.h"
+#include "TextFiles.h"
 #include "TraceRecorder.h"
 #include "TwampTestSessionMain.h"
 #include "UdpSocket.h"
@@ -26,6 +25,7 @@ namespace {
 using ::testing::NiceMock;
 using ::testing::Return;
 using ::testing::ReturnRef;
+using twamp_test::readFile;
 using twamp_test::TraceRecorder;
 
 // Reports its init on standard error instead of binding.
@@ -107,11 +107,6 @@ void runWithTakenMailboxName(const std::string& restartLog) {
     setenv("QRN_NG_EXIT_STATUS", "3", 1);
     runWithMocks({"twampTestSession", "svc", "10.0.0.1", "862", "default", "0"},
                  MailboxInit::NameTaken);
-}
-
-std::string readFile(const std::string& path) {
-    std::ifstream file(path);
-    return std::string(std::istreambuf_iterator<char>(file), std::istreambuf_iterator<char>());
 }
 
 // A mailbox that cannot be opened is fatal: ERROR trace from main with the
