@@ -12,21 +12,20 @@
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
 
-#include "ControlTestDoubles.h"
+#include "AdoptedMockController.h"
+#include "FakeClock.h"
 #include "FakeItc.h"
 #include "FakeSaLog.h"
 #include "MockTwampTestSession.h"
 #include "MockTwampTestSessionFactory.h"
 #include "PmPeriodRecord.h"
 #include "SessionKey.h"
+#include "tn_log_internal.h"
 #include "TraceRecorder.h"
 #include "TwtsiSignals.h"
-#include "tn_log_internal.h"
 
 namespace {
 
-using control_test::AdoptedMockController;
-using control_test::FakeClock;
 using ::testing::_;
 using ::testing::DoAll;
 using ::testing::Invoke;
@@ -34,6 +33,8 @@ using ::testing::NiceMock;
 using ::testing::Return;
 using ::testing::SaveArg;
 using ::testing::StrEq;
+using twamp_test::AdoptedMockController;
+using twamp_test::FakeClock;
 using twamp_test::FakeItc;
 using twamp_test::FakeItcSent;
 using twamp_test::FakeSaLog;

@@ -11,7 +11,7 @@
 #include <string>
 #include <vector>
 
-#include "ControlTestDoubles.h"
+#include "AdoptedMockController.h"
 #include "DefaultNamespaceHandle.h"
 #include "FakeSaLog.h"
 #include "MockItcDispatcher.h"
@@ -48,7 +48,7 @@ void runWithMocks(std::vector<std::string> arguments,
     TraceRecorder::reset();
     TraceRecorder::setEchoToStderr(true);
     twamp_test::FakeSaLog::reset();
-    control_test::AdoptedMockController mocks;
+    twamp_test::AdoptedMockController mocks;
     ReportingUdpSocket socket;
     NiceMock<twamp_test::MockItcDispatcher> dispatcher;
     // The process ends with exit() inside the entry: the mocks are never destroyed.
