@@ -38,7 +38,7 @@
 // TWAMP_SIMULATION_MINUTES sets how many minutes are simulated (2000 by
 // default, a few seconds; about a minute in the sanitizer build).
 // A long run, e.g. overnight (one line):
-//   TWAMP_SIMULATION_MINUTES=200000 build/tests/control/session_simulation_tests
+//   TWAMP_SIMULATION_MINUTES=200000 build/tests/session/session_simulation_tests
 //       --gtest_filter=SessionSimulationTest.EveryFinalisedMinuteTellsTheTruth
 // and to repeat one that failed, the printed line in front of the same command:
 //   TWAMP_TEST_SEED=<seed> TWAMP_SIMULATION_MINUTES=<minutes> build/...
