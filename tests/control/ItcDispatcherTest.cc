@@ -20,6 +20,7 @@
 #include "MockTwampTestSessionFactory.h"
 #include "PmPeriodRecord.h"
 #include "SessionKey.h"
+#include "TestHour.h"
 #include "tn_log_internal.h"
 #include "TraceRecorder.h"
 #include "TwtsiSignals.h"
@@ -38,6 +39,7 @@ using twamp_test::FakeClock;
 using twamp_test::FakeItc;
 using twamp_test::FakeItcSent;
 using twamp_test::FakeSaLog;
+using twamp_test::kHourStart;
 using twamp_test::MockTwampTestSession;
 using twamp_test::MockTwampTestSessionFactory;
 using twamp_test::TraceRecorder;
@@ -46,8 +48,6 @@ constexpr itc_mbox_id_t kOwnMailbox = 0x00010001;
 constexpr itc_mbox_id_t kManager = 0x00020002;
 constexpr itc_mbox_id_t kOtherManager = 0x00030003;
 constexpr std::size_t kRequestBytesRead = 21;
-// 2023-11-14 22:00:00 UTC, a whole hour.
-constexpr time_t kHourStart = 1699999200;
 
 SessionKey makeKey(uint8_t first) {
     SessionKey key;

@@ -19,18 +19,11 @@
 #include "MockItcDispatcher.h"
 #include "PercentileVector.h"
 #include "ScriptedSystemCalls.h"
+#include "TestHour.h"
 #include "TraceRecorder.h"
 #include "TwampTestSession.h"
 
 namespace twamp_test {
-
-// 2023-11-14 22:00:00 UTC: a whole hour, minute number 28333320, which is
-// the first minute of an even 15-minute interval (record 0, parity 0).
-constexpr time_t kHourStart = 1699999200;
-
-inline time_t minuteOfHour(int minute) {
-    return kHourStart + minute * 60;
-}
 
 class SessionTestBase : public ::testing::Test {
   protected:
