@@ -30,6 +30,11 @@ time_t finalisationMinute(const struct timespec& time) {
 
 SessionDriver::SessionDriver(uint32_t packetsPerSecond, uint64_t seed)
     : intervalNs(kNanosecondsPerSecond / packetsPerSecond), randomState(seed | 1) {
+    // Every timer read is one expiry, nothing is recorded, and the random
+    // byte changes from read to read: what remains is the session's own work.
+    systemCalls.expireWhenUnqueued = true;
+    systemCalls.recordCalls = false;
+    systemCalls.randomByteStep = 1;
     clock.set(timespec{kFirstMinute - kArmedBefore, 0});
     session = std::make_unique<TwampTestSession>(
         kReflectorAddress, kReflectorPort, packetsPerSecond, 0, 0,
@@ -54,7 +59,7 @@ bool SessionDriver::nextExpiryFinalisesMinute() const {
 void SessionDriver::fireNextExpiry() {
     const struct timespec now = expiryTime(expiryCount);
     clock.set(now);
-    session->handleInput(ScriptedSystemCalls::kTimerFd);
+    session->handleInput(twamp_test::ScriptedSystemCalls::kTimerFd);
     lastSeqNo = static_cast<uint32_t>(expiryCount);
     lastT1 = toNtpTimestamp(now);
     ++expiryCount;

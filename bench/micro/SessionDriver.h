@@ -43,7 +43,7 @@ class SessionDriver {
     uint64_t drawMicroseconds(uint64_t low, uint64_t span);
 
     ManualClock clock;
-    ScriptedSystemCalls systemCalls;
+    twamp_test::ScriptedSystemCalls systemCalls;
     std::unique_ptr<TwampTestSession> session;
     int64_t intervalNs;
     uint64_t expiryCount = 0;

@@ -12,21 +12,21 @@
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
 
-#include "ControlTestDoubles.h"
+#include "AdoptedMockController.h"
+#include "FakeClock.h"
 #include "FakeItc.h"
 #include "FakeSaLog.h"
 #include "MockTwampTestSession.h"
 #include "MockTwampTestSessionFactory.h"
 #include "PmPeriodRecord.h"
 #include "SessionKey.h"
+#include "TestHour.h"
+#include "tn_log_internal.h"
 #include "TraceRecorder.h"
 #include "TwtsiSignals.h"
-#include "tn_log_internal.h"
 
 namespace {
 
-using control_test::AdoptedMockController;
-using control_test::FakeClock;
 using ::testing::_;
 using ::testing::DoAll;
 using ::testing::Invoke;
@@ -34,9 +34,12 @@ using ::testing::NiceMock;
 using ::testing::Return;
 using ::testing::SaveArg;
 using ::testing::StrEq;
+using twamp_test::AdoptedMockController;
+using twamp_test::FakeClock;
 using twamp_test::FakeItc;
 using twamp_test::FakeItcSent;
 using twamp_test::FakeSaLog;
+using twamp_test::kHourStart;
 using twamp_test::MockTwampTestSession;
 using twamp_test::MockTwampTestSessionFactory;
 using twamp_test::TraceRecorder;
@@ -45,8 +48,6 @@ constexpr itc_mbox_id_t kOwnMailbox = 0x00010001;
 constexpr itc_mbox_id_t kManager = 0x00020002;
 constexpr itc_mbox_id_t kOtherManager = 0x00030003;
 constexpr std::size_t kRequestBytesRead = 21;
-// 2023-11-14 22:00:00 UTC, a whole hour.
-constexpr time_t kHourStart = 1699999200;
 
 SessionKey makeKey(uint8_t first) {
     SessionKey key;

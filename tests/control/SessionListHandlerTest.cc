@@ -11,7 +11,8 @@
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
 
-#include "ControlTestDoubles.h"
+#include "AdoptedMockController.h"
+#include "FakeClock.h"
 #include "FakeItc.h"
 #include "ItcDispatcher.h"
 #include "MockTwampTestSession.h"
@@ -23,12 +24,12 @@
 
 namespace {
 
-using control_test::AdoptedMockController;
-using control_test::FakeClock;
 using ::testing::_;
 using ::testing::Invoke;
 using ::testing::NiceMock;
 using ::testing::Return;
+using twamp_test::AdoptedMockController;
+using twamp_test::FakeClock;
 using twamp_test::FakeItc;
 using twamp_test::FakeItcSent;
 using twamp_test::MockTwampTestSession;

@@ -5,14 +5,14 @@
 
 #include <gtest/gtest.h>
 
-#include "ControlTestDoubles.h"
+#include "FakeClock.h"
 #include "SessionKey.h"
 #include "TraceRecorder.h"
 #include "TwtsiSignals.h"
 
 namespace {
 
-using control_test::FakeClock;
+using twamp_test::FakeClock;
 using twamp_test::TraceRecorder;
 
 // 2023-11-14 22:00:30 UTC: minute 28333320, half a minute in.

@@ -8,15 +8,14 @@
 #include <cerrno>
 #include <cstdio>
 #include <cstdlib>
-#include <fstream>
-#include <iterator>
 #include <string>
 #include <vector>
 
-#include "ControlTestDoubles.h"
+#include "AdoptedMockController.h"
 #include "DefaultNamespaceHandle.h"
 #include "FakeSaLog.h"
 #include "MockItcDispatcher.h"
+#include "TextFiles.h"
 #include "TraceRecorder.h"
 #include "TwampTestSessionMain.h"
 #include "UdpSocket.h"
@@ -26,6 +25,7 @@ namespace {
 using ::testing::NiceMock;
 using ::testing::Return;
 using ::testing::ReturnRef;
+using twamp_test::readFile;
 using twamp_test::TraceRecorder;
 
 // Reports its init on standard error instead of binding.
@@ -48,7 +48,7 @@ void runWithMocks(std::vector<std::string> arguments,
     TraceRecorder::reset();
     TraceRecorder::setEchoToStderr(true);
     twamp_test::FakeSaLog::reset();
-    control_test::AdoptedMockController mocks;
+    twamp_test::AdoptedMockController mocks;
     ReportingUdpSocket socket;
     NiceMock<twamp_test::MockItcDispatcher> dispatcher;
     // The process ends with exit() inside the entry: the mocks are never destroyed.
@@ -107,11 +107,6 @@ void runWithTakenMailboxName(const std::string& restartLog) {
     setenv("QRN_NG_EXIT_STATUS", "3", 1);
     runWithMocks({"twampTestSession", "svc", "10.0.0.1", "862", "default", "0"},
                  MailboxInit::NameTaken);
-}
-
-std::string readFile(const std::string& path) {
-    std::ifstream file(path);
-    return std::string(std::istreambuf_iterator<char>(file), std::istreambuf_iterator<char>());
 }
 
 // A mailbox that cannot be opened is fatal: ERROR trace from main with the

@@ -18,7 +18,7 @@
 #include "PercentileVector.h"
 #include "RandomFd.h"
 #include "RealtimeClock.h"
-#include "SessionTestDoubles.h"
+#include "ScriptedSystemCalls.h"
 #include "SessionKey.h"
 #include "TraceRecorder.h"
 #include "TwtsiSignals.h"
@@ -241,7 +241,7 @@ TEST_F(TwampTestSessionControllerTest, TwoCreatesWithSameKey) {
 TEST_F(TwampTestSessionControllerTest, SessionWithoutDescriptorIsNotKept) {
     ASSERT_TRUE(percentile_init());
     MockTwampTestSession* running = newSession();
-    control_test::FakeSessionSystemCalls systemCalls;
+    twamp_test::ScriptedSystemCalls systemCalls;
     systemCalls.timerCreateErrno = EMFILE;
     EXPECT_CALL(factory, createTwampTestSession(_, _, _, _, _, _, _, _, _))
         .WillOnce(Return(running))

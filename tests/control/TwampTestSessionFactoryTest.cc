@@ -8,13 +8,13 @@
 
 #include <gtest/gtest.h>
 
-#include "ControlTestDoubles.h"
+#include "AdoptedMockController.h"
 #include "TraceRecorder.h"
 #include "TwampTestSession.h"
 
 namespace {
 
-using control_test::AdoptedMockController;
+using twamp_test::AdoptedMockController;
 using twamp_test::TraceRecorder;
 
 class TwampTestSessionFactoryTest : public ::testing::Test {

@@ -47,6 +47,7 @@ namespace scenario_test {
 namespace {
 
 using twamp_test::FakeSaLog;
+using twamp_test::ScopedFd;
 using twamp_test::TraceRecorder;
 
 constexpr char kServiceName[] = "high_fd_twamp";

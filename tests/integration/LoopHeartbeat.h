@@ -31,7 +31,7 @@ class LoopHeartbeat : public IoHandler {
 
   private:
     IoMultiplexer& multiplexer;
-    ScopedFd timer;
+    twamp_test::ScopedFd timer;
     bool running = false;
 };
 

@@ -80,7 +80,7 @@ class LoopbackReflector {
     void record(const ReflectedRequest& request);
 
     ReflectorSettings settings;
-    ScopedFd socket;
+    twamp_test::ScopedFd socket;
     uint16_t port = 0;
     std::atomic<bool> running{false};
     std::thread thread;

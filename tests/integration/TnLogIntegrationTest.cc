@@ -11,17 +11,11 @@
 #include <unistd.h>
 
 #include "tn_log_internal.h"
+#include "TextFiles.h"
 
 namespace {
 
-std::vector<std::string> readLines(const std::string& path) {
-    std::vector<std::string> lines;
-    std::ifstream in(path);
-    for (std::string line; std::getline(in, line);) {
-        lines.push_back(line);
-    }
-    return lines;
-}
+using twamp_test::readLines;
 
 class TnLogIntegrationTest : public ::testing::Test {
   protected:

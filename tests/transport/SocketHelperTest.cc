@@ -11,7 +11,7 @@
 
 #include <gtest/gtest.h>
 
-#include "TestFrames.h"
+#include "ControlBuffer.h"
 #include "TimestampSource.h"
 #include "TraceRecorder.h"
 
@@ -22,16 +22,11 @@ static_assert(__BYTE_ORDER__ == __ORDER_LITTLE_ENDIAN__,
 
 using twamp_test::ControlBuffer;
 using twamp_test::intBytes;
+using twamp_test::timespecBytes;
 using twamp_test::TraceRecorder;
 
 constexpr int kWantedLevel = 41;
 constexpr int kWantedType = 99;
-
-std::vector<uint8_t> timespecBytes(const std::vector<timespec>& times) {
-    std::vector<uint8_t> bytes(times.size() * sizeof(timespec));
-    std::memcpy(bytes.data(), times.data(), bytes.size());
-    return bytes;
-}
 
 class SocketHelperTest : public ::testing::Test {
   protected:
@@ -157,8 +152,7 @@ TEST_F(SocketHelperTest, FindControlMessageWithoutControlBuffer) {
 // The hardware source reads the third timespec (index 2) and converts it to NTP.
 TEST_F(SocketHelperTest, GetTxTimestampReadsRawHardwareTimespec) {
     ControlBuffer buffer(64);
-    buffer.append(SOL_SOCKET, SCM_TIMESTAMPING,
-                  timespecBytes({{1, 500000000}, {0, 0}, {1700000000, 250000000}}));
+    buffer.appendTimestamping({1, 500000000}, {0, 0}, {1700000000, 250000000});
     EXPECT_EQ(0xE8FE6F8040000000ULL, getTxTimestamp(&buffer.msg));
 }
 
@@ -166,8 +160,7 @@ TEST_F(SocketHelperTest, GetTxTimestampReadsRawHardwareTimespec) {
 TEST_F(SocketHelperTest, GetTxTimestampReadsSoftwareTimespec) {
     TimestampSource::setCurrent(TimestampSource(TimestampSource::Kind::kSoftware));
     ControlBuffer buffer(64);
-    buffer.append(SOL_SOCKET, SCM_TIMESTAMPING,
-                  timespecBytes({{1, 500000000}, {0, 0}, {1700000000, 250000000}}));
+    buffer.appendTimestamping({1, 500000000}, {0, 0}, {1700000000, 250000000});
     EXPECT_EQ(0x83AA7E8180000000ULL, getTxTimestamp(&buffer.msg));
 }
 
@@ -175,8 +168,7 @@ TEST_F(SocketHelperTest, GetTxTimestampReadsSoftwareTimespec) {
 TEST_F(SocketHelperTest, GetTxTimestampFindsMessageBehindOthers) {
     ControlBuffer buffer(88);
     buffer.append(IPPROTO_IP, IP_TTL, intBytes(64));
-    buffer.append(SOL_SOCKET, SCM_TIMESTAMPING,
-                  timespecBytes({{0, 0}, {0, 0}, {1700000000, 250000000}}));
+    buffer.appendTimestamping({0, 0}, {0, 0}, {1700000000, 250000000});
     EXPECT_EQ(0xE8FE6F8040000000ULL, getTxTimestamp(&buffer.msg));
 }
 

@@ -17,9 +17,9 @@
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
 
+#include "AdoptedMockController.h"
 #include "IoMultiplexer.h"
 #include "MockMessageReceiver.h"
-#include "MockTwampTestSessionController.h"
 #include "SocketHelper.h"
 #include "TimestampSource.h"
 #include "TraceRecorder.h"
@@ -33,8 +33,8 @@ using ::testing::InSequence;
 using ::testing::NiceMock;
 using ::testing::ReturnRef;
 using ::testing::StrictMock;
+using twamp_test::AdoptedMockController;
 using twamp_test::MockMessageReceiver;
-using twamp_test::MockTwampTestSessionController;
 using twamp_test::TraceRecorder;
 
 // Longest wait for the kernel to make a loopback datagram readable.
@@ -115,15 +115,12 @@ class UdpSocketLoopbackTest : public ::testing::Test {
         TraceRecorder::reset();
         unsetenv("TWAMP_TIMESTAMPING");
         TimestampSource::setCurrent(TimestampSource());
-        TwampTestSessionController::resetInstanceForTest();
-        TwampTestSessionController::getInstance(&controller);
-        ON_CALL(controller, getIoMultiplexer()).WillByDefault(ReturnRef(multiplexer));
+        ON_CALL(env.controller, getIoMultiplexer()).WillByDefault(ReturnRef(multiplexer));
         ASSERT_TRUE(peer.bound);
     }
 
     void TearDown() override {
         udpSocket.reset();
-        TwampTestSessionController::resetInstanceForTest();
         unsetenv("TWAMP_TIMESTAMPING");
         TimestampSource::setCurrent(TimestampSource());
     }
@@ -143,7 +140,7 @@ class UdpSocketLoopbackTest : public ::testing::Test {
     }
 
     IoMultiplexer multiplexer;
-    NiceMock<MockTwampTestSessionController> controller;
+    AdoptedMockController env;
     PeerSocket peer;
     struct sockaddr_in socketAddress {};
     std::unique_ptr<UdpSocket> udpSocket;

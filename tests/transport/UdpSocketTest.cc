@@ -20,10 +20,10 @@
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
 
+#include "AdoptedMockController.h"
 #include "IoMultiplexer.h"
 #include "MockMessageReceiver.h"
 #include "MockSystemCalls.h"
-#include "MockTwampTestSessionController.h"
 #include "ScriptedReceiveQueues.h"
 #include "TestFrames.h"
 #include "TimestampSource.h"
@@ -41,9 +41,9 @@ using ::testing::NiceMock;
 using ::testing::Return;
 using ::testing::ReturnRef;
 using ::testing::StrictMock;
+using twamp_test::AdoptedMockController;
 using twamp_test::MockMessageReceiver;
 using twamp_test::MockSystemCalls;
-using twamp_test::MockTwampTestSessionController;
 using twamp_test::RecvmmsgCall;
 using twamp_test::ScriptedReceiveQueues;
 using twamp_test::TraceRecorder;
@@ -82,9 +82,7 @@ class UdpSocketTest : public ::testing::Test {
         TraceRecorder::reset();
         unsetenv("TWAMP_TIMESTAMPING");
         TimestampSource::setCurrent(TimestampSource());
-        TwampTestSessionController::resetInstanceForTest();
-        TwampTestSessionController::getInstance(&controller);
-        ON_CALL(controller, getIoMultiplexer()).WillByDefault(ReturnRef(multiplexer));
+        ON_CALL(env.controller, getIoMultiplexer()).WillByDefault(ReturnRef(multiplexer));
         systemCalls.delegateToReal();
         ON_CALL(systemCalls, sleep).WillByDefault(Return(0U));
         ON_CALL(systemCalls, clockGettime).WillByDefault([this](clockid_t, struct timespec* time) {
@@ -107,7 +105,6 @@ class UdpSocketTest : public ::testing::Test {
 
     void TearDown() override {
         udpSocket.reset();
-        TwampTestSessionController::resetInstanceForTest();
         unsetenv("TWAMP_TIMESTAMPING");
         TimestampSource::setCurrent(TimestampSource());
     }
@@ -172,7 +169,7 @@ class UdpSocketTest : public ::testing::Test {
     }
 
     IoMultiplexer multiplexer;
-    NiceMock<MockTwampTestSessionController> controller;
+    AdoptedMockController env;
     NiceMock<MockSystemCalls> systemCalls;
     struct timespec monotonicNow = {1234, 567890123};
     std::vector<TimerSetting> timerSettings;
@@ -603,7 +600,7 @@ TEST_F(UdpSocketTest, NonBlockingFailureTraced) {
 
 // A configured socket is registered for reading with the controller's multiplexer.
 TEST_F(UdpSocketTest, ConfiguredSocketIsRegistered) {
-    EXPECT_CALL(controller, getIoMultiplexer()).Times(1);
+    EXPECT_CALL(env.controller, getIoMultiplexer()).Times(1);
     bindIpv4();
     EXPECT_EQ(std::set<int>{udpSocket->getSocketFd()}, udpSocket->getReadFds());
     EXPECT_EQ(udpSocket->getSocketFd(), multiplexer.getMaxFd());

@@ -2,7 +2,6 @@
 
 #include <chrono>
 #include <csignal>
-#include <fstream>
 #include <string>
 #include <thread>
 
@@ -10,13 +9,11 @@
 #include <unistd.h>
 
 #include "TraceFacade.h"
+#include "TextFiles.h"
 
 namespace {
 
-std::string readFile(const std::string& path) {
-    std::ifstream in(path);
-    return std::string(std::istreambuf_iterator<char>(in), std::istreambuf_iterator<char>());
-}
+using twamp_test::readFile;
 
 // Waits up to ten seconds for the restart log to hold a complete line.
 std::string waitForRecord(const std::string& path) {

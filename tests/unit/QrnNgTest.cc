@@ -2,7 +2,6 @@
 
 #include <cerrno>
 #include <cstdlib>
-#include <fstream>
 #include <regex>
 #include <string>
 #include <vector>
@@ -12,17 +11,11 @@
 #include <unistd.h>
 
 #include "qrn_ng.h"
+#include "TextFiles.h"
 
 namespace {
 
-std::vector<std::string> readLines(const std::string& path) {
-    std::vector<std::string> lines;
-    std::ifstream in(path);
-    for (std::string line; std::getline(in, line);) {
-        lines.push_back(line);
-    }
-    return lines;
-}
+using twamp_test::readLines;
 
 class QrnNgTest : public ::testing::Test {
   protected:

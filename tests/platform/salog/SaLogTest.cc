@@ -9,7 +9,6 @@
 #include <ctime>
 #include <fstream>
 #include <regex>
-#include <sstream>
 #include <string>
 #include <thread>
 #include <vector>
@@ -20,8 +19,12 @@
 #include <unistd.h>
 
 #include "saLog.h"
+#include "TextFiles.h"
 
 namespace {
+
+using twamp_test::readFile;
+using twamp_test::readLines;
 
 // 2026-11-20T23:12:01.123456789Z in nanoseconds since 1970.
 constexpr SaTimeT kStamp = 1795216321LL * SA_TIME_ONE_SECOND + 123456789LL;
@@ -39,22 +42,6 @@ SaNameT makeName(const std::string& text) {
 
 std::string streamDn(const std::string& id) {
     return "safLgStr=" + id + ",safApp=safLogService";
-}
-
-std::string readFile(const std::string& path) {
-    std::ifstream in(path, std::ios::binary);
-    std::ostringstream content;
-    content << in.rdbuf();
-    return content.str();
-}
-
-std::vector<std::string> readLines(const std::string& path) {
-    std::vector<std::string> lines;
-    std::ifstream in(path, std::ios::binary);
-    for (std::string line; std::getline(in, line);) {
-        lines.push_back(line);
-    }
-    return lines;
 }
 
 bool fileExists(const std::string& path) {

@@ -38,7 +38,7 @@
 // TWAMP_SIMULATION_MINUTES sets how many minutes are simulated (2000 by
 // default, a few seconds; about a minute in the sanitizer build).
 // A long run, e.g. overnight (one line):
-//   TWAMP_SIMULATION_MINUTES=200000 build/tests/control/session_simulation_tests
+//   TWAMP_SIMULATION_MINUTES=200000 build/tests/session/session_simulation_tests
 //       --gtest_filter=SessionSimulationTest.EveryFinalisedMinuteTellsTheTruth
 // and to repeat one that failed, the printed line in front of the same command:
 //   TWAMP_TEST_SEED=<seed> TWAMP_SIMULATION_MINUTES=<minutes> build/...
@@ -52,11 +52,11 @@
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
 
-#include "KernelMessages.h"
+#include "KernelMessage.h"
 #include "MeasureTestBase.h"
 #include "PmPeriodRecord.h"
 #include "SessionSimulation.h"
-#include "SessionTestDoubles.h"
+#include "SessionTestBase.h"
 #include "SimulationProfile.h"
 #include "SimulationTime.h"
 #include "SocketHelper.h"
@@ -65,10 +65,10 @@
 
 namespace {
 
-using control_test::kNtpUnit;
-using control_test::minuteOfHour;
 using simulation_time::kMinute;
 using simulation_time::kSecond;
+using twamp_test::kNtpUnit;
+using twamp_test::minuteOfHour;
 using twamp_test::TraceRecorder;
 
 constexpr int kDefaultMinutes = 2000;
@@ -90,7 +90,7 @@ int minutesFromEnvironment() {
     return kDefaultMinutes;
 }
 
-class SessionSimulationTest : public control_test::SessionTestBase {
+class SessionSimulationTest : public twamp_test::SessionTestBase {
   protected:
     void SetUp() override {
         SessionTestBase::SetUp();
@@ -146,7 +146,7 @@ TEST_F(SessionSimulationTest, EveryFinalisedMinuteTellsTheTruth) {
 // Minimal reproductions of the defects the simulation found (the late copy
 // beyond 4 s was found while writing its oracle). Each asserts what the
 // minute must report.
-class SessionSimulationDefectTest : public control_test::MeasureTestBase {
+class SessionSimulationDefectTest : public twamp_test::MeasureTestBase {
   protected:
     int64_t value(const TwampTestSession& session, PmCounter::Index counter, int bin) const {
         return TwampTestSessionPeer::getRecord(session, 0).at(counter, bin);
@@ -284,7 +284,7 @@ TEST_F(SessionSimulationDefectTest, MinuteMeasuredAgainAfterClockSetBackKeepsNoO
     ASSERT_EQ(62500, value(*session, PmCounter::delayRtAvg, 8));
     systemCalls.queueTimerFailure(ECANCELED);
     clock.set(minuteOfHour(7) + 30);
-    EXPECT_TRUE(session->handleInput(control_test::FakeSessionSystemCalls::kTimerFd));
+    EXPECT_TRUE(session->handleInput(twamp_test::ScriptedSystemCalls::kTimerFd));
     sendAt(*session, 8, 0);
     sendAt(*session, 9, 4);
     EXPECT_EQ(1, value(*session, PmCounter::sentPkts, 8));
@@ -355,7 +355,7 @@ TEST_F(SessionSimulationDefectTest, OnePacketMoreThanAMinuteOfExpiriesCountsInTh
         const time_t seconds = minuteOfHour(8) + units / 64;
         const long nanoseconds = (units % 64) * 15625000L;
         fire(*session, seconds, nanoseconds);
-        t1.push_back(control_test::ntpOf(seconds, nanoseconds));
+        t1.push_back(twamp_test::ntpOf(seconds, nanoseconds));
     }
     for (uint32_t seqNo = 0; seqNo + 1 < kPackets; ++seqNo) {
         answer(*session, seqNo, t1[seqNo], seqNo, 2, 2);

@@ -7,7 +7,7 @@
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
 
-#include "KernelMessages.h"
+#include "KernelMessage.h"
 #include "MeasureTestBase.h"
 #include "PmPeriodRecord.h"
 #include "TraceRecorder.h"
@@ -15,9 +15,9 @@
 
 namespace {
 
-using control_test::KernelMessage;
-using control_test::kNtpUnit;
-using control_test::MeasureTestBase;
+using twamp_test::KernelMessage;
+using twamp_test::kNtpUnit;
+using twamp_test::MeasureTestBase;
 using twamp_test::TraceRecorder;
 using Messages = std::vector<std::string>;
 

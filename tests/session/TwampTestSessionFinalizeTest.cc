@@ -10,7 +10,7 @@
 #include <gtest/gtest.h>
 
 #include "FakeSaLog.h"
-#include "KernelMessages.h"
+#include "KernelMessage.h"
 #include "MeasureTestBase.h"
 #include "PmPeriodRecord.h"
 #include "TraceRecorder.h"
@@ -19,9 +19,9 @@
 
 namespace {
 
-using control_test::kNtpUnit;
-using control_test::MeasureTestBase;
 using twamp_test::FakeSaLog;
+using twamp_test::kNtpUnit;
+using twamp_test::MeasureTestBase;
 using twamp_test::TraceRecorder;
 using Messages = std::vector<std::string>;
 

@@ -11,7 +11,7 @@
 #include <gtest/gtest.h>
 
 #include "FakeSaLog.h"
-#include "KernelMessages.h"
+#include "KernelMessage.h"
 #include "MeasureTestBase.h"
 #include "PmPeriodRecord.h"
 #include "TraceRecorder.h"
@@ -20,10 +20,10 @@
 
 namespace {
 
-using control_test::kNtpUnit;
-using control_test::MeasureTestBase;
-using control_test::minuteOfHour;
 using twamp_test::FakeSaLog;
+using twamp_test::kNtpUnit;
+using twamp_test::MeasureTestBase;
+using twamp_test::minuteOfHour;
 using twamp_test::TraceRecorder;
 using Messages = std::vector<std::string>;
 
@@ -77,7 +77,7 @@ TEST_F(TwampTestSessionTruthTest, ClockStepVoidsTheInterruptedMinute) {
     systemCalls.queueTimerFailure(ECANCELED);
     clock.set(minuteOfHour(8) + 40, 0);
     TraceRecorder::reset();
-    EXPECT_TRUE(session->handleInput(control_test::FakeSessionSystemCalls::kTimerFd));
+    EXPECT_TRUE(session->handleInput(twamp_test::ScriptedSystemCalls::kTimerFd));
     EXPECT_EQ(kAllNotAvailable, binOf(*session, 0, 8));
     EXPECT_TRUE(TwampTestSessionPeer::getOutstandingSeqNos(*session, 0).empty());
     EXPECT_FALSE(TwampTestSessionPeer::isMinutePending(*session, 0));
@@ -96,7 +96,7 @@ TEST_F(TwampTestSessionTruthTest, MinuteAfterClockStepStartsClean) {
     answer(*session, 0, t1, 0, 2, 2);
     systemCalls.queueTimerFailure(ECANCELED);
     clock.set(minuteOfHour(8) + 40, 0);
-    EXPECT_TRUE(session->handleInput(control_test::FakeSessionSystemCalls::kTimerFd));
+    EXPECT_TRUE(session->handleInput(twamp_test::ScriptedSystemCalls::kTimerFd));
     const uint64_t t1Again = sendAt(*session, 10, 0);
     answer(*session, 1, t1Again, 1, 3, 3);
     sendAt(*session, 11, 4);
@@ -127,7 +127,7 @@ TEST_F(TwampTestSessionTruthTest, DroppedExpiriesPostponeTheMinuteEnd) {
     const uint64_t t1 = sendAt(*session, 8, 59);
     clock.set(minuteOfHour(9) + 6, 0);
     systemCalls.queueExpiries(65);
-    EXPECT_TRUE(session->handleInput(control_test::FakeSessionSystemCalls::kTimerFd));
+    EXPECT_TRUE(session->handleInput(twamp_test::ScriptedSystemCalls::kTimerFd));
     EXPECT_TRUE(TwampTestSessionPeer::isMinutePending(*session, 0));
     answer(*session, 0, t1, 0, 2, 2);
     sendAt(*session, 9, 7);
@@ -212,7 +212,7 @@ TEST_F(TwampTestSessionTruthTest, RepliesAfterTheNtpEraRolloverCount) {
     std::vector<uint64_t> t1;
     for (int second = 0; second < 20; ++second) {
         fire(*session, minuteStart + second);
-        t1.push_back(control_test::ntpOf(minuteStart + second, 0));
+        t1.push_back(twamp_test::ntpOf(minuteStart + second, 0));
     }
     for (uint32_t seqNo = 0; seqNo < 20; ++seqNo) {
         answer(*session, seqNo, t1[seqNo], seqNo, 2, 2);

@@ -5,7 +5,7 @@
 #include <sstream>
 
 #include "FinalisedMinuteRules.h"
-#include "KernelMessages.h"
+#include "KernelMessage.h"
 #include "OwampTestMessage.h"
 #include "SimulationTime.h"
 #include "TraceRecorder.h"
@@ -13,8 +13,6 @@
 
 namespace {
 
-using control_test::FakeSessionSystemCalls;
-using control_test::KernelMessage;
 using simulation_time::kMicrosecond;
 using simulation_time::kMillisecond;
 using simulation_time::kMinute;
@@ -22,6 +20,8 @@ using simulation_time::kSecond;
 using simulation_time::ntpOfNs;
 using simulation_time::toNs;
 using simulation_time::toTimespec;
+using twamp_test::KernelMessage;
+using twamp_test::ScriptedSystemCalls;
 
 // The session's create values that the simulation does not vary.
 constexpr const char* kReflectorAddress = "127.0.0.1";
@@ -91,8 +91,8 @@ void SessionSimulation::Totals::add(const Totals& other) {
 }
 
 SessionSimulation::SessionSimulation(const SimulationProfile& profile, uint64_t seed,
-                                     int64_t startNs, control_test::FakeClock& clock,
-                                     FakeSessionSystemCalls& systemCalls)
+                                     int64_t startNs, twamp_test::FakeClock& clock,
+                                     ScriptedSystemCalls& systemCalls)
     : profile(profile),
       random(seed),
       clock(clock),
@@ -323,7 +323,7 @@ void SessionSimulation::readTimer() {
         ++pendingSendFailures;
     }
     systemCalls.queueExpiries(count);
-    session->handleInput(FakeSessionSystemCalls::kTimerFd);
+    session->handleInput(ScriptedSystemCalls::kTimerFd);
     collectSends(wallNs);
     checkFinalisedBinsUnchanged("a timer read");
     if (count <= kMaxExpiriesPerRead) {
@@ -334,7 +334,7 @@ void SessionSimulation::readTimer() {
 
 void SessionSimulation::readCancelledTimer(int64_t wallNs) {
     systemCalls.queueTimerFailure(ECANCELED);
-    session->handleInput(FakeSessionSystemCalls::kTimerFd);
+    session->handleInput(ScriptedSystemCalls::kTimerFd);
     collectSends(wallNs);
     checkFinalisedBinsUnchanged("the timer read after a clock step");
     // Minutes measured again after the step are others.
@@ -348,7 +348,7 @@ void SessionSimulation::readCancelledTimer(int64_t wallNs) {
 }
 
 void SessionSimulation::collectSends(int64_t wallNs) {
-    for (control_test::SentPacket& sent : systemCalls.sent) {
+    for (twamp_test::SentPacket& sent : systemCalls.sent) {
         // A send that was made to fail used up no sequence number.
         if (pendingSendFailures > 0) {
             --pendingSendFailures;

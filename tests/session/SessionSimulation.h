@@ -23,8 +23,9 @@
 #include <string>
 #include <vector>
 
+#include "FakeClock.h"
 #include "MinuteOracle.h"
-#include "SessionTestDoubles.h"
+#include "ScriptedSystemCalls.h"
 #include "SimulatedReflector.h"
 #include "SimulationProfile.h"
 #include "TwampTestSession.h"
@@ -48,8 +49,7 @@ class SessionSimulation {
 
     // The run starts at true time startNs with the sender's clock right.
     SessionSimulation(const SimulationProfile& profile, uint64_t seed, int64_t startNs,
-                      control_test::FakeClock& clock,
-                      control_test::FakeSessionSystemCalls& systemCalls);
+                      twamp_test::FakeClock& clock, twamp_test::ScriptedSystemCalls& systemCalls);
     SessionSimulation(const SessionSimulation&) = delete;
     SessionSimulation& operator=(const SessionSimulation&) = delete;
     ~SessionSimulation();
@@ -151,8 +151,8 @@ class SessionSimulation {
 
     SimulationProfile profile;
     std::mt19937_64 random;
-    control_test::FakeClock& clock;
-    control_test::FakeSessionSystemCalls& systemCalls;
+    twamp_test::FakeClock& clock;
+    twamp_test::ScriptedSystemCalls& systemCalls;
     std::unique_ptr<TwampTestSession> session;
     SimulatedReflector reflector;
     MinuteOracle oracle;

@@ -16,30 +16,27 @@
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
 
-#include "ControlTestDoubles.h"
+#include "AdoptedMockController.h"
+#include "FakeClock.h"
 #include "FakeItc.h"
+#include "MockUdpSocket.h"
+#include "itc.h"
 #include "PmPeriodRecord.h"
+#include "TestHour.h"
 #include "TraceRecorder.h"
 #include "TwtsiSignals.h"
-#include "itc.h"
 
 namespace {
 
-using control_test::AdoptedMockController;
-using control_test::FakeClock;
-using control_test::SameReceiverKey;
 using ::testing::_;
 using ::testing::Return;
+using twamp_test::AdoptedMockController;
+using twamp_test::FakeClock;
 using twamp_test::FakeItc;
+using twamp_test::kHourStart;
+using twamp_test::minuteOfHour;
+using twamp_test::SameReceiverKey;
 using twamp_test::TraceRecorder;
-
-// 2023-11-14 22:00:00 UTC: a whole hour, minute number 28333320, which is
-// the first minute of an even 15-minute interval (record 0).
-constexpr time_t kHourStart = 1699999200;
-
-time_t minuteOfHour(int minute) {
-    return kHourStart + minute * 60;
-}
 
 std::unique_ptr<TwampTestSession> makeSession(Clock& clock, const char* address = "127.0.0.1",
                                               const char* port = "862",

@@ -14,7 +14,7 @@
 #include <gtest/gtest.h>
 
 #include "PmPeriodRecord.h"
-#include "SessionTestDoubles.h"
+#include "SessionTestBase.h"
 #include "TraceRecorder.h"
 #include "TwampTestSessionPeer.h"
 #include "TwtsiSignals.h"
@@ -22,17 +22,17 @@
 
 namespace {
 
-using control_test::FakeSessionSystemCalls;
-using control_test::kHourStart;
-using control_test::minuteOfHour;
-using control_test::SessionTestBase;
 using ::testing::_;
 using ::testing::Mock;
 using ::testing::Return;
+using twamp_test::kHourStart;
+using twamp_test::minuteOfHour;
+using twamp_test::ScriptedSystemCalls;
+using twamp_test::SessionTestBase;
 using twamp_test::TraceRecorder;
 using Messages = std::vector<std::string>;
 
-constexpr int kTimerFd = FakeSessionSystemCalls::kTimerFd;
+constexpr int kTimerFd = ScriptedSystemCalls::kTimerFd;
 
 class TwampTestSessionTimerTest : public SessionTestBase {
   protected:

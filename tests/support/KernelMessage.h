@@ -5,8 +5,8 @@
 // Times are given as NTP timestamps whose fraction is a multiple of 1/64 s
 // (kNtpUnit): such a time converts to a timespec and back without rounding,
 // and kNtpUnit is exactly 15625 microseconds.
-#ifndef TWAMP_TESTS_KERNEL_MESSAGES_H
-#define TWAMP_TESTS_KERNEL_MESSAGES_H
+#ifndef TWAMP_TESTS_KERNEL_MESSAGE_H
+#define TWAMP_TESTS_KERNEL_MESSAGE_H
 
 #include <linux/errqueue.h>
 #include <netinet/in.h>
@@ -18,11 +18,12 @@
 #include <ctime>
 #include <vector>
 
+#include "ControlBuffer.h"
 #include "NtpTimestamp.h"
 #include "OwampTestMessage.h"
 #include "TwampTestMessage.h"
 
-namespace control_test {
+namespace twamp_test {
 
 // 1/64 s as an NTP difference: exactly 15625 microseconds.
 constexpr uint64_t kNtpUnit = uint64_t{1} << 26;
@@ -46,8 +47,8 @@ inline struct timespec timespecOfNtp(uint64_t ntp) {
 // hold it (so it reads the same for hardware and software timestamps).
 class KernelMessage {
   public:
-    explicit KernelMessage(std::size_t payloadLength) : payload(payloadLength, 0) {
-        std::memset(control, 0, sizeof(control));
+    explicit KernelMessage(std::size_t payloadLength)
+        : payload(payloadLength, 0), control(kControlLength) {
         std::memset(&header, 0, sizeof(header));
         ioVector.iov_base = payload.data();
         ioVector.iov_len = payload.size();
@@ -85,13 +86,19 @@ class KernelMessage {
     void setKernelTimestamp(uint64_t ntp) { setKernelTime(timespecOfNtp(ntp)); }
     // The kernel timestamp as the kernel hands it over, to the nanosecond.
     void setKernelTime(const struct timespec& time) {
-        const struct timespec times[3] = {time, time, time};
-        appendControl(SOL_SOCKET, SCM_TIMESTAMPING, times, sizeof(times));
+        control.appendTimestamping(time, time, time);
+        exposeControl();
     }
     // The TOS byte of a received packet (IP_RECVTOS): DSCP and ECN bits.
-    void addReceivedTos(uint8_t tos) { appendControl(IPPROTO_IP, IP_TOS, &tos, sizeof(tos)); }
+    void addReceivedTos(uint8_t tos) {
+        control.append(IPPROTO_IP, IP_TOS, {tos});
+        exposeControl();
+    }
     // The TTL of a received packet (IP_RECVTTL), an int as the kernel writes it.
-    void addReceivedTtl(int ttl) { appendControl(IPPROTO_IP, IP_TTL, &ttl, sizeof(ttl)); }
+    void addReceivedTtl(int ttl) {
+        control.append(IPPROTO_IP, IP_TTL, intBytes(ttl));
+        exposeControl();
+    }
 
     struct msghdr* get() {
         return &header;
@@ -102,26 +109,21 @@ class KernelMessage {
     static constexpr std::size_t kLoopedHeaderLength = 28;
 
   private:
-    // Appends one control item behind those already added; the padding up
-    // to the next item stays zero, as in a zero-filled receive buffer.
-    void appendControl(int level, int type, const void* data, std::size_t length) {
-        header.msg_control = control;
-        struct cmsghdr* item = reinterpret_cast<struct cmsghdr*>(control + controlUsed);
-        item->cmsg_level = level;
-        item->cmsg_type = type;
-        item->cmsg_len = CMSG_LEN(length);
-        std::memcpy(CMSG_DATA(item), data, length);
-        controlUsed += CMSG_SPACE(length);
-        header.msg_controllen = controlUsed;
+    static constexpr std::size_t kControlLength = 128;
+
+    // Hands the items appended so far to the receiver; the padding up to the
+    // next item stays zero, as in a zero-filled receive buffer.
+    void exposeControl() {
+        header.msg_control = control.bytes.data();
+        header.msg_controllen = control.appendedLength();
     }
 
     std::vector<uint8_t> payload;
-    alignas(struct cmsghdr) uint8_t control[128];
-    std::size_t controlUsed = 0;
+    ControlBuffer control;
     struct iovec ioVector;
     struct msghdr header;
 };
 
-}  // namespace control_test
+}  // namespace twamp_test
 
-#endif  // TWAMP_TESTS_KERNEL_MESSAGES_H
+#endif  // TWAMP_TESTS_KERNEL_MESSAGE_H

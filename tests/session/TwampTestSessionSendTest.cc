@@ -15,17 +15,17 @@
 
 #include "PmPeriodRecord.h"
 #include "RandomFd.h"
-#include "SessionTestDoubles.h"
+#include "SessionTestBase.h"
 #include "TraceRecorder.h"
 #include "TwampTestSessionPeer.h"
 
 namespace {
 
-using control_test::FakeSessionSystemCalls;
-using control_test::minuteOfHour;
-using control_test::SentPacket;
-using control_test::SessionTestBase;
 using ::testing::Return;
+using twamp_test::minuteOfHour;
+using twamp_test::ScriptedSystemCalls;
+using twamp_test::SentPacket;
+using twamp_test::SessionTestBase;
 using twamp_test::TraceRecorder;
 using Messages = std::vector<std::string>;
 
@@ -111,7 +111,7 @@ TEST_F(TwampTestSessionSendTest, PacketHoldsTimestampAndErrorEstimate) {
     EXPECT_EQ(0x86, packet.payload.at(13));
     EXPECT_EQ(64u, packet.payload.size());
     EXPECT_EQ(sizeof(struct sockaddr_in), packet.nameLength);
-    EXPECT_EQ(control_test::SessionTestBase::kSocketFd, packet.fd);
+    EXPECT_EQ(twamp_test::SessionTestBase::kSocketFd, packet.fd);
 }
 
 // Every padding byte is XORed with one fresh random byte, and the XORs accumulate.

@@ -12,17 +12,19 @@
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
 
-#include "ControlTestDoubles.h"
+#include "AdoptedMockController.h"
+#include "ControlBuffer.h"
 #include "MockSocketHelper.h"
 #include "TwampTestMessage.h"
 
 namespace {
 
-using control_test::AdoptedMockController;
 using ::testing::_;
 using ::testing::Eq;
 using ::testing::NiceMock;
 using ::testing::Return;
+using twamp_test::AdoptedMockController;
+using twamp_test::ControlBuffer;
 using twamp_test::MockSocketHelper;
 
 // 2023-11-14 22:13:20.5 UTC as NTP.
@@ -34,9 +36,8 @@ constexpr uint64_t kTransmitNtp = 0xE8FE6F8140000000ULL;
 // kernel timestamp whose raw hardware timespec is the given time.
 class ReceivedMessage {
   public:
-    ReceivedMessage() {
+    ReceivedMessage() : control(kControlLength) {
         std::memset(payload, 0, sizeof(payload));
-        std::memset(control, 0, sizeof(control));
         std::memset(&header, 0, sizeof(header));
         ioVector.iov_base = payload;
         ioVector.iov_len = sizeof(payload);
@@ -53,14 +54,9 @@ class ReceivedMessage {
     }
 
     void setKernelTimestamp(time_t seconds, long nanoseconds) {
-        struct timespec times[3] = {{1, 0}, {2, 0}, {seconds, nanoseconds}};
-        header.msg_control = control;
-        header.msg_controllen = CMSG_SPACE(sizeof(times));
-        struct cmsghdr* item = CMSG_FIRSTHDR(&header);
-        item->cmsg_level = SOL_SOCKET;
-        item->cmsg_type = SCM_TIMESTAMPING;
-        item->cmsg_len = CMSG_LEN(sizeof(times));
-        std::memcpy(CMSG_DATA(item), times, sizeof(times));
+        control.appendTimestamping({1, 0}, {2, 0}, {seconds, nanoseconds});
+        header.msg_control = control.bytes.data();
+        header.msg_controllen = control.appendedLength();
     }
 
     struct msghdr* get() {
@@ -68,8 +64,10 @@ class ReceivedMessage {
     }
 
   private:
+    static constexpr std::size_t kControlLength = 128;
+
     uint8_t payload[64];
-    alignas(struct cmsghdr) uint8_t control[128];
+    ControlBuffer control;
     struct iovec ioVector;
     struct msghdr header;
 };

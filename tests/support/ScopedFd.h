@@ -4,7 +4,7 @@
 
 #include <unistd.h>
 
-namespace scenario_test {
+namespace twamp_test {
 
 class ScopedFd {
   public:
@@ -27,6 +27,6 @@ class ScopedFd {
     int fd;
 };
 
-}  // namespace scenario_test
+}  // namespace twamp_test
 
 #endif  // TWAMP_TESTS_SCOPED_FD_H

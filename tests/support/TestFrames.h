@@ -1,9 +1,7 @@
-// Byte builders for the transport tests: control buffers with hand-placed
-// control messages, and looped-back frames in each of their layouts.
-#ifndef TWAMP_TESTS_TRANSPORT_TEST_FRAMES_H
-#define TWAMP_TESTS_TRANSPORT_TEST_FRAMES_H
-
-#include <sys/socket.h>
+// Byte builders of looped-back frames in each of their layouts (control
+// messages are built by ControlBuffer.h).
+#ifndef TWAMP_TESTS_TEST_FRAMES_H
+#define TWAMP_TESTS_TEST_FRAMES_H
 
 #include <cstddef>
 #include <cstdint>
@@ -11,59 +9,6 @@
 #include <vector>
 
 namespace twamp_test {
-
-// A zero-filled control buffer of exactly the given size (so that the
-// sanitizer sees any read past it) and a message header pointing at it.
-class ControlBuffer {
-  public:
-    explicit ControlBuffer(std::size_t length) : bytes(length, 0) {
-        msg.msg_control = bytes.data();
-        msg.msg_controllen = length;
-    }
-    ControlBuffer(const ControlBuffer&) = delete;
-    ControlBuffer& operator=(const ControlBuffer&) = delete;
-
-    // Writes a header claiming messageLength bytes at offset, and data behind it.
-    void put(std::size_t offset, std::size_t messageLength, int level, int type,
-             const std::vector<uint8_t>& data = {}) {
-        struct cmsghdr header {};
-        header.cmsg_len = messageLength;
-        header.cmsg_level = level;
-        header.cmsg_type = type;
-        std::memcpy(bytes.data() + offset, &header, sizeof(header));
-        if (!data.empty()) {
-            std::memcpy(bytes.data() + offset + sizeof(header), data.data(), data.size());
-        }
-    }
-
-    // Appends a message of data at the next 8-byte aligned offset; its offset.
-    std::size_t append(int level, int type, const std::vector<uint8_t>& data) {
-        const std::size_t offset = next;
-        put(offset, sizeof(struct cmsghdr) + data.size(), level, type, data);
-        next = offset + (sizeof(struct cmsghdr) + data.size() + 7) / 8 * 8;
-        return offset;
-    }
-
-    // The message header's length field of the message at offset.
-    std::size_t lengthAt(std::size_t offset) const {
-        struct cmsghdr header {};
-        std::memcpy(&header, bytes.data() + offset, sizeof(header));
-        return header.cmsg_len;
-    }
-
-    std::vector<uint8_t> bytes;
-    struct msghdr msg {};
-
-  private:
-    std::size_t next = 0;
-};
-
-// The bytes of an int in native order.
-inline std::vector<uint8_t> intBytes(int value) {
-    std::vector<uint8_t> bytes(sizeof(value));
-    std::memcpy(bytes.data(), &value, sizeof(value));
-    return bytes;
-}
 
 // An IPv4 packet 198.18.0.1:50000 -> 198.18.0.2:862 with protocol and a
 // payload of payloadLength bytes 0xAB.
@@ -278,4 +223,4 @@ inline std::vector<uint8_t> kernelIpv4TruncatedFrame() {
 
 }  // namespace twamp_test
 
-#endif  // TWAMP_TESTS_TRANSPORT_TEST_FRAMES_H
+#endif  // TWAMP_TESTS_TEST_FRAMES_H

@@ -9,7 +9,7 @@
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
 
-#include "KernelMessages.h"
+#include "KernelMessage.h"
 #include "MeasureTestBase.h"
 #include "OutstandingPacket.h"
 #include "PmPeriodRecord.h"
@@ -18,10 +18,10 @@
 
 namespace {
 
-using control_test::KernelMessage;
-using control_test::kMicrosecondsPerUnit;
-using control_test::kNtpUnit;
-using control_test::MeasureTestBase;
+using twamp_test::KernelMessage;
+using twamp_test::kMicrosecondsPerUnit;
+using twamp_test::kNtpUnit;
+using twamp_test::MeasureTestBase;
 using twamp_test::TraceRecorder;
 using Messages = std::vector<std::string>;
 using SeqNos = std::vector<uint32_t>;

@@ -7,13 +7,13 @@
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
 
-#include "SessionTestDoubles.h"
+#include "SessionTestBase.h"
 #include "TraceRecorder.h"
 #include "TwampTestSession.h"
 
 namespace {
 
-using control_test::SessionTestBase;
+using twamp_test::SessionTestBase;
 using twamp_test::TraceRecorder;
 
 class TwampTestSessionResolveTest : public SessionTestBase {};

@@ -14,7 +14,7 @@
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
 
-#include "KernelMessages.h"
+#include "KernelMessage.h"
 #include "MeasureTestBase.h"
 #include "MockSystemCalls.h"
 #include "PmPeriodRecord.h"
@@ -26,10 +26,10 @@
 
 namespace {
 
-using control_test::KernelMessage;
-using control_test::kNtpUnit;
-using control_test::MeasureTestBase;
-using control_test::ObservedSession;
+using twamp_test::KernelMessage;
+using twamp_test::kNtpUnit;
+using twamp_test::MeasureTestBase;
+using twamp_test::ObservedSession;
 using twamp_test::TraceRecorder;
 using Messages = std::vector<std::string>;
 using SeqNos = std::vector<uint32_t>;
@@ -192,7 +192,7 @@ class SharedReflectorTest : public MeasureTestBase {
     // The sender sequence numbers of a session's analysed packets, in order.
     static SeqNos analysed(const ObservedSession& session) {
         SeqNos seqNos;
-        for (const control_test::AnalyzeCall& call : session.calls) {
+        for (const twamp_test::AnalyzeCall& call : session.calls) {
             seqNos.push_back(call.senderSeqNo);
         }
         return seqNos;

@@ -10,15 +10,15 @@
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
 
-#include "KernelMessages.h"
+#include "KernelMessage.h"
 #include "MockSocketHelper.h"
 #include "OutstandingPacket.h"
 #include "PmPeriodRecord.h"
-#include "SessionTestDoubles.h"
+#include "SessionTestBase.h"
 #include "TraceRecorder.h"
 #include "TwampTestSession.h"
 
-namespace control_test {
+namespace twamp_test {
 
 // The arguments of one analyzePM call.
 struct AnalyzeCall {
@@ -129,6 +129,6 @@ class MeasureTestBase : public SessionTestBase {
     ::testing::NiceMock<twamp_test::MockSocketHelper> helper;
 };
 
-}  // namespace control_test
+}  // namespace twamp_test
 
 #endif  // TWAMP_TESTS_MEASURE_TEST_BASE_H
