@@ -6,6 +6,7 @@
 #include <sys/socket.h>
 #include <sys/timerfd.h>
 
+#include <algorithm>
 #include <cerrno>
 #include <cstring>
 #include <ctime>
@@ -27,6 +28,8 @@ constexpr int kReceiveBufferBytes = 4 * 1024 * 1024;
 // must take far more than one wait's worth of sends; the bound only keeps a
 // flood from holding the timers off for ever.
 constexpr int kMessagesPerTurn = 4096;
+// Sends whose lateness is reserved room for at start: 16 million, 128 MiB.
+constexpr uint64_t kLatenessReserveMax = 16 * 1024 * 1024;
 // The socket's epoll data; timers carry their session index.
 constexpr uint64_t kSocketTag = UINT64_MAX;
 
@@ -127,8 +130,12 @@ bool SyscallFloor::armTimers(std::string& error) {
         firstExpiryNs.push_back(firstSecond * kNanosecondsPerSecond + value.it_value.tv_nsec);
         expiriesRead.push_back(0);
     }
-    lateness.reserve(static_cast<std::size_t>(settings.sessions) * settings.packetsPerSecond *
-                     settings.seconds);
+    // Room for the whole run's sends up front, so that keeping them costs no
+    // reallocation while sending; bounded, so that an absurd rate on the
+    // command line cannot ask for it all at once.
+    const uint64_t expected =
+        static_cast<uint64_t>(settings.sessions) * settings.packetsPerSecond * settings.seconds;
+    lateness.reserve(static_cast<std::size_t>(std::min<uint64_t>(expected, kLatenessReserveMax)));
     return true;
 }
 
