@@ -45,16 +45,22 @@ struct mmsghdr* ReceiveBatch::prepare(std::size_t count) {
         clearSlot(index);
     }
     touched = 0;
-    prepared = std::min(count, headers.size());
-    for (std::size_t index = 0; index < prepared; ++index) {
-        struct msghdr& header = headers[index].msg_hdr;
+    // Members read once: the loop's stores could alias them.
+    const std::size_t slots = std::min(count, headers.size());
+    prepared = slots;
+    struct mmsghdr* const first = headers.data();
+    struct iovec* const vectors = ioVectors.data();
+    const std::size_t controlLength = controlSize;
+    const std::size_t dataLength = bufferSize;
+    for (std::size_t index = 0; index < slots; ++index) {
+        struct msghdr& header = first[index].msg_hdr;
         header.msg_namelen = sizeof(struct sockaddr_storage);
-        header.msg_controllen = controlSize;
+        header.msg_controllen = controlLength;
         header.msg_flags = 0;
-        ioVectors[index].iov_len = bufferSize;
-        headers[index].msg_len = 0;
+        vectors[index].iov_len = dataLength;
+        first[index].msg_len = 0;
     }
-    return headers.data();
+    return first;
 }
 
 void ReceiveBatch::settle(int received) {

@@ -557,9 +557,13 @@ bool TwampTestSession::readRandomByte(uint8_t& randomByte) {
 }
 
 void TwampTestSession::varyPadding(uint8_t randomByte) {
-    // One random byte per packet; the XORs accumulate over the packets.
-    for (int64_t index = OwampTestMessage::kPaddingOffset; index < packetSize; ++index) {
-        packetBuffer[index] ^= randomByte;
+    // One random byte per packet; the XORs accumulate over the packets. The
+    // buffer and its size are read once: a store through a byte pointer may
+    // alias any member, so the loop would otherwise reload both per byte.
+    uint8_t* const bytes = packetBuffer.get();
+    const int64_t end = packetSize;
+    for (int64_t index = OwampTestMessage::kPaddingOffset; index < end; ++index) {
+        bytes[index] ^= randomByte;
     }
 }
 
