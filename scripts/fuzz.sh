@@ -3,12 +3,15 @@
 # turn, at the lowest priority, from its seed corpus (tests/fuzz/corpus/<name>)
 # plus what earlier runs found (build-fuzz/corpus/<name>).
 #
-#   scripts/fuzz.sh [--runs N | --seconds S] [TARGET...]
+#   scripts/fuzz.sh [--runs N | --seconds S] [--workers W] [TARGET...]
 #
 # TARGET is a target name without "fuzz_" (itc_dispatcher, udp_receive,
 # looped_frame, itc_wire, ctl_options, reflector_options); all when none is
 # given. By default each target runs 10,000,000 executions; --seconds S runs
-# each for S seconds instead. Prints per target the executions, the coverage
+# each for S seconds instead. --workers W runs W processes of each target at
+# once on one shared corpus, each with its share of the executions (one per
+# core makes the slow session targets finish W times sooner); the executions
+# printed are their sum. Prints per target the executions, the coverage
 # (cov: edges, ft: features), the corpus size and the crashes found; a crash
 # input is kept in build-fuzz/artifacts/<name>/. Exits 1 when any target found
 # a crash, a leak, a time-out or ran out of memory.
@@ -21,6 +24,7 @@ ALL_TARGETS=(itc_dispatcher udp_receive looped_frame itc_wire ctl_options reflec
 
 runs=10000000
 seconds=""
+workers=1
 targets=()
 while [ $# -gt 0 ]; do
     case "$1" in
@@ -33,8 +37,16 @@ while [ $# -gt 0 ]; do
             seconds="$2"
             shift 2
             ;;
+        --workers)
+            workers="$2"
+            if ! [[ "$workers" =~ ^[1-9][0-9]*$ ]]; then
+                echo "--workers needs a whole number from 1 up, not '$workers'" >&2
+                exit 2
+            fi
+            shift 2
+            ;;
         -h | --help)
-            sed -n '2,15p' "$0" | sed 's/^# \{0,1\}//'
+            sed -n '2,18p' "$0" | sed 's/^# \{0,1\}//'
             exit 0
             ;;
         *)
@@ -83,14 +95,34 @@ for target in "${targets[@]}"; do
     artifacts_before=$(find "$artifacts" -type f | wc -l)
     started=$SECONDS
     status=0
-    # One process, one worker (no -jobs: that would run it in a child with
-    # its log in the current directory). New inputs go to the first
-    # directory, never into the seeds in the tree.
-    nice -n 19 "$binary" "${limit[@]}" -timeout=25 -print_final_stats=1 \
-        -artifact_prefix="$artifacts/" "$corpus" "$seeds" >"$log" 2>&1 || status=$?
+    # Plain processes, not libFuzzer's -jobs (that would run them in children
+    # with their logs in the current directory). New inputs go to the first
+    # directory, never into the seeds in the tree; each worker picks up what
+    # the others add there.
+    rm -f "$BUILD"/fuzz_"$target".[0-9]*.log
+    worker_pids=()
+    for worker in $(seq 1 "$workers"); do
+        worker_limit=("${limit[@]}")
+        if [ -z "$seconds" ]; then
+            worker_limit=(-runs="$(((runs + workers - 1) / workers))")
+        fi
+        worker_log="$log"
+        [ "$workers" -gt 1 ] && worker_log="$BUILD/fuzz_$target.$worker.log"
+        nice -n 19 "$binary" "${worker_limit[@]}" -timeout=25 -print_final_stats=1 \
+            -artifact_prefix="$artifacts/" "$corpus" "$seeds" >"$worker_log" 2>&1 &
+        worker_pids+=($!)
+    done
+    for pid in "${worker_pids[@]}"; do
+        wait "$pid" || status=$?
+    done
+    if [ "$workers" -gt 1 ]; then
+        cat "$BUILD"/fuzz_"$target".[0-9]*.log >"$log"
+    fi
     elapsed=$((SECONDS - started))
-    executions=$(sed -n 's/^stat::number_of_executed_units: *//p' "$log" | tail -1)
-    coverage=$(grep -E '^#[0-9]+.*cov: ' "$log" | tail -1 || true)
+    executions=$(sed -n 's/^stat::number_of_executed_units: *//p' "$log" |
+        awk '{ sum += $1 } END { if (NR) print sum }')
+    # The widest coverage any worker reached.
+    coverage=$(grep -E '^#[0-9]+.*cov: ' "$log" | sort -t: -k2 -n | tail -1 || true)
     cov=$(sed -n 's/.*cov: \([0-9]*\).*/\1/p' <<<"$coverage")
     ft=$(sed -n 's/.* ft: \([0-9]*\).*/\1/p' <<<"$coverage")
     corpus_size=$(find "$corpus" "$seeds" -type f | wc -l)
