@@ -16,6 +16,10 @@ class ManualClock : public Clock {
         *time = now;
         return true;
     }
+    bool getMonotonic(struct timespec* time) override {
+        *time = now;
+        return true;
+    }
 
   private:
     struct timespec now = {0, 0};

@@ -17,7 +17,7 @@
 #include "MockTwampTestSessionFactory.h"
 #include "PercentileVector.h"
 #include "RandomFd.h"
-#include "RealtimeClock.h"
+#include "SystemClock.h"
 #include "ScriptedSystemCalls.h"
 #include "SessionKey.h"
 #include "TraceRecorder.h"
@@ -249,7 +249,7 @@ TEST_F(TwampTestSessionControllerTest, SessionWithoutDescriptorIsNotKept) {
                                         uint32_t spare1, uint32_t spare2, int32_t size,
                                         uint32_t dscp, uint32_t offset, uint32_t base) {
             return new TwampTestSession(address, port, rate, spare1, spare2, size, dscp, offset,
-                                        base, RealtimeClock::instance(), &systemCalls);
+                                        base, SystemClock::instance(), &systemCalls);
         }));
     FakeItc::queueSignal(createSignal(keyEndingIn(1)), kManager);
     FakeItc::queueSignal(createSignal(keyEndingIn(2)), kManager);

@@ -42,6 +42,10 @@ class ShiftedClock : public Clock {
         *now = toTimespec(nowNanoseconds());
         return true;
     }
+    // Only the wall clock is shifted.
+    bool getMonotonic(struct timespec* now) override {
+        return clock_gettime(CLOCK_MONOTONIC, now) == 0;
+    }
 
     // The shifted time, in nanoseconds since the epoch.
     int64_t nowNanoseconds() const { return realNanoseconds() + offset.load(); }

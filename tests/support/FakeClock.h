@@ -1,4 +1,4 @@
-// A wall clock that shows what the test set, or fails with an errno.
+// Clocks that show what the test set, or fail with an errno.
 #ifndef TWAMP_TESTS_FAKE_CLOCK_H
 #define TWAMP_TESTS_FAKE_CLOCK_H
 
@@ -17,7 +17,13 @@ class FakeClock : public Clock {
         now.tv_nsec = nanoseconds;
         failErrno = 0;
     }
-    // Makes every reading fail with errorNumber until the next set.
+    // The monotonic clock shows seconds and nanoseconds from now on.
+    void setMonotonic(time_t seconds, long nanoseconds = 0) {
+        monotonic.tv_sec = seconds;
+        monotonic.tv_nsec = nanoseconds;
+    }
+    // Makes every reading of either clock fail with errorNumber until the
+    // next set.
     void failWith(int errorNumber) { failErrno = errorNumber; }
 
     // Clock
@@ -29,9 +35,18 @@ class FakeClock : public Clock {
         *time = now;
         return true;
     }
+    bool getMonotonic(struct timespec* time) override {
+        if (failErrno != 0) {
+            errno = failErrno;
+            return false;
+        }
+        *time = monotonic;
+        return true;
+    }
 
   private:
     struct timespec now = {0, 0};
+    struct timespec monotonic = {0, 0};
     int failErrno = 0;
 };
 

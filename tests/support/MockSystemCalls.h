@@ -29,7 +29,6 @@ class MockSystemCalls : public SystemCalls {
     MOCK_METHOD(int, bind, (int fd, const struct sockaddr* address, socklen_t length), (override));
     MOCK_METHOD(int, close, (int fd), (override));
     MOCK_METHOD(unsigned int, sleep, (unsigned int seconds), (override));
-    MOCK_METHOD(int, clockGettime, (clockid_t clock, struct timespec* time), (override));
     MOCK_METHOD(int, timerfdCreate, (int clock, int flags), (override));
     MOCK_METHOD(int, timerfdSettime,
                 (int fd, int flags, const struct itimerspec* newValue, struct itimerspec* oldValue),
@@ -58,9 +57,6 @@ class MockSystemCalls : public SystemCalls {
         });
         ON_CALL(*this, bind).WillByDefault([&real](auto... args) { return real.bind(args...); });
         ON_CALL(*this, close).WillByDefault([&real](auto... args) { return real.close(args...); });
-        ON_CALL(*this, clockGettime).WillByDefault([&real](auto... args) {
-            return real.clockGettime(args...);
-        });
         ON_CALL(*this, timerfdCreate).WillByDefault([&real](auto... args) {
             return real.timerfdCreate(args...);
         });

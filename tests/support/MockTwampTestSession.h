@@ -14,7 +14,7 @@
 
 #include "Clock.h"
 #include "PmPeriodRecord.h"
-#include "RealtimeClock.h"
+#include "SystemClock.h"
 #include "TwampTestSession.h"
 
 namespace twamp_test {
@@ -22,7 +22,7 @@ namespace twamp_test {
 class MockTwampTestSession : public TwampTestSession {
   public:
     // clock is the wall clock of the real operations the mock delegates to.
-    explicit MockTwampTestSession(Clock& clock = RealtimeClock::instance())
+    explicit MockTwampTestSession(Clock& clock = SystemClock::instance())
         : TwampTestSession("192.0.2.1", "862", 1, 0, 0, 64, 0, 0, 0, clock) {}
     ~MockTwampTestSession() override { destroyed(); }
 

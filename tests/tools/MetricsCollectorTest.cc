@@ -28,6 +28,7 @@ class SettableClock : public Clock {
         now->tv_nsec = 0;
         return true;
     }
+    bool getMonotonic(struct timespec* now) override { return getRealtime(now); }
     time_t seconds = 0;
 };
 

@@ -22,6 +22,7 @@ class FixedClock : public Clock {
         now->tv_nsec = 0;
         return true;
     }
+    bool getMonotonic(struct timespec* now) override { return getRealtime(now); }
 };
 
 SessionListing session(uint8_t id, const char* address, uint32_t state) {

@@ -21,6 +21,7 @@
 #include <gtest/gtest.h>
 
 #include "AdoptedMockController.h"
+#include "FakeClock.h"
 #include "IoMultiplexer.h"
 #include "MockMessageReceiver.h"
 #include "MockSystemCalls.h"
@@ -42,6 +43,7 @@ using ::testing::Return;
 using ::testing::ReturnRef;
 using ::testing::StrictMock;
 using twamp_test::AdoptedMockController;
+using twamp_test::FakeClock;
 using twamp_test::MockMessageReceiver;
 using twamp_test::MockSystemCalls;
 using twamp_test::RecvmmsgCall;
@@ -85,10 +87,7 @@ class UdpSocketTest : public ::testing::Test {
         ON_CALL(env.controller, getIoMultiplexer()).WillByDefault(ReturnRef(multiplexer));
         systemCalls.delegateToReal();
         ON_CALL(systemCalls, sleep).WillByDefault(Return(0U));
-        ON_CALL(systemCalls, clockGettime).WillByDefault([this](clockid_t, struct timespec* time) {
-            *time = monotonicNow;
-            return 0;
-        });
+        clock.setMonotonic(1234, 567890123);
         ON_CALL(systemCalls, timerfdSettime)
             .WillByDefault(
                 [this](int, int flags, const struct itimerspec* value, struct itimerspec*) {
@@ -100,7 +99,7 @@ class UdpSocketTest : public ::testing::Test {
             std::memcpy(buffer, &expirations, sizeof(expirations));
             return static_cast<ssize_t>(sizeof(expirations));
         });
-        udpSocket = std::make_unique<UdpSocket>(&systemCalls);
+        udpSocket = std::make_unique<UdpSocket>(&systemCalls, clock);
     }
 
     void TearDown() override {
@@ -171,7 +170,7 @@ class UdpSocketTest : public ::testing::Test {
     IoMultiplexer multiplexer;
     AdoptedMockController env;
     NiceMock<MockSystemCalls> systemCalls;
-    struct timespec monotonicNow = {1234, 567890123};
+    FakeClock clock;
     std::vector<TimerSetting> timerSettings;
     std::vector<OptionCall> options;
     ScriptedReceiveQueues kernelQueues;
@@ -267,7 +266,7 @@ TEST_F(UdpSocketTest, FailedStartUpWatchesOnlyTheBindTimer) {
 TEST_F(UdpSocketTest, FailedRetryTracesAtLabAndReArms) {
     failStartUp();
     const int timerFd = udpSocket->getBindTimerFd();
-    monotonicNow = {1244, 1000};
+    clock.setMonotonic(1244, 1000);
     EXPECT_CALL(systemCalls, read(timerFd, _, 8U));
     EXPECT_CALL(systemCalls, sleep(1U)).Times(1);
     EXPECT_CALL(systemCalls, timerfdCreate(_, _)).Times(0);
@@ -388,7 +387,7 @@ TEST_F(UdpSocketTest, SocketCreationFailureFailsTheRound) {
 
 // A failing clock_gettime is traced at ERROR and leaves the timer unarmed.
 TEST_F(UdpSocketTest, ClockFailureLeavesTimerUnarmed) {
-    ON_CALL(systemCalls, clockGettime).WillByDefault(failWith(EINVAL));
+    clock.failWith(EINVAL);
     udpSocket->scheduleNextBindAttempt();
     EXPECT_EQ(std::vector<std::string>{"scheduleNextBindAttempt(): Failed clock_gettime: errno 22 "
                                        "- Invalid argument"},

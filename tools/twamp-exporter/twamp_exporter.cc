@@ -12,7 +12,7 @@
 #include "ItcDaemonClient.h"
 #include "MetricsCollector.h"
 #include "MetricsHttpServer.h"
-#include "RealtimeClock.h"
+#include "SystemClock.h"
 
 #ifndef TWAMP_EXPORTER_VERSION
 #define TWAMP_EXPORTER_VERSION "unknown"
@@ -48,7 +48,7 @@ int serve(const ExporterOptions& options) {
     if (!client.open(error)) {
         return fail(kExitFailure, error);
     }
-    MetricsCollector collector(client, RealtimeClock::instance(), std::time(nullptr));
+    MetricsCollector collector(client, SystemClock::instance(), std::time(nullptr));
     MetricsHttpServer server([&collector]() { return collector.scrape(); });
     if (!server.start(options.listenAddress, options.port, error)) {
         return fail(kExitFailure, error);

@@ -89,8 +89,8 @@ class FuzzController : public TwampTestSessionControllerInterface {
     // dispatcher, then the socket and the multiplexer.
     IoMultiplexer ioMultiplexer;
     std::unique_ptr<ItcDispatcher> itcDispatcher;
-    UdpSocket udpSocket4{&socketSystemCalls};
-    UdpSocket udpSocket6{&socketSystemCalls};
+    UdpSocket udpSocket4{&socketSystemCalls, clock};
+    UdpSocket udpSocket6{&socketSystemCalls, clock};
     UdpSocket* udpSocket = &udpSocket4;
     RandomFd randomFd{"/dev/null"};
     SocketHelper socketHelper;

@@ -33,12 +33,6 @@ unsigned int FuzzSocketSystemCalls::sleep(unsigned int /*seconds*/) {
     return 0;
 }
 
-int FuzzSocketSystemCalls::clockGettime(clockid_t /*clock*/, struct timespec* time) {
-    time->tv_sec = 0;
-    time->tv_nsec = 0;
-    return 0;
-}
-
 int FuzzSocketSystemCalls::timerfdCreate(int /*clock*/, int /*flags*/) {
     return kBindTimerFd;
 }

@@ -26,7 +26,6 @@ class FuzzSocketSystemCalls : public SystemCalls {
     int bind(int fd, const struct sockaddr* address, socklen_t length) override;
     int close(int fd) override;
     unsigned int sleep(unsigned int seconds) override;
-    int clockGettime(clockid_t clock, struct timespec* time) override;
     int timerfdCreate(int clock, int flags) override;
     int timerfdSettime(int fd, int flags, const struct itimerspec* newValue,
                        struct itimerspec* oldValue) override;

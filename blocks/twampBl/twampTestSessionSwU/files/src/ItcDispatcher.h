@@ -14,7 +14,7 @@
 
 #include "Clock.h"
 #include "IoHandler.h"
-#include "RealtimeClock.h"
+#include "SystemClock.h"
 #include "SessionListHandler.h"
 #include "SessionRoster.h"
 #include "itc.h"
@@ -37,7 +37,7 @@ class ItcDispatcher : public IoHandler {
     // factory builds the sessions of create signals; not owned. clock dates
     // the entries of the session list (an extension); not owned.
     explicit ItcDispatcher(TwampTestSessionFactory* factory,
-                           Clock& clock = RealtimeClock::instance());
+                           Clock& clock = SystemClock::instance());
     ItcDispatcher(const ItcDispatcher&) = delete;
     ItcDispatcher& operator=(const ItcDispatcher&) = delete;
     // Leaves the multiplexer and deletes the mailbox if init opened one.

@@ -30,10 +30,6 @@ unsigned int SystemCalls::sleep(unsigned int seconds) {
     return ::sleep(seconds);
 }
 
-int SystemCalls::clockGettime(clockid_t clock, struct timespec* time) {
-    return ::clock_gettime(clock, time);
-}
-
 int SystemCalls::timerfdCreate(int clock, int flags) {
     return ::timerfd_create(clock, flags);
 }

@@ -31,8 +31,6 @@ class SystemCalls {
     virtual int close(int fd);
     // ::sleep
     virtual unsigned int sleep(unsigned int seconds);
-    // ::clock_gettime
-    virtual int clockGettime(clockid_t clock, struct timespec* time);
     // ::timerfd_create
     virtual int timerfdCreate(int clock, int flags);
     // ::timerfd_settime

@@ -30,7 +30,7 @@
 #include "OutstandingPacketStore.h"
 #include "PmPeriodRecord.h"
 #include "PmState.h"
-#include "RealtimeClock.h"
+#include "SystemClock.h"
 #include "SequenceTracker.h"
 #include "SystemCalls.h"
 
@@ -47,7 +47,7 @@ class TwampTestSession : public IoHandler, public MessageReceiver {
     TwampTestSession(const char* dstIpAddress, const char* dstUdpPort, uint32_t packetsPerSecond,
                      uint32_t spare1, uint32_t spare2, int32_t packetSize, uint32_t dscp,
                      uint32_t startOffset, uint32_t spreadingBase,
-                     Clock& clock = RealtimeClock::instance(), SystemCalls* systemCalls = nullptr);
+                     Clock& clock = SystemClock::instance(), SystemCalls* systemCalls = nullptr);
     TwampTestSession(const TwampTestSession&) = delete;
     TwampTestSession& operator=(const TwampTestSession&) = delete;
     // Deletes the outstanding packets, closes the timer, leaves the

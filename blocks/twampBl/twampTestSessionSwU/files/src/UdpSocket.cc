@@ -29,8 +29,9 @@ constexpr const char* kHandleInput = "handleInput";
 
 // ---- Construction ----
 
-UdpSocket::UdpSocket(SystemCalls* systemCalls)
+UdpSocket::UdpSocket(SystemCalls* systemCalls, Clock& clock)
     : systemCalls((systemCalls != nullptr) ? systemCalls : &SystemCalls::real()),
+      clock(clock),
       batch(kBatchSize, kReceiveBufferSize, kControlBufferSize) {}
 
 UdpSocket::~UdpSocket() {
@@ -245,7 +246,7 @@ void UdpSocket::scheduleNextBindAttempt() {
         registerWithMultiplexer();
     }
     struct timespec now {};
-    if (systemCalls->clockGettime(CLOCK_MONOTONIC, &now) != 0) {
+    if (!clock.getMonotonic(&now)) {
         const int error = errno;
         TRACE_ERROR("Failed clock_gettime: errno %d - %s", error, std::strerror(error));
         return;

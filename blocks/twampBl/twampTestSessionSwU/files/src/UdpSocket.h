@@ -23,12 +23,14 @@
 #include <set>
 #include <vector>
 
+#include "Clock.h"
 #include "IoHandler.h"
 #include "MessageReceiver.h"
 #include "ReceiveBatch.h"
 #include "ReceiverKey.h"
 #include "ReceiverRegistry.h"
 #include "SystemCalls.h"
+#include "SystemClock.h"
 
 class IoMultiplexer;
 
@@ -44,8 +46,8 @@ class UdpSocket : public IoHandler {
     static constexpr time_t kBindRetrySeconds = 10;
 
     // systemCalls: null for the real system calls; otherwise not owned and
-    // must outlive the socket.
-    explicit UdpSocket(SystemCalls* systemCalls = nullptr);
+    // must outlive the socket, like clock, which times the bind retries.
+    explicit UdpSocket(SystemCalls* systemCalls = nullptr, Clock& clock = SystemClock::instance());
     UdpSocket(const UdpSocket&) = delete;
     UdpSocket& operator=(const UdpSocket&) = delete;
     ~UdpSocket() override;
@@ -120,6 +122,7 @@ class UdpSocket : public IoHandler {
     void handleMessage(struct msghdr* msg, std::size_t length);
 
     SystemCalls* systemCalls;
+    Clock& clock;
     ReceiveBatch batch;
     const char* srcIpAddress = nullptr;  // the caller's string, not copied
     const char* srcUdpPort = nullptr;    // the caller's string, not copied
