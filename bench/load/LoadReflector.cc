@@ -67,7 +67,7 @@ bool LoadReflector::open(const std::string& address, uint16_t basePort, uint32_t
 }
 
 bool LoadReflector::openPort(const sockaddr_in& address, std::string& error) {
-    ScopedFd socket(::socket(AF_INET, SOCK_DGRAM | SOCK_NONBLOCK | SOCK_CLOEXEC, 0));
+    FileDescriptor socket(::socket(AF_INET, SOCK_DGRAM | SOCK_NONBLOCK | SOCK_CLOEXEC, 0));
     if (!socket.valid()) {
         error = failure("socket");
         return false;

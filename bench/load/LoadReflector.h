@@ -17,7 +17,7 @@
 #include <vector>
 
 #include "LoadClock.h"
-#include "ScopedFd.h"
+#include "FileDescriptor.h"
 
 struct LoadReflectorCounts {
     uint64_t received = 0;
@@ -64,8 +64,8 @@ class LoadReflector {
     uint32_t nextReflectorSequence(uint32_t index, const sockaddr_in& sender);
 
     LoadClock& clock;
-    ScopedFd epoll;
-    std::vector<ScopedFd> sockets;
+    FileDescriptor epoll;
+    std::vector<FileDescriptor> sockets;
     std::vector<uint16_t> boundPorts;
     std::vector<std::vector<SenderCount>> senders;
     LoadReflectorCounts totals;

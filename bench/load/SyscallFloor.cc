@@ -105,7 +105,7 @@ bool SyscallFloor::armTimers(std::string& error) {
     endNs = (firstSecond + settings.seconds) * kNanosecondsPerSecond;
     intervalNs = kNanosecondsPerSecond / settings.packetsPerSecond;
     for (uint32_t session = 0; session < settings.sessions; ++session) {
-        ScopedFd timer(timerfd_create(CLOCK_REALTIME, TFD_CLOEXEC));
+        FileDescriptor timer(timerfd_create(CLOCK_REALTIME, TFD_CLOEXEC));
         struct itimerspec value {};
         value.it_interval.tv_sec = intervalNs / kNanosecondsPerSecond;
         value.it_interval.tv_nsec = intervalNs % kNanosecondsPerSecond;

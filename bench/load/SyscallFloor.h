@@ -21,7 +21,7 @@
 #include <string>
 #include <vector>
 
-#include "ScopedFd.h"
+#include "FileDescriptor.h"
 
 struct FloorSettings {
     std::string sourceAddress;
@@ -68,9 +68,9 @@ class SyscallFloor {
     bool receiveOne(int flags);
 
     FloorSettings settings;
-    ScopedFd socket;
-    ScopedFd epoll;
-    std::vector<ScopedFd> timers;
+    FileDescriptor socket;
+    FileDescriptor epoll;
+    std::vector<FileDescriptor> timers;
     std::vector<uint32_t> sequenceNumbers;
     // Per session: its first expiry and the expiries read so far.
     std::vector<int64_t> firstExpiryNs;

@@ -10,7 +10,7 @@
 #include <string>
 
 #include "LatenessReport.h"
-#include "ScopedFd.h"
+#include "FileDescriptor.h"
 
 class T1Capture {
   public:
@@ -32,7 +32,7 @@ class T1Capture {
 
     uint16_t basePort;
     uint32_t ports;
-    ScopedFd socket;
+    FileDescriptor socket;
     uint64_t capturedCount = 0;
 };
 

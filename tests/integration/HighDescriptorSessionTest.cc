@@ -31,7 +31,7 @@
 #include "LoopbackReflector.h"
 #include "PercentileVector.h"
 #include "ScenarioSessionFactory.h"
-#include "ScopedFd.h"
+#include "FileDescriptor.h"
 #include "SessionKey.h"
 #include "ShiftedClock.h"
 #include "TimestampSource.h"
@@ -47,7 +47,6 @@ namespace scenario_test {
 namespace {
 
 using twamp_test::FakeSaLog;
-using twamp_test::ScopedFd;
 using twamp_test::TraceRecorder;
 
 constexpr char kServiceName[] = "high_fd_twamp";
@@ -167,7 +166,7 @@ class HighDescriptorSessionTest : public ::testing::Test {
         if (nullFd < 0) {
             return ::testing::AssertionFailure() << "cannot open /dev/null";
         }
-        fillers.push_back(std::make_unique<ScopedFd>(nullFd));
+        fillers.push_back(std::make_unique<FileDescriptor>(nullFd));
         while (true) {
             const int fd = fcntl(nullFd, F_DUPFD_CLOEXEC, 0);
             if (fd < 0 && errno == EMFILE) {
@@ -180,7 +179,7 @@ class HighDescriptorSessionTest : public ::testing::Test {
                 close(fd);
                 return ::testing::AssertionSuccess();
             }
-            fillers.push_back(std::make_unique<ScopedFd>(fd));
+            fillers.push_back(std::make_unique<FileDescriptor>(fd));
         }
     }
 
@@ -248,7 +247,7 @@ class HighDescriptorSessionTest : public ::testing::Test {
     std::unique_ptr<LoopHeartbeat> heartbeat;
     std::unique_ptr<LoopbackReflector> reflector;
     itc_mbox_id_t daemonMailbox = ITC_NO_ID;
-    std::vector<std::unique_ptr<ScopedFd>> fillers;
+    std::vector<std::unique_ptr<FileDescriptor>> fillers;
 };
 
 // A session whose packet timer is numbered 1024 or above is watched by the

@@ -8,7 +8,7 @@
 
 #include "IoHandler.h"
 #include "IoMultiplexer.h"
-#include "ScopedFd.h"
+#include "FileDescriptor.h"
 
 namespace scenario_test {
 
@@ -31,7 +31,7 @@ class LoopHeartbeat : public IoHandler {
 
   private:
     IoMultiplexer& multiplexer;
-    twamp_test::ScopedFd timer;
+    FileDescriptor timer;
     bool running = false;
 };
 

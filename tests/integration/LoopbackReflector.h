@@ -22,7 +22,7 @@
 #include <thread>
 #include <vector>
 
-#include "ScopedFd.h"
+#include "FileDescriptor.h"
 
 namespace scenario_test {
 
@@ -80,7 +80,7 @@ class LoopbackReflector {
     void record(const ReflectedRequest& request);
 
     ReflectorSettings settings;
-    twamp_test::ScopedFd socket;
+    FileDescriptor socket;
     uint16_t port = 0;
     std::atomic<bool> running{false};
     std::thread thread;

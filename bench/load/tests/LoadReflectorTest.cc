@@ -16,7 +16,7 @@
 #include "LoadReflector.h"
 #include "NtpTimestamp.h"
 #include "OwampTestMessage.h"
-#include "ScopedFd.h"
+#include "FileDescriptor.h"
 #include "TwampTestMessage.h"
 
 namespace {
@@ -93,7 +93,7 @@ class Client {
     }
 
   private:
-    ScopedFd fd;
+    FileDescriptor fd;
 };
 
 class LoadReflectorTest : public ::testing::Test {

@@ -1,6 +1,8 @@
-// Owns one file descriptor and closes it.
-#ifndef TWAMP_REFLECTOR_FILE_DESCRIPTOR_H
-#define TWAMP_REFLECTOR_FILE_DESCRIPTOR_H
+// Owns one file descriptor and closes it: the one descriptor wrapper of the
+// tools, the benchmarks and the tests. (The daemon keeps its descriptors in
+// the classes that own them.)
+#ifndef TWAMP_FILE_DESCRIPTOR_H
+#define TWAMP_FILE_DESCRIPTOR_H
 
 #include <unistd.h>
 
@@ -21,11 +23,13 @@ class FileDescriptor {
     FileDescriptor(const FileDescriptor&) = delete;
     FileDescriptor& operator=(const FileDescriptor&) = delete;
 
+    // The descriptor, -1 when none.
     int get() const { return fd_; }
     bool valid() const { return fd_ >= 0; }
+    // Closes the descriptor held so far and takes fd.
     void reset(int fd = -1) {
         if (fd_ >= 0) {
-            close(fd_);
+            ::close(fd_);
         }
         fd_ = fd;
     }
@@ -34,4 +38,4 @@ class FileDescriptor {
     int fd_ = -1;
 };
 
-#endif  // TWAMP_REFLECTOR_FILE_DESCRIPTOR_H
+#endif  // TWAMP_FILE_DESCRIPTOR_H
