@@ -65,31 +65,21 @@ void ReceivedMessage::makeReply(uint32_t senderSeqNo, uint64_t t1, uint32_t resp
     ioVector.iov_len = kPacketLength;
     resetControl();
     appendTimestamp(t4);
-    appendControl(IPPROTO_IP, IP_TTL, &replyTtl, sizeof(replyTtl));
-    appendControl(IPPROTO_IP, IP_TOS, &replyTos, sizeof(replyTos));
+    control.append(IPPROTO_IP, IP_TTL, &replyTtl, sizeof(replyTtl));
+    control.append(IPPROTO_IP, IP_TOS, &replyTos, sizeof(replyTos));
+    messageHeader.msg_controllen = control.appendedLength();
 }
 
 void ReceivedMessage::resetControl() {
-    std::memset(control, 0, sizeof(control));
-    messageHeader.msg_control = control;
+    control.clear();
+    messageHeader.msg_control = control.bytes.data();
     messageHeader.msg_controllen = 0;
-}
-
-void ReceivedMessage::appendControl(int level, int type, const void* data, std::size_t length) {
-    // The kernel's layout: each item starts at CMSG_SPACE of the ones before.
-    struct cmsghdr* item =
-        reinterpret_cast<struct cmsghdr*>(control + messageHeader.msg_controllen);
-    item->cmsg_level = level;
-    item->cmsg_type = type;
-    item->cmsg_len = CMSG_LEN(length);
-    std::memcpy(CMSG_DATA(item), data, length);
-    messageHeader.msg_controllen += CMSG_SPACE(length);
 }
 
 void ReceivedMessage::appendTimestamp(uint64_t ntp) {
     // Software, (deprecated) and hardware slots all hold the time, so the
     // message reads the same whichever timestamp source is configured.
     const struct timespec time = timespecOfNtp(ntp);
-    const struct timespec times[3] = {time, time, time};
-    appendControl(SOL_SOCKET, SCM_TIMESTAMPING, times, sizeof(times));
+    control.appendTimestamping(time, time, time);
+    messageHeader.msg_controllen = control.appendedLength();
 }

@@ -12,6 +12,8 @@
 #include <cstddef>
 #include <cstdint>
 
+#include "ControlBuffer.h"
+
 class ReceivedMessage {
   public:
     // Test packets of this many bytes (the daemon's default size).
@@ -39,11 +41,10 @@ class ReceivedMessage {
     static constexpr std::size_t kControlSize = 128;
 
     void resetControl();
-    void appendControl(int level, int type, const void* data, std::size_t length);
     void appendTimestamp(uint64_t ntp);
 
     uint8_t payload[kLoopedHeaderLength + kPacketLength];
-    alignas(struct cmsghdr) uint8_t control[kControlSize];
+    twamp_test::ControlBuffer control{kControlSize};
     struct iovec ioVector;
     struct msghdr messageHeader;
 };

@@ -6,6 +6,7 @@
 
 #include <sys/socket.h>
 
+#include <algorithm>
 #include <cstddef>
 #include <cstdint>
 #include <cstring>
@@ -42,22 +43,30 @@ class ControlBuffer {
     // Writes a header claiming messageLength bytes at offset, and data behind it.
     void put(std::size_t offset, std::size_t messageLength, int level, int type,
              const std::vector<uint8_t>& data = {}) {
+        put(offset, messageLength, level, type, data.data(), data.size());
+    }
+    void put(std::size_t offset, std::size_t messageLength, int level, int type, const void* data,
+             std::size_t dataLength) {
         struct cmsghdr header {};
         header.cmsg_len = messageLength;
         header.cmsg_level = level;
         header.cmsg_type = type;
         std::memcpy(bytes.data() + offset, &header, sizeof(header));
-        if (!data.empty()) {
-            std::memcpy(bytes.data() + offset + sizeof(header), data.data(), data.size());
+        if (dataLength != 0) {
+            std::memcpy(bytes.data() + offset + sizeof(header), data, dataLength);
         }
     }
 
     // Appends a message of data at the next 8-byte aligned offset (where the
     // kernel puts it: CMSG_SPACE of the ones before); its offset.
     std::size_t append(int level, int type, const std::vector<uint8_t>& data) {
+        return append(level, type, data.data(), data.size());
+    }
+    // The same without a vector, for the benchmarks' timed loops.
+    std::size_t append(int level, int type, const void* data, std::size_t dataLength) {
         const std::size_t offset = next;
-        put(offset, sizeof(struct cmsghdr) + data.size(), level, type, data);
-        next = offset + (sizeof(struct cmsghdr) + data.size() + 7) / 8 * 8;
+        put(offset, sizeof(struct cmsghdr) + dataLength, level, type, data, dataLength);
+        next = offset + (sizeof(struct cmsghdr) + dataLength + 7) / 8 * 8;
         return offset;
     }
 
@@ -65,7 +74,14 @@ class ControlBuffer {
     // software time, the legacy slot and the raw hardware time; its offset.
     std::size_t appendTimestamping(const struct timespec& software, const struct timespec& legacy,
                                    const struct timespec& hardware) {
-        return append(SOL_SOCKET, SCM_TIMESTAMPING, timespecBytes({software, legacy, hardware}));
+        const struct timespec times[3] = {software, legacy, hardware};
+        return append(SOL_SOCKET, SCM_TIMESTAMPING, times, sizeof(times));
+    }
+
+    // Zeroes the buffer and starts appending from its beginning again.
+    void clear() {
+        std::fill(bytes.begin(), bytes.end(), 0);
+        next = 0;
     }
 
     // The message header's length field of the message at offset.
