@@ -1,6 +1,10 @@
 #include "SessionRoster.h"
 
+#include <cstdlib>
 #include <cstring>
+#include <iostream>
+#include <map>
+#include <random>
 #include <vector>
 
 #include <gtest/gtest.h>
@@ -105,6 +109,103 @@ TEST_F(SessionRosterTest, OldestRefusalForgottenBeyondLimit) {
     EXPECT_EQ(1u, roster.entries().count(keyOf(0)));
     EXPECT_EQ(0u, roster.entries().count(keyOf(1)));
     EXPECT_EQ(1u, roster.entries().count(keyOf(257)));
+}
+
+// A key refused again becomes the newest refusal; it outlives those refused
+// between its two refusals.
+TEST_F(SessionRosterTest, RefusedAgainBecomesNewest) {
+    for (uint32_t number = 1; number <= 256; ++number) {
+        roster.recordRefused(keyOf(number), createOf(2), "192.0.2.7");
+    }
+    roster.recordRefused(keyOf(1), createOf(3), "192.0.2.7");
+    roster.recordRefused(keyOf(300), createOf(2), "192.0.2.7");
+    EXPECT_EQ(256u, roster.entries().size());
+    EXPECT_EQ(3, roster.entries().at(keyOf(1)).dstUdpPort);
+    EXPECT_EQ(0u, roster.entries().count(keyOf(2)));
+}
+
+// A refused key that is then created no longer counts as a refusal: the
+// limit forgets only refusals, never the session that replaced one.
+TEST_F(SessionRosterTest, CreatedAfterRefusalLeavesTheRefusals) {
+    roster.recordRefused(keyOf(0), createOf(1), "192.0.2.7");
+    roster.recordCreated(keyOf(0), createOf(1), "192.0.2.7");
+    for (uint32_t number = 1; number <= 257; ++number) {
+        roster.recordRefused(keyOf(number), createOf(2), "192.0.2.7");
+    }
+    EXPECT_EQ(257u, roster.entries().size());
+    EXPECT_FALSE(roster.entries().at(keyOf(0)).refused);
+    EXPECT_EQ(0u, roster.entries().count(keyOf(1)));
+}
+
+// The straightforward roster: the oldest refusal found by a walk over every
+// listed key. The roster must list exactly what it lists.
+class WalkingRoster {
+  public:
+    void created(uint32_t key) {
+        listed.erase(key);
+        listed[key] = {false, 0};
+    }
+    void refused(uint32_t key) {
+        listed.erase(key);
+        std::size_t refusals = 0;
+        for (const auto& entry : listed) {
+            refusals += entry.second.refused ? 1 : 0;
+        }
+        if (refusals >= SessionRoster::kMaxRefused) {
+            auto oldest = listed.end();
+            for (auto entry = listed.begin(); entry != listed.end(); ++entry) {
+                if (entry->second.refused &&
+                    (oldest == listed.end() || entry->second.number < oldest->second.number)) {
+                    oldest = entry;
+                }
+            }
+            listed.erase(oldest);
+        }
+        listed[key] = {true, next++};
+    }
+    void removed(uint32_t key) { listed.erase(key); }
+
+    struct Entry {
+        bool refused;
+        uint64_t number;
+    };
+    std::map<uint32_t, Entry> listed;
+    uint64_t next = 0;
+};
+
+// Random creates, refusals and removals over 1000 keys: after every step the
+// roster lists the same keys, with the same outcome, as the walking roster.
+TEST_F(SessionRosterTest, RandomStepsListAsTheWalkingRoster) {
+    const char* seedText = std::getenv("TWAMP_TEST_SEED");
+    const unsigned seed = (seedText != nullptr)
+                              ? static_cast<unsigned>(std::strtoul(seedText, nullptr, 10))
+                              : std::random_device{}();
+    std::cout << "SessionRosterTest seed " << seed << " (TWAMP_TEST_SEED)" << std::endl;
+    std::mt19937 random(seed);
+    WalkingRoster reference;
+    for (int step = 0; step < 20000; ++step) {
+        const uint32_t key = random() % 1000;
+        switch (random() % 4) {
+            case 0:
+                roster.recordCreated(keyOf(key), createOf(1), "192.0.2.7");
+                reference.created(key);
+                break;
+            case 1:
+                roster.remove(keyOf(key));
+                reference.removed(key);
+                break;
+            default:
+                roster.recordRefused(keyOf(key), createOf(2), "192.0.2.7");
+                reference.refused(key);
+                break;
+        }
+        ASSERT_EQ(reference.listed.size(), roster.entries().size()) << "step " << step;
+        for (const auto& entry : reference.listed) {
+            const auto found = roster.entries().find(keyOf(entry.first));
+            ASSERT_NE(roster.entries().end(), found) << "step " << step << " key " << entry.first;
+            ASSERT_EQ(entry.second.refused, found->second.refused) << "step " << step;
+        }
+    }
 }
 
 // A create whose time cannot be read is dated minute 0 and the failure traced.

@@ -34,14 +34,14 @@ void SessionRoster::recordCreated(const SessionKey& key, const twtsiCreateTwampT
 void SessionRoster::recordRefused(const SessionKey& key, const twtsiCreateTwampTestSession& create,
                                   const char* dstIpAddress) {
     remove(key);
-    if (refusedCount >= kMaxRefused) {
+    if (refusalOrder.size() >= kMaxRefused) {
         forgetOldestRefusal();
     }
     RosterEntry entry = entryFor(create, dstIpAddress, currentMinute());
     entry.refused = true;
     entry.refusalNumber = nextRefusalNumber++;
     listed[key] = entry;
-    ++refusedCount;
+    refusalOrder[entry.refusalNumber] = key;
 }
 
 void SessionRoster::remove(const SessionKey& key) {
@@ -50,7 +50,7 @@ void SessionRoster::remove(const SessionKey& key) {
         return;
     }
     if (found->second.refused) {
-        --refusedCount;
+        refusalOrder.erase(found->second.refusalNumber);
     }
     listed.erase(found);
 }
@@ -59,18 +59,9 @@ const std::map<SessionKey, RosterEntry>& SessionRoster::entries() const {
     return listed;
 }
 
-// Linear, but only when kMaxRefused refusals are already listed.
 void SessionRoster::forgetOldestRefusal() {
-    auto oldest = listed.end();
-    for (auto entry = listed.begin(); entry != listed.end(); ++entry) {
-        if (entry->second.refused && (oldest == listed.end() ||
-                                      entry->second.refusalNumber < oldest->second.refusalNumber)) {
-            oldest = entry;
-        }
-    }
-    if (oldest != listed.end()) {
-        listed.erase(oldest);
-        --refusedCount;
+    if (!refusalOrder.empty()) {
+        remove(refusalOrder.begin()->second);
     }
 }
 

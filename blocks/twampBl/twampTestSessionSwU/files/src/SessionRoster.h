@@ -59,7 +59,10 @@ class SessionRoster {
 
     Clock& clock;
     std::map<SessionKey, RosterEntry> listed;
-    std::size_t refusedCount = 0;
+    // The listed refusals by refusal number, oldest first, so that a manager
+    // flooding refused creates costs a logarithm per create, not a walk over
+    // every listed session.
+    std::map<uint64_t, SessionKey> refusalOrder;
     uint64_t nextRefusalNumber = 0;
 };
 
