@@ -35,7 +35,7 @@ SessionDriver::SessionDriver(uint32_t packetsPerSecond, uint64_t seed)
     systemCalls.expireWhenUnqueued = true;
     systemCalls.recordCalls = false;
     systemCalls.randomByteStep = 1;
-    clock.set(timespec{kFirstMinute - kArmedBefore, 0});
+    clock.set(kFirstMinute - kArmedBefore);
     session = std::make_unique<TwampTestSession>(
         kReflectorAddress, kReflectorPort, packetsPerSecond, 0, 0,
         static_cast<int32_t>(ReceivedMessage::kPacketLength), kDscp, 0, 0, clock, &systemCalls);
@@ -58,7 +58,7 @@ bool SessionDriver::nextExpiryFinalisesMinute() const {
 
 void SessionDriver::fireNextExpiry() {
     const struct timespec now = expiryTime(expiryCount);
-    clock.set(now);
+    clock.set(now.tv_sec, now.tv_nsec);
     session->handleInput(twamp_test::ScriptedSystemCalls::kTimerFd);
     lastSeqNo = static_cast<uint32_t>(expiryCount);
     lastT1 = toNtpTimestamp(now);

@@ -9,7 +9,7 @@
 #include <ctime>
 #include <memory>
 
-#include "ManualClock.h"
+#include "FakeClock.h"
 #include "ReceivedMessage.h"
 #include "ScriptedSystemCalls.h"
 #include "TwampTestSession.h"
@@ -42,7 +42,7 @@ class SessionDriver {
     struct timespec expiryTime(uint64_t index) const;
     uint64_t drawMicroseconds(uint64_t low, uint64_t span);
 
-    ManualClock clock;
+    twamp_test::FakeClock clock;
     twamp_test::ScriptedSystemCalls systemCalls;
     std::unique_ptr<TwampTestSession> session;
     int64_t intervalNs;

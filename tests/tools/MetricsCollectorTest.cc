@@ -6,7 +6,7 @@
 
 #include <gtest/gtest.h>
 
-#include "Clock.h"
+#include "FakeClock.h"
 #include "FakeDaemonClient.h"
 #include "PmPeriodRecord.h"
 #include "TwtsiSignals.h"
@@ -20,17 +20,6 @@ constexpr time_t kIntervalStart = 1699999200;
 const std::string kIdHex = "00000000000000000000000000000007";
 const std::string kLabels =
     "id=\"00000000000000000000000000000007\",destination=\"198.18.0.2\",port=\"862\",dscp=\"46\"";
-
-class SettableClock : public Clock {
-  public:
-    bool getRealtime(struct timespec* now) override {
-        now->tv_sec = seconds;
-        now->tv_nsec = 0;
-        return true;
-    }
-    bool getMonotonic(struct timespec* now) override { return getRealtime(now); }
-    time_t seconds = 0;
-};
 
 SessionListing listing() {
     SessionListing session;
@@ -51,7 +40,7 @@ bool contains(const std::string& text, const std::string& line) {
 class MetricsCollectorTest : public ::testing::Test {
   protected:
     void SetUp() override {
-        clock.seconds = kIntervalStart + 3 * 60 + 20;
+        clock.set(kIntervalStart + 3 * 60 + 20);
         client.sessions.push_back(listing());
         FakeDaemonClient::clear(grid);
     }
@@ -66,7 +55,7 @@ class MetricsCollectorTest : public ::testing::Test {
         grid[PmCounter::delayRtAvg][bin] = rtAvg;
     }
 
-    SettableClock clock;
+    twamp_test::FakeClock clock;
     FakeDaemonClient client;
     CounterGrid grid;
     MetricsCollector collector{client, clock, kIntervalStart};
@@ -132,7 +121,7 @@ TEST_F(MetricsCollectorTest, AsksCompletedIntervalOnce) {
 
 // In the first 10 s of an interval the completed interval, held by the daemon, is not asked for.
 TEST_F(MetricsCollectorTest, NoCompletedRequestWhileHeld) {
-    clock.seconds = kIntervalStart + 5;
+    clock.set(kIntervalStart + 5);
     client.setCounters(kIdHex, false, grid);
     collector.scrape();
     ASSERT_EQ(1u, client.requests.size());
@@ -142,10 +131,10 @@ TEST_F(MetricsCollectorTest, NoCompletedRequestWhileHeld) {
 // A reply during which the reported interval changed (minute 0 to 1 of the
 // next interval) is not used.
 TEST_F(MetricsCollectorTest, ReplyAcrossIntervalChangeIgnored) {
-    clock.seconds = kIntervalStart + 15 * 60 + 59;
+    clock.set(kIntervalStart + 15 * 60 + 59);
     setMinute(0, 600, 600, 100);
     client.setCounters(kIdHex, false, grid);
-    client.onFetch = [this]() { clock.seconds = kIntervalStart + 16 * 60 + 1; };
+    client.onFetch = [this]() { clock.set(kIntervalStart + 16 * 60 + 1); };
     const std::string text = collector.scrape();
     EXPECT_TRUE(contains(text, "twamp_session_sent_packets_total{" + kLabels + "} 0")) << text;
 }

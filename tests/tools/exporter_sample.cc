@@ -4,7 +4,7 @@
 #include <cstdio>
 #include <ctime>
 
-#include "Clock.h"
+#include "FakeClock.h"
 #include "FakeDaemonClient.h"
 #include "MetricsCollector.h"
 #include "PmPeriodRecord.h"
@@ -14,16 +14,6 @@ namespace {
 
 // 2023-11-14 22:00:00 UTC, the start of an interval.
 constexpr time_t kIntervalStart = 1699999200;
-
-class FixedClock : public Clock {
-  public:
-    bool getRealtime(struct timespec* now) override {
-        now->tv_sec = kIntervalStart + 5 * 60 + 30;
-        now->tv_nsec = 0;
-        return true;
-    }
-    bool getMonotonic(struct timespec* now) override { return getRealtime(now); }
-};
 
 SessionListing session(uint8_t id, const char* address, uint32_t state) {
     SessionListing listing;
@@ -65,7 +55,8 @@ int main() {
     client.setCounters("00000000000000000000000000000001", false, grid);
     fillMinutes(grid, 30);
     client.setCounters("00000000000000000000000000000002", false, grid);
-    FixedClock clock;
+    twamp_test::FakeClock clock;
+    clock.set(kIntervalStart + 5 * 60 + 30);
     MetricsCollector collector(client, clock, kIntervalStart - 3600);
     std::fputs(collector.scrape().c_str(), stdout);
     return 0;
