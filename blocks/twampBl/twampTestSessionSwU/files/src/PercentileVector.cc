@@ -13,6 +13,10 @@ static_assert(sizeof(gpointer) >= sizeof(uint64_t), "samples are kept in data po
 struct PercentileVectorRecord {
     uint32_t id;
     GSequence* samples;
+    // The first (largest) entry, null while there is none. Kept here because
+    // the sequence finds its first node by climbing to the root and down
+    // again, which on every add was a tenth of the daemon's time at high rates.
+    GSequenceIter* first;
     uint32_t size;   // most samples that may be added before a read
     uint32_t keep;   // entries retained
     uint32_t count;  // samples added since the last read, not the number of entries
@@ -119,6 +123,25 @@ bool staysOrderedWith(const VectorEnds& ends, uint64_t sample) {
            static_cast<uint32_t>(first - low) < kHalfRange;
 }
 
+// Inserts the sample before entry and keeps the first entry current.
+void insertBefore(PercentileVectorRecord* vector, GSequenceIter* entry, uint64_t sample) {
+    GSequenceIter* added = g_sequence_insert_before(entry, toData(sample));
+    if (entry == vector->first) {
+        vector->first = added;
+    }
+}
+
+// Removes the entry and keeps the first entry current.
+void removeEntry(PercentileVectorRecord* vector, GSequenceIter* entry) {
+    const bool wasFirst = entry == vector->first;
+    g_sequence_remove(entry);
+    if (wasFirst) {
+        vector->first = g_sequence_is_empty(vector->samples)
+                            ? nullptr
+                            : g_sequence_get_begin_iter(vector->samples);
+    }
+}
+
 // Where the walk from the front stops for the sample: before the first entry
 // it does not stay behind. A sample that beats the first entry (rising
 // delays) needs no search; an ordered vector is bisected; otherwise the
@@ -142,14 +165,14 @@ GSequenceIter* placeFor(const PercentileVectorRecord& vector, GSequenceIter* fir
 // is dropped, so the vector holds the keep - 1 largest samples and one
 // trailing entry.
 void insertAndDropSurplus(PercentileVectorRecord* vector, GSequenceIter* first, uint64_t sample) {
-    g_sequence_insert_before(placeFor(*vector, first, sample), toData(sample));
+    insertBefore(vector, placeFor(*vector, first, sample), sample);
     if (vector->count <= vector->keep) {
         return;
     }
     GSequenceIter* surplus =
         g_sequence_get_iter_at_pos(vector->samples, static_cast<gint>(vector->keep - 1));
     if (!g_sequence_iter_is_end(surplus)) {
-        g_sequence_remove(surplus);
+        removeEntry(vector, surplus);
     }
 }
 
@@ -167,17 +190,21 @@ void insertIntoFullOrdered(PercentileVectorRecord* vector, const VectorEnds& end
     if (staysAhead(sampleAt(surplus), sample)) {
         return;
     }
-    g_sequence_insert_before(placeFor(*vector, ends.first, sample), toData(sample));
-    g_sequence_remove(surplus);
+    insertBefore(vector, placeFor(*vector, ends.first, sample), sample);
+    removeEntry(vector, surplus);
 }
 
 // Adds the sample, count already raised for it.
 void insertSample(PercentileVectorRecord* vector, uint64_t sample) {
-    if (g_sequence_is_empty(vector->samples)) {
-        g_sequence_append(vector->samples, toData(sample));
+    if (vector->first == nullptr) {
+        vector->first = g_sequence_append(vector->samples, toData(sample));
         return;
     }
-    const VectorEnds ends{g_sequence_get_begin_iter(vector->samples), lastEntry(*vector)};
+#ifdef TWAMP_UNIT_TEST
+    // The tests' build checks the kept first entry on every add.
+    g_assert(vector->first == g_sequence_get_begin_iter(vector->samples));
+#endif
+    const VectorEnds ends{vector->first, lastEntry(*vector)};
     vector->ordered = vector->ordered && staysOrderedWith(ends, sample);
     if (vector->ordered && vector->count > vector->keep) {
         insertIntoFullOrdered(vector, ends, sample);
@@ -189,6 +216,7 @@ void insertSample(PercentileVectorRecord* vector, uint64_t sample) {
 void emptyVector(PercentileVectorRecord* vector) {
     g_sequence_remove_range(g_sequence_get_begin_iter(vector->samples),
                             g_sequence_get_end_iter(vector->samples));
+    vector->first = nullptr;
     vector->count = 0;
     vector->ordered = true;
 }
@@ -220,7 +248,7 @@ bool allAnswerable(const PercentileVectorRecord& vector, int32_t requestCount,
 // otherwise the entry whose rank from the top matches the percentile.
 GSequenceIter* entryFor(const PercentileVectorRecord& vector, int32_t percentile) {
     if (percentile == kHighestPercentile) {
-        return g_sequence_get_begin_iter(vector.samples);
+        return vector.first;
     }
     if (percentile == kSmallestKeptPercentile) {
         return lastEntry(vector);
@@ -287,6 +315,7 @@ int32_t percentile_create(uint32_t size, int32_t minPercentile, uint32_t* idOut)
     auto* vector = g_new(PercentileVectorRecord, 1);
     vector->id = id;
     vector->samples = g_sequence_new(nullptr);
+    vector->first = nullptr;
     vector->size = size;
     vector->keep = keepFor(size, minPercentile);
     vector->count = 0;
