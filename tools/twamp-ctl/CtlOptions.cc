@@ -10,6 +10,7 @@
 #include <cstring>
 #include <limits>
 
+#include "OptionValues.h"
 #include "TwtsiSignals.h"
 
 namespace {
@@ -135,30 +136,8 @@ bool parseAddress(const std::string& text, CtlOptions& options, std::string& err
     return true;
 }
 
-bool parseTimeout(const std::string& text, double& seconds, std::string& error) {
-    errno = 0;
-    char* end = nullptr;
-    const double parsed = std::strtod(text.c_str(), &end);
-    // strtod skips leading blanks; a number given with them is refused all the same.
-    if (text.empty() || std::isspace(static_cast<unsigned char>(text[0])) != 0 || errno != 0 ||
-        *end != '\0' || !(parsed > 0.0) || parsed > 86400.0) {
-        error = "--timeout: '" + text + "' is not a number of seconds in (0, 86400]";
-        return false;
-    }
-    seconds = parsed;
-    return true;
-}
-
-// Takes the value of an option from the next argument.
-bool takeValue(const std::vector<std::string>& arguments, std::size_t& index, std::string& value,
-               std::string& error) {
-    if (index + 1 >= arguments.size()) {
-        error = arguments[index] + " needs a value";
-        return false;
-    }
-    value = arguments[++index];
-    return true;
-}
+// The longest a reply is waited for: a day.
+constexpr double kMaxTimeoutSeconds = 86400.0;
 
 // A number option in [minimum, maximum] stored into a field of type T.
 template <typename T>
@@ -247,23 +226,23 @@ bool parseCommandOptions(const std::vector<std::string>& arguments, std::size_t 
                                           options.command == CtlCommand::List)) {
             options.output = CtlOutput::Json;
         } else if (option == "--out" && options.command == CtlCommand::Plot) {
-            if (!takeValue(arguments, index, options.plotOut, error)) {
+            if (!takeOptionValue(arguments, index, options.plotOut, error)) {
                 return false;
             }
         } else if (option == "--from-csv" && options.command == CtlCommand::Plot) {
-            if (!takeValue(arguments, index, options.fromCsv, error)) {
+            if (!takeOptionValue(arguments, index, options.fromCsv, error)) {
                 return false;
             }
         } else if (option == "--csv" && options.command == CtlCommand::Counters) {
             options.output = CtlOutput::Csv;
         } else if (option == "--id" && options.command != CtlCommand::List) {
-            if (!takeValue(arguments, index, value, error) ||
+            if (!takeOptionValue(arguments, index, value, error) ||
                 !parseSessionId(value, options.sessionId, error)) {
                 return false;
             }
             options.sessionIdGiven = true;
         } else if (options.command == CtlCommand::Create) {
-            if (!takeValue(arguments, index, value, error) ||
+            if (!takeOptionValue(arguments, index, value, error) ||
                 !parseCreateOption(option, value, options, error)) {
                 return false;
             }
@@ -368,7 +347,7 @@ bool parseCtlOptions(const std::vector<std::string>& arguments, const std::strin
             return true;
         }
         if (argument == "--service") {
-            if (!takeValue(arguments, index, value, error)) {
+            if (!takeOptionValue(arguments, index, value, error)) {
                 return false;
             }
             if (value.empty()) {
@@ -377,8 +356,9 @@ bool parseCtlOptions(const std::vector<std::string>& arguments, const std::strin
             }
             options.service = value;
         } else if (argument == "--timeout") {
-            if (!takeValue(arguments, index, value, error) ||
-                !parseTimeout(value, options.timeoutSeconds, error)) {
+            if (!takeOptionValue(arguments, index, value, error) ||
+                !parseSecondsOption("--timeout", value, kMaxTimeoutSeconds, options.timeoutSeconds,
+                                    error)) {
                 return false;
             }
             options.timeoutGiven = true;

@@ -17,6 +17,7 @@
 #include "CountersFormatter.h"
 #include "CtlOptions.h"
 #include "ItcDaemonClient.h"
+#include "OptionValues.h"
 #include "SessionListFormatter.h"
 #include "TwampVersion.h"
 #include "TwtsiSignals.h"
@@ -316,9 +317,7 @@ int run(const CtlOptions& options) {
 
 int main(int argc, char* argv[]) {
     const std::vector<std::string> arguments(argv + 1, argv + argc);
-    const char* fromEnvironment = std::getenv("TWAMP_SERVICE");
-    const std::string defaultService =
-        fromEnvironment != nullptr && fromEnvironment[0] != '\0' ? fromEnvironment : "twamp";
+    const std::string defaultService = defaultServiceName();
     CtlOptions options;
     std::string error;
     if (!parseCtlOptions(arguments, defaultService, options, error)) {

@@ -5,17 +5,12 @@
 #include <cerrno>
 #include <cstdlib>
 
+#include "OptionValues.h"
+
 namespace {
 
-bool takeValue(const std::vector<std::string>& arguments, std::size_t& index, std::string& value,
-               std::string& error) {
-    if (index + 1 >= arguments.size()) {
-        error = arguments[index] + " needs a value";
-        return false;
-    }
-    value = arguments[++index];
-    return true;
-}
+// The longest one scrape waits for the daemon's counters.
+constexpr double kMaxTimeoutSeconds = 60.0;
 
 bool parseAddress(const std::string& text, std::string& address, std::string& error) {
     unsigned char bytes[16];
@@ -41,36 +36,25 @@ bool parsePort(const std::string& text, uint16_t& port, std::string& error) {
     return true;
 }
 
-bool parseTimeout(const std::string& text, double& seconds, std::string& error) {
-    char* end = nullptr;
-    errno = 0;
-    const double value = std::strtod(text.c_str(), &end);
-    if (text.empty() || text[0] < '0' || text[0] > '9' || errno != 0 || *end != '\0' ||
-        !(value > 0.0) || value > 60.0) {
-        error = "--timeout: '" + text + "' is not a number of seconds in (0, 60]";
-        return false;
-    }
-    seconds = value;
-    return true;
-}
-
 bool parseOption(const std::vector<std::string>& arguments, std::size_t& index,
                  ExporterOptions& options, std::string& error) {
     const std::string& option = arguments[index];
     std::string value;
     if (option == "--listen-address") {
-        return takeValue(arguments, index, value, error) &&
+        return takeOptionValue(arguments, index, value, error) &&
                parseAddress(value, options.listenAddress, error);
     }
     if (option == "--port") {
-        return takeValue(arguments, index, value, error) && parsePort(value, options.port, error);
+        return takeOptionValue(arguments, index, value, error) &&
+               parsePort(value, options.port, error);
     }
     if (option == "--timeout") {
-        return takeValue(arguments, index, value, error) &&
-               parseTimeout(value, options.timeoutSeconds, error);
+        return takeOptionValue(arguments, index, value, error) &&
+               parseSecondsOption("--timeout", value, kMaxTimeoutSeconds, options.timeoutSeconds,
+                                  error);
     }
     if (option == "--service") {
-        if (!takeValue(arguments, index, value, error)) {
+        if (!takeOptionValue(arguments, index, value, error)) {
             return false;
         }
         if (value.empty()) {

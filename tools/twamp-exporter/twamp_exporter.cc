@@ -12,6 +12,7 @@
 #include "ItcDaemonClient.h"
 #include "MetricsCollector.h"
 #include "MetricsHttpServer.h"
+#include "OptionValues.h"
 #include "SystemClock.h"
 
 #ifndef TWAMP_EXPORTER_VERSION
@@ -67,9 +68,7 @@ int serve(const ExporterOptions& options) {
 
 int main(int argc, char* argv[]) {
     const std::vector<std::string> arguments(argv + 1, argv + argc);
-    const char* fromEnvironment = std::getenv("TWAMP_SERVICE");
-    const std::string defaultService =
-        fromEnvironment != nullptr && fromEnvironment[0] != '\0' ? fromEnvironment : "twamp";
+    const std::string defaultService = defaultServiceName();
     ExporterOptions options;
     std::string error;
     if (!parseExporterOptions(arguments, defaultService, options, error)) {
