@@ -27,6 +27,7 @@
 #include "FakeSaLog.h"
 #include "IoMultiplexer.h"
 #include "ItcDispatcher.h"
+#include "LoopDaemon.h"
 #include "LoopHeartbeat.h"
 #include "LoopbackReflector.h"
 #include "PercentileVector.h"
@@ -141,22 +142,8 @@ class HighDescriptorSessionTest : public ::testing::Test {
     // loopback port.
     ::testing::AssertionResult startDaemon() {
         clock.jumpTo(kJustBeforeMinuteNs);
-        controller = TwampTestSessionController::getInstance(nullptr, &factory);
-        if (!controller->getUdpSocket().init("127.0.0.1", "0", false)) {
-            return ::testing::AssertionFailure() << "socket not bound";
-        }
-        if (!controller->getItcDispatcher()->init(kServiceName)) {
-            return ::testing::AssertionFailure() << "no mailbox";
-        }
-        heartbeat = std::make_unique<LoopHeartbeat>(controller->getIoMultiplexer(), kHeartbeatMs);
-        if (!heartbeat->isRunning()) {
-            return ::testing::AssertionFailure() << "no heartbeat timer";
-        }
-        daemonMailbox = itc_locate(kServiceName);
-        if (daemonMailbox == ITC_NO_ID) {
-            return ::testing::AssertionFailure() << "daemon mailbox not found";
-        }
-        return ::testing::AssertionSuccess();
+        return startLoopDaemon(factory, "127.0.0.1", kServiceName, kHeartbeatMs, controller,
+                               heartbeat, daemonMailbox);
     }
 
     // Takes every free descriptor below upTo, so that the next one opened is

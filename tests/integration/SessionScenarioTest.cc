@@ -30,6 +30,7 @@
 
 #include "IoMultiplexer.h"
 #include "ItcDispatcher.h"
+#include "LoopDaemon.h"
 #include "LoopHeartbeat.h"
 #include "LoopbackReflector.h"
 #include "ManagerMailbox.h"
@@ -294,22 +295,8 @@ class SessionScenarioTest : public ::testing::Test {
     // The daemon as its start-up builds it, with its socket bound to a free
     // port of address.
     ::testing::AssertionResult startDaemon(const char* address) {
-        controller = TwampTestSessionController::getInstance(nullptr, &factory);
-        if (!controller->getUdpSocket().init(address, "0", false)) {
-            return ::testing::AssertionFailure() << "socket not bound to " << address;
-        }
-        if (!controller->getItcDispatcher()->init(kServiceName)) {
-            return ::testing::AssertionFailure() << "no ITC";
-        }
-        heartbeat = std::make_unique<LoopHeartbeat>(controller->getIoMultiplexer(), kHeartbeatMs);
-        if (!heartbeat->isRunning()) {
-            return ::testing::AssertionFailure() << "no heartbeat timer";
-        }
-        daemonMailbox = itc_locate(kServiceName);
-        if (daemonMailbox == ITC_NO_ID) {
-            return ::testing::AssertionFailure() << "daemon mailbox not found";
-        }
-        return ::testing::AssertionSuccess();
+        return startLoopDaemon(factory, address, kServiceName, kHeartbeatMs, controller, heartbeat,
+                               daemonMailbox);
     }
 
     ::testing::AssertionResult startReflector(int family,
