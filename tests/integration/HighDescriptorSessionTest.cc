@@ -215,16 +215,7 @@ class HighDescriptorSessionTest : public ::testing::Test {
     // Drives the daemon's event loop until done() holds; false when the
     // step limit passes first or the loop fails.
     bool runUntil(const std::function<bool()>& done) {
-        const auto deadline = std::chrono::steady_clock::now() + kStepLimit;
-        while (!done()) {
-            if (std::chrono::steady_clock::now() > deadline) {
-                return false;
-            }
-            if (!controller->getIoMultiplexer().handleEvents()) {
-                return false;
-            }
-        }
-        return true;
+        return runLoopUntil(*controller, done, kStepLimit);
     }
 
     std::string runDirectory;

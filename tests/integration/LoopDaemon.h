@@ -1,9 +1,12 @@
-// The daemon of a scenario test, built as its start-up builds it: the
+// The daemon of a scenario test, built as its start-up builds it (the
 // controller with its socket bound to a free port, the dispatcher's mailbox,
-// and a heartbeat that keeps the loop turning while nothing else is due.
+// and a heartbeat that keeps the loop turning while nothing else is due), and
+// its event loop driven until a condition holds.
 #ifndef TWAMP_TESTS_LOOP_DAEMON_H
 #define TWAMP_TESTS_LOOP_DAEMON_H
 
+#include <chrono>
+#include <functional>
 #include <memory>
 
 #include <gtest/gtest.h>
@@ -42,6 +45,22 @@ inline ::testing::AssertionResult startLoopDaemon(TwampTestSessionFactory& facto
         return ::testing::AssertionFailure() << "daemon mailbox not found";
     }
     return ::testing::AssertionSuccess();
+}
+
+// Drives the daemon's event loop until done() holds; false when stepLimit
+// passes first or the loop fails.
+inline bool runLoopUntil(TwampTestSessionControllerInterface& controller,
+                         const std::function<bool()>& done, std::chrono::seconds stepLimit) {
+    const auto deadline = std::chrono::steady_clock::now() + stepLimit;
+    while (!done()) {
+        if (std::chrono::steady_clock::now() > deadline) {
+            return false;
+        }
+        if (!controller.getIoMultiplexer().handleEvents()) {
+            return false;
+        }
+    }
+    return true;
 }
 
 }  // namespace scenario_test

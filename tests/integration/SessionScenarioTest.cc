@@ -317,16 +317,7 @@ class SessionScenarioTest : public ::testing::Test {
     // Drives the daemon's event loop until done() holds; false when the
     // step limit passes first or the loop fails.
     bool runUntil(const std::function<bool()>& done) {
-        const auto deadline = std::chrono::steady_clock::now() + kStepLimit;
-        while (!done()) {
-            if (std::chrono::steady_clock::now() > deadline) {
-                return false;
-            }
-            if (!controller->getIoMultiplexer().handleEvents()) {
-                return false;
-            }
-        }
-        return true;
+        return runLoopUntil(*controller, done, kStepLimit);
     }
 
     bool runUntilShiftedTime(int64_t shifted) {
