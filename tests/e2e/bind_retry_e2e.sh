@@ -26,17 +26,11 @@ cleanup() {
         kill -KILL "$HOLDER_PID" 2>/dev/null || true
         wait "$HOLDER_PID" 2>/dev/null || true
     fi
-    stop_lab_processes KILL
-    private_lttng_stop
-    remove_scratch_namespaces
-    rm -rf "$WORK"
+    scratch_lab_stop "$WORK"
 }
 trap cleanup EXIT
 
-e2e_environment "$WORK"
-scratch_namespace "$NS"
-private_lttng_start "$WORK"
-private_lttng_session bind "$WORK/trace" 'com_quorin_tn_twamp:*'
+scratch_lab_start "$WORK" "$NS" bind
 
 ip netns exec "$NS" "$HOLDER" 127.0.0.1 "$PORT" 120 >"$WORK/holder.txt" &
 HOLDER_PID=$!

@@ -54,11 +54,7 @@ ECHO_OFFSET_MS=5
 cleanup() {
     stop_lab_processes
     private_lttng_stop
-    if [ "$KEEP_WORK" -eq 0 ]; then
-        rm -rf "$WORK"
-    else
-        echo "work directory kept: $WORK"
-    fi
+    discard_work "$WORK"
 }
 trap cleanup EXIT
 
@@ -138,19 +134,10 @@ for entry in "${REFLECTORS[@]}"; do
     check "reflector $port starts" start_reflector "$(truth_of "$port")" "$port" $options
 done
 
-fake_clock_init "$WORK/faketime"
-for entry in "${DAEMONS[@]}"; do
-    read -r daemon address port <<<"$entry"
-    check "daemon $daemon starts" start_daemon "$(service_of "$daemon")" "$address" "$port" \
-        "$WORK/log_$daemon"
-done
 # Sixteen creates by twamp-ctl take a few seconds on a host whose CPUs are
 # busy (each is a process of its own, started at the test's priority): all
 # must be done before the minute starts.
-fake_clock_start "$LEAD_SECONDS" 9
-MINUTE="$FAKE_MINUTE"
-BIN=$((MINUTE % 15))
-echo "daemons' clock: $LEAD_SECONDS s before minute $MINUTE (bin $BIN)"
+start_daemons_before_minute "$LEAD_SECONDS" 9
 
 offset=1
 for entry in "${SESSIONS[@]}"; do

@@ -21,18 +21,11 @@ SERVICE="e2e_svc_$$"
 PORT=18620
 
 cleanup() {
-    stop_lab_processes KILL
-    private_lttng_stop
-    remove_scratch_namespaces
-    rm -rf "$WORK"
+    scratch_lab_stop "$WORK"
 }
 trap cleanup EXIT
 
-e2e_environment "$WORK"
-scratch_namespace "$NS"
-
-private_lttng_start "$WORK"
-private_lttng_session e2e "$WORK/trace" 'com_quorin_tn_twamp:*'
+scratch_lab_start "$WORK" "$NS" e2e
 
 launch_daemon "$SERVICE" 127.0.0.1 "$PORT" "$NS" "$WORK/stderr"
 DAEMON_PID="$LAB_DAEMON_PID"

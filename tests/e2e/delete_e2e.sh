@@ -36,11 +36,7 @@ KEEP_WORK="${TWAMP_E2E_KEEP:-0}"
 cleanup() {
     stop_lab_processes
     private_lttng_stop
-    if [ "$KEEP_WORK" -eq 0 ]; then
-        rm -rf "$WORK"
-    else
-        echo "work directory kept: $WORK"
-    fi
+    discard_work "$WORK"
 }
 trap cleanup EXIT
 

@@ -45,11 +45,7 @@ cleanup() {
     fi
     stop_lab_processes
     private_lttng_stop
-    if [ "$KEEP_WORK" -eq 0 ]; then
-        rm -rf "$WORK"
-    else
-        echo "work directory kept: $WORK"
-    fi
+    discard_work "$WORK"
 }
 trap cleanup EXIT
 

@@ -68,11 +68,7 @@ cleanup() {
     done
     stop_lab_processes
     bash "$LAB" down >/dev/null 2>&1 || true
-    if [ "$KEEP_WORK" -eq 0 ]; then
-        rm -rf "$WORK"
-    else
-        echo "work directory kept: $WORK"
-    fi
+    discard_work "$WORK"
 }
 trap cleanup EXIT
 

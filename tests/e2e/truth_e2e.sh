@@ -51,11 +51,7 @@ LEAD_SECONDS=20
 cleanup() {
     stop_lab_processes
     private_lttng_stop
-    if [ "$KEEP_WORK" -eq 0 ]; then
-        rm -rf "$WORK"
-    else
-        echo "work directory kept: $WORK"
-    fi
+    discard_work "$WORK"
 }
 trap cleanup EXIT
 
@@ -117,19 +113,10 @@ for entry in "${SESSIONS[@]}"; do
     check "reflector $name starts" start_reflector "$WORK/$name.jsonl" "$port" $options
 done
 
-fake_clock_init "$WORK/faketime"
-for entry in "${DAEMONS[@]}"; do
-    read -r daemon address port <<<"$entry"
-    check "daemon $daemon starts" start_daemon "$(service_of "$daemon")" "$address" "$port" \
-        "$WORK/log_$daemon"
-done
 # A dozen creates by twamp-ctl take seconds on a host whose CPUs are busy
 # (each is a process of its own, at the test's share of the CPUs): all must
 # be done before the minute starts.
-fake_clock_start "$LEAD_SECONDS" 5
-MINUTE="$FAKE_MINUTE"
-BIN=$((MINUTE % 15))
-echo "daemons' clock: $LEAD_SECONDS s before minute $MINUTE (bin $BIN)"
+start_daemons_before_minute "$LEAD_SECONDS" 5
 
 offset=1
 for entry in "${SESSIONS[@]}"; do

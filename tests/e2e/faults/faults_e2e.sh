@@ -78,11 +78,7 @@ cleanup() {
     stop_lab_processes
     private_lttng_stop
     bash "$LAB_SH" down >/dev/null 2>&1 || true
-    if [ "$KEEP_WORK" -eq 0 ]; then
-        rm -rf "$WORK"
-    else
-        echo "work directory kept: $WORK"
-    fi
+    discard_work "$WORK"
 }
 trap cleanup EXIT
 

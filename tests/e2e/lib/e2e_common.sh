@@ -52,3 +52,14 @@ e2e_finish() {
     echo "all checks passed"
     exit 0
 }
+
+# Deletes the work directory at the end of a test, or says where it is kept
+# when KEEP_WORK is not 0 (TWAMP_E2E_KEEP, or a failed check).
+discard_work() {
+    local work="$1"
+    if [ "${KEEP_WORK:-0}" -eq 0 ]; then
+        rm -rf "$work"
+    else
+        echo "work directory kept: $work"
+    fi
+}

@@ -121,6 +121,24 @@ fake_clock_start() {
     fake_clock_write "$(printf '%+ds' "$FAKE_CLOCK_OFFSET")"
 }
 
+# Starts the daemons of DAEMONS ("name address port" each, service_of NAME
+# their mailbox, WORK/log_NAME their logs) on one fake clock, then places
+# that clock lead seconds before the next minute in bin bin of its interval;
+# MINUTE and BIN say which minute that is.
+start_daemons_before_minute() {
+    local lead="$1" bin="$2" entry daemon address port
+    fake_clock_init "$WORK/faketime"
+    for entry in "${DAEMONS[@]}"; do
+        read -r daemon address port <<<"$entry"
+        check "daemon $daemon starts" start_daemon "$(service_of "$daemon")" "$address" "$port" \
+            "$WORK/log_$daemon"
+    done
+    fake_clock_start "$lead" "$bin"
+    MINUTE="$FAKE_MINUTE"
+    BIN=$((MINUTE % 15))
+    echo "daemons' clock: $lead s before minute $MINUTE (bin $BIN)"
+}
+
 fake_now() {
     local real
     real="$(date +%s.%N)"
@@ -251,4 +269,25 @@ counters_json() {
 # request_lines TRUTH: the number of requests the reflector has seen.
 request_lines() {
     grep -cE '"event":"(fwd_loss|rev_loss|reply|send_error)"' "$1" || true
+}
+
+# The set-up of a test whose daemon runs in a scratch namespace of its own:
+# the test environment in work, the namespace ns, and a private trace session
+# name recording the daemon's events into work/trace.
+scratch_lab_start() {
+    local work="$1" ns="$2" name="$3"
+    e2e_environment "$work"
+    scratch_namespace "$ns"
+    private_lttng_start "$work"
+    private_lttng_session "$name" "$work/trace" 'com_quorin_tn_twamp:*'
+}
+
+# Its tear-down: the lab's processes killed, the trace daemon stopped, the
+# scratch namespaces removed and work deleted.
+scratch_lab_stop() {
+    local work="$1"
+    stop_lab_processes KILL
+    private_lttng_stop
+    remove_scratch_namespaces
+    rm -rf "$work"
 }
