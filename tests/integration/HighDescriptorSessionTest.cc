@@ -172,18 +172,10 @@ class HighDescriptorSessionTest : public ::testing::Test {
 
     // Sends a create for the session named label, towards the reflector.
     bool sendCreate(const char* label) {
-        union itc_msg* msg =
-            itc_alloc(sizeof(twtsiCreateTwampTestSession), TWTSI_CREATE_TWAMP_TEST_SESSION);
+        union itc_msg* msg = createSignalTowards(*reflector, keyOf(label).bytes, 10, 64, 0);
         if (msg == nullptr) {
             return false;
         }
-        twtsiCreateTwampTestSession& create = msg->twtsiCreateTwampTestSession;
-        const std::string address = reflector->getAddressText();
-        std::memcpy(create.dstIpAddress, address.c_str(), address.size() + 1);
-        create.dstUdpPort = reflector->getPort();
-        std::memcpy(create.sessionId, keyOf(label).bytes, sizeof(create.sessionId));
-        create.packetsPerSecond = 10;
-        create.packetSize = 64;
         // No reply comes for a create: any sender will do.
         return itc_send(&msg, daemonMailbox, ITC_NO_ID) == 0;
     }

@@ -6,15 +6,20 @@
 #define TWAMP_TESTS_LOOP_DAEMON_H
 
 #include <chrono>
+#include <cstdint>
+#include <cstring>
 #include <functional>
 #include <memory>
+#include <string>
 
 #include <gtest/gtest.h>
 
 #include "ItcDispatcher.h"
 #include "LoopHeartbeat.h"
+#include "LoopbackReflector.h"
 #include "TwampTestSessionController.h"
 #include "TwampTestSessionFactory.h"
+#include "TwtsiSignals.h"
 #include "UdpSocket.h"
 #include "itc.h"
 
@@ -45,6 +50,28 @@ inline ::testing::AssertionResult startLoopDaemon(TwampTestSessionFactory& facto
         return ::testing::AssertionFailure() << "daemon mailbox not found";
     }
     return ::testing::AssertionSuccess();
+}
+
+// A create signal for the session whose identifier is sessionId (its
+// TWTSI_SESSION_ID_SIZE bytes), towards reflector, at packetsPerSecond with
+// packets of packetSize bytes and dscp; null when none could be allocated.
+inline union itc_msg* createSignalTowards(const LoopbackReflector& reflector,
+                                          const uint8_t* sessionId, uint32_t packetsPerSecond,
+                                          int32_t packetSize, uint32_t dscp) {
+    union itc_msg* msg =
+        itc_alloc(sizeof(twtsiCreateTwampTestSession), TWTSI_CREATE_TWAMP_TEST_SESSION);
+    if (msg == nullptr) {
+        return nullptr;
+    }
+    twtsiCreateTwampTestSession& create = msg->twtsiCreateTwampTestSession;
+    const std::string address = reflector.getAddressText();
+    std::memcpy(create.dstIpAddress, address.c_str(), address.size() + 1);
+    create.dstUdpPort = reflector.getPort();
+    std::memcpy(create.sessionId, sessionId, sizeof(create.sessionId));
+    create.packetsPerSecond = packetsPerSecond;
+    create.dscp = dscp;
+    create.packetSize = packetSize;
+    return msg;
 }
 
 // Drives the daemon's event loop until done() holds; false when stepLimit

@@ -358,19 +358,11 @@ class SessionScenarioTest : public ::testing::Test {
     }
 
     bool sendCreate() {
-        union itc_msg* msg =
-            itc_alloc(sizeof(twtsiCreateTwampTestSession), TWTSI_CREATE_TWAMP_TEST_SESSION);
+        union itc_msg* msg = createSignalTowards(*reflector, sessionId, kPacketsPerSecond,
+                                                 kPacketSize, kSessionDscp);
         if (msg == nullptr) {
             return false;
         }
-        twtsiCreateTwampTestSession& create = msg->twtsiCreateTwampTestSession;
-        const std::string address = reflector->getAddressText();
-        std::memcpy(create.dstIpAddress, address.c_str(), address.size() + 1);
-        create.dstUdpPort = reflector->getPort();
-        std::memcpy(create.sessionId, sessionId, sizeof(create.sessionId));
-        create.packetsPerSecond = kPacketsPerSecond;
-        create.dscp = kSessionDscp;
-        create.packetSize = kPacketSize;
         return manager.send(msg, daemonMailbox);
     }
 
