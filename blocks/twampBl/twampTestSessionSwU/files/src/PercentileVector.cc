@@ -15,7 +15,7 @@ struct PercentileVectorRecord {
     GSequence* samples;
     // The first (largest) entry, null while there is none. Kept here because
     // the sequence finds its first node by climbing to the root and down
-    // again, which on every add was a tenth of the daemon's time at high rates.
+    // again: two walks of the tree's height on every add.
     GSequenceIter* first;
     uint32_t size;   // most samples that may be added before a read
     uint32_t keep;   // entries retained
