@@ -237,13 +237,6 @@ void MinuteOracle::replyOfIncarnation(uint32_t replyIncarnation, int64_t nowNs) 
     restartsUnseen.clear();
 }
 
-void MinuteOracle::reflectorClockStepped(int64_t nowNs, int64_t stepNs) {
-    // A step of up to 4 s moves the one-way delays within the bound.
-    if (stepNs > 4 * kSecond || stepNs < -4 * kSecond) {
-        largeReflectorClockSteps.push_back(nowNs);
-    }
-}
-
 void MinuteOracle::disturbance(int64_t fromNs, int64_t toNs, const std::string& what) {
     disturbances.push_back({fromNs, toNs, what});
 }
@@ -264,18 +257,7 @@ MinuteVerdict MinuteOracle::judge(const MinuteKey& key) const {
     MinuteVerdict verdict;
     const MinuteTruth& minute = minuteTruths.at(key);
     const std::vector<const PacketTruth*> sent = packetsOf(minute);
-    bool reflectorClockSet = false;
-    for (int64_t stepNs : largeReflectorClockSteps) {
-        reflectorClockSet |= stepNs >= minute.startNs - kDisturbanceMarginNs &&
-                             stepNs <= minute.endNs + kDisturbanceMarginNs;
-    }
     verdict.reason = disturbanceNear(minute);
-    // Which pairs of packets give IPDV samples, and so whether the step
-    // shows as an IPDV beyond 4 s, depends on the order of analysis.
-    if (verdict.reason.empty() && reflectorClockSet && !analysedInOrder(sent)) {
-        verdict.reason =
-            "the reflector's clock was set by more than 4 s and packets were analysed out of order";
-    }
     if (verdict.reason.empty() && minute.crossedAtReflector) {
         verdict.reason = "its packets crossed those of a minute around it on the way out";
     }
@@ -322,7 +304,7 @@ MinuteExpectation MinuteOracle::expect(const MinuteKey& key, const MinuteVerdict
     // Every duplicate of the simulation is a reply doubled on its way back.
     values.push_back({PmCounter::duplicatePktsFwd, 0});
     values.push_back({PmCounter::duplicatePktsRev, duplicates});
-    expectSampleCounters(sent, verdict, expectation);
+    expectSampleCounters(sent, expectation);
     if (verdict.inOrder) {
         expectDirections(sent, expectation);
     }
@@ -340,9 +322,23 @@ MinuteExpectation MinuteOracle::expect(const MinuteKey& key, const MinuteVerdict
     return expectation;
 }
 
+template <typename Visit>
+void MinuteOracle::forEachIpdvPair(const std::vector<const PacketTruth*>& sent, Visit visit) {
+    // A packet gives IPDV samples against the one before it in sequence
+    // when both were answered and that one was analysed first.
+    for (std::size_t index = 1; index < sent.size(); ++index) {
+        const PacketTruth& previous = *sent[index - 1];
+        const PacketTruth& packet = *sent[index];
+        if (previous.copiesDelivered == 0 || packet.copiesDelivered == 0 ||
+            previous.readyOrder > packet.readyOrder) {
+            continue;
+        }
+        visit(previous, packet);
+    }
+}
+
 void MinuteOracle::expectSampleCounters(const std::vector<const PacketTruth*>& sent,
-                                        const MinuteVerdict& verdict,
-                                        MinuteExpectation& expectation) const {
+                                        MinuteExpectation& expectation) {
     std::vector<uint64_t> roundTrips;
     Range dscp;
     Range ttlFwd;
@@ -379,32 +375,26 @@ void MinuteOracle::expectSampleCounters(const std::vector<const PacketTruth*>& s
     expectRange(dscp, PmCounter::dscpRevMin, PmCounter::dscpRevMax);
     expectRange(ttlFwd, PmCounter::ttlFwdMin, PmCounter::ttlFwdMax);
     expectRange(ttlRev, PmCounter::ttlRevMin, PmCounter::ttlRevMax);
-    if (verdict.inOrder) {
-        expectIpdv(sent, expectation);
-    }
+    expectIpdv(sent, expectation);
 }
 
 void MinuteOracle::expectIpdv(const std::vector<const PacketTruth*>& sent,
                               MinuteExpectation& expectation) {
     // The increase of each one-way delay from one packet to the next
-    // sequence number, where both were answered; decreases are not samples.
+    // sequence number; decreases are not samples.
     std::vector<uint64_t> forward;
     std::vector<uint64_t> reverse;
-    for (std::size_t index = 1; index < sent.size(); ++index) {
-        const PacketTruth& previous = *sent[index - 1];
-        const PacketTruth& packet = *sent[index];
-        if (previous.copiesDelivered == 0 || packet.copiesDelivered == 0) {
-            continue;
-        }
-        const int64_t forwardIncrease = forwardDelayOf(packet) - forwardDelayOf(previous);
-        const int64_t reverseIncrease = reverseDelayOf(packet) - reverseDelayOf(previous);
-        if (forwardIncrease >= 0) {
-            forward.push_back(static_cast<uint64_t>(forwardIncrease));
-        }
-        if (reverseIncrease >= 0) {
-            reverse.push_back(static_cast<uint64_t>(reverseIncrease));
-        }
-    }
+    forEachIpdvPair(
+        sent, [&forward, &reverse](const PacketTruth& previous, const PacketTruth& packet) {
+            const int64_t forwardIncrease = forwardDelayOf(packet) - forwardDelayOf(previous);
+            const int64_t reverseIncrease = reverseDelayOf(packet) - reverseDelayOf(previous);
+            if (forwardIncrease >= 0) {
+                forward.push_back(static_cast<uint64_t>(forwardIncrease));
+            }
+            if (reverseIncrease >= 0) {
+                reverse.push_back(static_cast<uint64_t>(reverseIncrease));
+            }
+        });
     expectStatistics(forward, PmCounter::ipdvFwdAvg, PmCounter::ipdvFwdMax, PmCounter::ipdvFwdMin,
                      PmCounter::ipdvFwdP95, PmCounter::ipdvFwdP98, PmCounter::ipdvFwdP99,
                      expectation);
@@ -603,28 +593,19 @@ std::string MinuteOracle::unfinishedPacket(const std::vector<const PacketTruth*>
 }
 
 bool MinuteOracle::beyondFourSeconds(const std::vector<const PacketTruth*>& sent) {
-    // A round trip, or (analysed in order, so that the samples are the
-    // increases from one answered packet to the next) an increase of a
-    // one-way delay, beyond 4 s: only a reflector clock that was set does that.
-    const bool inOrder = analysedInOrder(sent);
-    for (std::size_t index = 0; index < sent.size(); ++index) {
-        const PacketTruth& packet = *sent[index];
-        if (packet.copiesDelivered == 0) {
-            continue;
-        }
-        if (roundTripOf(packet) > kFourSecondsInMicroseconds) {
-            return true;
-        }
-        if (!inOrder || index == 0 || sent[index - 1]->copiesDelivered == 0) {
-            continue;
-        }
-        const PacketTruth& previous = *sent[index - 1];
-        if (forwardDelayOf(packet) - forwardDelayOf(previous) > kFourSecondsInMicroseconds ||
-            reverseDelayOf(packet) - reverseDelayOf(previous) > kFourSecondsInMicroseconds) {
+    // A round trip, or an increase of a one-way delay, beyond 4 s: only a
+    // reflector clock that was set does that.
+    for (const PacketTruth* packet : sent) {
+        if (packet->copiesDelivered > 0 && roundTripOf(*packet) > kFourSecondsInMicroseconds) {
             return true;
         }
     }
-    return false;
+    bool beyond = false;
+    forEachIpdvPair(sent, [&beyond](const PacketTruth& previous, const PacketTruth& packet) {
+        beyond |= forwardDelayOf(packet) - forwardDelayOf(previous) > kFourSecondsInMicroseconds ||
+                  reverseDelayOf(packet) - reverseDelayOf(previous) > kFourSecondsInMicroseconds;
+    });
+    return beyond;
 }
 
 bool MinuteOracle::analysedInOrder(const std::vector<const PacketTruth*>& sent) {

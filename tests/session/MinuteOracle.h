@@ -47,8 +47,6 @@ class MinuteOracle {
     void reflectorRestarted(int64_t nowNs);
     // The session was handed a reply of the reflector's incarnation-th life.
     void replyOfIncarnation(uint32_t incarnation, int64_t nowNs);
-    // The reflector's clock was set by stepNs at true time nowNs.
-    void reflectorClockStepped(int64_t nowNs, int64_t stepNs);
     // Something happened between true times fromNs and toNs that the
     // minutes around it cannot be compared across.
     void disturbance(int64_t fromNs, int64_t toNs, const std::string& what);
@@ -83,11 +81,13 @@ class MinuteOracle {
     static std::string unfinishedPacket(const std::vector<const PacketTruth*>& packets);
     static bool analysedInOrder(const std::vector<const PacketTruth*>& packets);
     static bool beyondFourSeconds(const std::vector<const PacketTruth*>& packets);
+    template <typename Visit>
+    static void forEachIpdvPair(const std::vector<const PacketTruth*>& packets, Visit visit);
     static bool gapsLostOneWay(const std::vector<const PacketTruth*>& packets);
     void markCrossing(uint64_t minuteIndex);
     void markCrossingOfStragglers();
-    void expectSampleCounters(const std::vector<const PacketTruth*>& packets,
-                              const MinuteVerdict& verdict, MinuteExpectation& expectation) const;
+    static void expectSampleCounters(const std::vector<const PacketTruth*>& packets,
+                                     MinuteExpectation& expectation);
     static void expectIpdv(const std::vector<const PacketTruth*>& packets,
                            MinuteExpectation& expectation);
     static void expectDirections(const std::vector<const PacketTruth*>& packets,
@@ -104,8 +104,6 @@ class MinuteOracle {
     // into disturbances; the reflector's current incarnation.
     std::vector<std::size_t> restartsUnseen;
     uint32_t incarnation = 0;
-    // When the reflector's clock was set by more than 4 s.
-    std::vector<int64_t> largeReflectorClockSteps;
     uint64_t nextSerial = 1;
     uint64_t nextMinuteIndex = 1;
     uint64_t deliveries = 0;

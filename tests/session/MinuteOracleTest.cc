@@ -151,6 +151,49 @@ TEST_F(MinuteOracleTest, IpdvBeyondFourSecondsInvalidates) {
     EXPECT_EQ(PmPeriodRecord::kNotAvailable, values[PmCounter::ipdvFwdMax]);
 }
 
+// Out of order, a packet still gives IPDV samples against the one before it
+// in sequence when that one was analysed first; an increase beyond 4 s
+// between such a pair invalidates the minute although other packets
+// overtook each other.
+TEST_F(MinuteOracleTest, IpdvBeyondFourSecondsOutOfOrderInvalidates) {
+    send(3);
+    for (uint32_t seqNo = 0; seqNo < 3; ++seqNo) {
+        reflect(seqNo, 10 + seqNo);
+    }
+    reply(1, 2, 2);
+    reply(0, 2, 2);
+    // Packet 2 pairs with packet 1, analysed before it; the reflector's
+    // clock jumped 5 s ahead in between.
+    const uint64_t t1Prime = t1Of(2) + kUnit;
+    const uint64_t t2 = t1Prime + 2 * kUnit + (uint64_t{5} << 32);
+    oracle.replyOnItsWay(2);
+    oracle.replyDelivered(2, t2, t2 + kUnit, t1Prime + 5 * kUnit, 64, 60, 46);
+    const MinuteVerdict verdict = oracle.judge(kMinute);
+    ASSERT_TRUE(verdict.clean);
+    ASSERT_FALSE(verdict.inOrder);
+    EXPECT_TRUE(oracle.expect(kMinute, verdict).invalidated);
+}
+
+// A packet analysed before the one in front of it in sequence gives no
+// IPDV sample against it.
+TEST_F(MinuteOracleTest, PairAnalysedInReverseGivesNoIpdv) {
+    send(3);
+    for (uint32_t seqNo = 0; seqNo < 3; ++seqNo) {
+        reflect(seqNo, 10 + seqNo);
+    }
+    reply(1, 4, 2);
+    reply(0, 2, 2);
+    reply(2, 5, 3);
+    const MinuteVerdict verdict = oracle.judge(kMinute);
+    ASSERT_TRUE(verdict.clean);
+    ASSERT_FALSE(verdict.inOrder);
+    auto values = expected(verdict);
+    // Only 1 -> 2 pairs: one forward and one reverse increase of one unit.
+    EXPECT_EQ(15625, values[PmCounter::ipdvFwdMax]);
+    EXPECT_EQ(15625, values[PmCounter::ipdvFwdMin]);
+    EXPECT_EQ(15625, values[PmCounter::ipdvRevMax]);
+}
+
 // A forward delay that turns negative is a decrease, not an IPDV sample.
 TEST_F(MinuteOracleTest, ForwardDelayTurningNegativeIsNoSample) {
     send(2);

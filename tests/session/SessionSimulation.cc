@@ -254,9 +254,8 @@ void SessionSimulation::dispatch(Event& event) {
             break;
         case EventKind::kReflectorClockStep:
             // T2 and T3 jump alike: the round trip stays, the one-way delays
-            // and so the IPDV see the step.
+            // and so the IPDV see the step, which the oracle reads from them.
             reflector.stepClock(event.amountNs);
-            oracle.reflectorClockStepped(nowNs, event.amountNs);
             break;
         case EventKind::kRestart:
             reflector.restart(nowNs, event.amountNs);
