@@ -1,11 +1,12 @@
 // The process-wide controller of the benchmarks: the real multiplexer (never
-// run), an unbound IPv4 socket, the real random source and the real socket
-// helper, no dispatcher and no registry. Sessions reach it through
+// run), an unbound IPv4 socket, the real random source, socket helper and
+// finalisation pacer, no dispatcher and no registry. Sessions reach it through
 // TwampTestSessionController::getInstance() exactly as in the daemon.
 #ifndef TWAMP_BENCH_BENCH_CONTROLLER_H
 #define TWAMP_BENCH_BENCH_CONTROLLER_H
 
 #include "BenchUdpSocket.h"
+#include "FinalisationPacer.h"
 #include "IoMultiplexer.h"
 #include "RandomFd.h"
 #include "SocketHelper.h"
@@ -23,6 +24,7 @@ class BenchController : public TwampTestSessionControllerInterface {
     UdpSocket& getUdpSocket() override { return udpSocket; }
     RandomFd& getRandomFd() override { return randomFd; }
     SocketHelper& getSocketHelper() override { return socketHelper; }
+    FinalisationPacer& getFinalisationPacer() override { return finalisationPacer; }
     void addTwampTestSession(const SessionKey& /*key*/, TwampTestSession* /*session*/) override {}
     void deleteTwampTestSession(const SessionKey& /*key*/) override {}
     TwampTestSession* getTwampTestSession(const SessionKey& /*key*/) override { return nullptr; }
@@ -34,6 +36,7 @@ class BenchController : public TwampTestSessionControllerInterface {
     BenchUdpSocket udpSocket;
     RandomFd randomFd;
     SocketHelper socketHelper;
+    FinalisationPacer finalisationPacer;
 };
 
 #endif  // TWAMP_BENCH_BENCH_CONTROLLER_H

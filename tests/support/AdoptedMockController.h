@@ -1,11 +1,12 @@
 // A mock controller adopted as the process-wide instance for the lifetime of
 // this object, handing out the mock multiplexer and socket and a real random
-// source. Sessions and dispatchers must be gone before it is.
+// source and finalisation pacer. Sessions and dispatchers must be gone before it is.
 #ifndef TWAMP_TESTS_ADOPTED_MOCK_CONTROLLER_H
 #define TWAMP_TESTS_ADOPTED_MOCK_CONTROLLER_H
 
 #include <gmock/gmock.h>
 
+#include "FinalisationPacer.h"
 #include "MockIoMultiplexer.h"
 #include "MockTwampTestSessionController.h"
 #include "MockUdpSocket.h"
@@ -24,6 +25,8 @@ class AdoptedMockController {
             .WillByDefault(::testing::Return(true));
         ON_CALL(controller, getUdpSocket()).WillByDefault(::testing::ReturnRef(udpSocket));
         ON_CALL(controller, getRandomFd()).WillByDefault(::testing::ReturnRef(randomFd));
+        ON_CALL(controller, getFinalisationPacer())
+            .WillByDefault(::testing::ReturnRef(finalisationPacer));
         TwampTestSessionController::resetInstanceForTest();
         TwampTestSessionController::getInstance(&controller);
     }
@@ -34,6 +37,7 @@ class AdoptedMockController {
     ::testing::NiceMock<MockIoMultiplexer> multiplexer;
     ::testing::NiceMock<MockUdpSocket> udpSocket;
     RandomFd randomFd;
+    FinalisationPacer finalisationPacer;
     ::testing::NiceMock<MockTwampTestSessionController> controller;
 };
 

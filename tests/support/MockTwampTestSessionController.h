@@ -16,6 +16,7 @@ class MockTwampTestSessionController : public TwampTestSessionControllerInterfac
     MOCK_METHOD(UdpSocket&, getUdpSocket, (), (override));
     MOCK_METHOD(RandomFd&, getRandomFd, (), (override));
     MOCK_METHOD(SocketHelper&, getSocketHelper, (), (override));
+    MOCK_METHOD(FinalisationPacer&, getFinalisationPacer, (), (override));
     MOCK_METHOD(void, addTwampTestSession, (const SessionKey& key, TwampTestSession* session),
                 (override));
     MOCK_METHOD(void, deleteTwampTestSession, (const SessionKey& key), (override));

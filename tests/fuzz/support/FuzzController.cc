@@ -68,6 +68,10 @@ SocketHelper& FuzzController::getSocketHelper() {
     return socketHelper;
 }
 
+FinalisationPacer& FuzzController::getFinalisationPacer() {
+    return finalisationPacer;
+}
+
 // The first session of a key stays, as in the daemon.
 void FuzzController::addTwampTestSession(const SessionKey& key, TwampTestSession* session) {
     if (sessions.count(key) != 0) {
@@ -134,6 +138,7 @@ void FuzzController::startInput() {
     sessionSystemCalls.setExpiries(1);
     clock.set(kStartSeconds, 0);
     udpSocket = &udpSocket4;
+    finalisationPacer = FinalisationPacer();
 }
 
 void FuzzController::finishInput() {

@@ -9,6 +9,7 @@
 #include <map>
 #include <memory>
 
+#include "FinalisationPacer.h"
 #include "FuzzClock.h"
 #include "FuzzSessionFactory.h"
 #include "FuzzSessionSystemCalls.h"
@@ -38,6 +39,7 @@ class FuzzController : public TwampTestSessionControllerInterface {
     UdpSocket& getUdpSocket() override;
     RandomFd& getRandomFd() override;
     SocketHelper& getSocketHelper() override;
+    FinalisationPacer& getFinalisationPacer() override;
     void addTwampTestSession(const SessionKey& key, TwampTestSession* session) override;
     void deleteTwampTestSession(const SessionKey& key) override;
     TwampTestSession* getTwampTestSession(const SessionKey& key) override;
@@ -94,6 +96,7 @@ class FuzzController : public TwampTestSessionControllerInterface {
     UdpSocket* udpSocket = &udpSocket4;
     RandomFd randomFd{"/dev/null"};
     SocketHelper socketHelper;
+    FinalisationPacer finalisationPacer;
     std::map<SessionKey, std::unique_ptr<TwampTestSession>> sessions;
 };
 

@@ -12,6 +12,7 @@
 #include <stdexcept>
 #include <vector>
 
+#include "FinalisationPacer.h"
 #include "IoMultiplexer.h"
 #include "ItcDispatcher.h"
 #include "MinuteArithmetic.h"
@@ -378,6 +379,7 @@ bool TwampTestSession::setAndStartTimer() {
     pendingMinuteStarted[parityOf(firstMinute)] = 0;
     currentMinute = minuteOf(now);
     lastTickMinute = currentMinute;
+    finalisationDueSinceNs = -1;
     return true;
 }
 
@@ -448,10 +450,41 @@ void TwampTestSession::runExpiry(const struct timespec& now) {
     // Signed and truncating toward zero, like the seconds it is computed from.
     const uint32_t tickMinute =
         static_cast<uint32_t>((now.tv_sec - kReplyWaitSeconds) / kSecondsPerMinute);
-    if (tickMinute != lastTickMinute && !holdMinuteTick) {
+    if (tickMinute != lastTickMinute && !holdMinuteTick && mayFinaliseNow()) {
         lastTickMinute = tickMinute;
-        minuteTick(tickMinute);
+        finaliseAtPace(tickMinute);
     }
+}
+
+bool TwampTestSession::mayFinaliseNow() {
+    int64_t nowNs = 0;
+    if (!readMonotonicNs(nowNs)) {
+        return true;  // without a clock to pace by, finalise at once
+    }
+    if (finalisationDueSinceNs < 0) {
+        finalisationDueSinceNs = nowNs;
+    }
+    return controller().getFinalisationPacer().mayFinalise(nowNs, finalisationDueSinceNs);
+}
+
+void TwampTestSession::finaliseAtPace(uint32_t tickMinute) {
+    finalisationDueSinceNs = -1;
+    int64_t startNs = 0;
+    const bool started = readMonotonicNs(startNs);
+    minuteTick(tickMinute);
+    int64_t endNs = 0;
+    if (started && readMonotonicNs(endNs)) {
+        controller().getFinalisationPacer().finalised(startNs, endNs);
+    }
+}
+
+bool TwampTestSession::readMonotonicNs(int64_t& nowNs) {
+    struct timespec now;
+    if (!clock.getMonotonic(&now)) {
+        return false;
+    }
+    nowNs = static_cast<int64_t>(now.tv_sec) * 1000000000 + now.tv_nsec;
+    return true;
 }
 
 void TwampTestSession::startMinute(uint32_t minute) {

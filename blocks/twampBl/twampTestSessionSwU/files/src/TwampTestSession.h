@@ -140,6 +140,12 @@ class TwampTestSession : public IoHandler, public MessageReceiver {
     void handleTimerReadFailure();
     void runExpiry(const struct timespec& now);
     void startMinute(uint32_t minute);
+    // Whether the minute tick due now may run, or waits for the next expiry
+    // because another session's finalisation has just held the loop.
+    bool mayFinaliseNow();
+    // Runs the minute tick and tells the pacer how long it took.
+    void finaliseAtPace(uint32_t tickMinute);
+    bool readMonotonicNs(int64_t& nowNs);
     void minuteTick(uint32_t minute);
     SentPacket* findSentPacket(int parity, uint32_t seqNo);
     static bool isComplete(const OutstandingPacket& reply, const SentPacket& sent, Arrival arrival);
@@ -229,6 +235,9 @@ class TwampTestSession : public IoHandler, public MessageReceiver {
     bool statelessReflectorReported = false;
     uint32_t currentMinute = 0;
     uint32_t lastTickMinute = 0;
+    // Since when (monotonic) the minute tick waits for the pacer; -1 while
+    // no tick is due.
+    int64_t finalisationDueSinceNs = -1;
     union itc_msg* pendingPmReply = nullptr;
     uint8_t recordComplete[kRecordCount] = {1, 1};
     PmPeriodRecord records[kRecordCount];

@@ -62,6 +62,10 @@ SocketHelper& TwampTestSessionController::getSocketHelper() {
     return socketHelper;
 }
 
+FinalisationPacer& TwampTestSessionController::getFinalisationPacer() {
+    return finalisationPacer;
+}
+
 void TwampTestSessionController::addTwampTestSession(const SessionKey& key,
                                                      TwampTestSession* session) {
     // The first session of a key stays; a later one keeps running unregistered.

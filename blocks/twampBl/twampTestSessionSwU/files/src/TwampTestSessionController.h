@@ -1,5 +1,6 @@
 // The daemon's single root object: the multiplexer, the ITC dispatcher, the
-// shared UDP socket, the random source, the socket helper and the registry
+// shared UDP socket, the random source, the socket helper, the finalisation
+// pacer and the registry
 // of test sessions by their 16-byte key. Everything else reaches these parts
 // through the process-wide instance of getInstance().
 #ifndef TWAMP_TEST_SESSION_CONTROLLER_H
@@ -9,6 +10,7 @@
 #include <memory>
 
 #include "EpollPoller.h"
+#include "FinalisationPacer.h"
 #include "IoMultiplexer.h"
 #include "RandomFd.h"
 #include "SessionKey.h"
@@ -44,6 +46,7 @@ class TwampTestSessionController : public TwampTestSessionControllerInterface {
     UdpSocket& getUdpSocket() override;
     RandomFd& getRandomFd() override;
     SocketHelper& getSocketHelper() override;
+    FinalisationPacer& getFinalisationPacer() override;
     void addTwampTestSession(const SessionKey& key, TwampTestSession* session) override;
     void deleteTwampTestSession(const SessionKey& key) override;
     TwampTestSession* getTwampTestSession(const SessionKey& key) override;
@@ -58,6 +61,7 @@ class TwampTestSessionController : public TwampTestSessionControllerInterface {
     UdpSocket udpSocket;
     RandomFd randomFd;
     SocketHelper socketHelper;
+    FinalisationPacer finalisationPacer;
     std::map<SessionKey, std::unique_ptr<TwampTestSession>> sessions;
 };
 
