@@ -162,6 +162,19 @@ TEST_F(TwampTestSessionPacingTest, HeldCountersReplyWaitsWithTheFinalisation) {
     Mock::VerifyAndClearExpectations(&dispatcher);
 }
 
+// The ring of outstanding packets holds a minute, its 4 s of late replies
+// and the longest wait of its finalisation without growing: a ring that grew
+// would copy itself in the busiest second (at 1000 packets/s 1.5 MiB per
+// session).
+TEST_F(TwampTestSessionPacingTest, RingHoldsTheLongestWaitWithoutGrowing) {
+    for (const uint32_t rate : {1U, 10U, 100U, 1000U, 5000U}) {
+        auto session = makeSession(rate);
+        const double seconds = 60.0 + 4.0 + 1e-9 * FinalisationPacer::kLongestWaitNs;
+        const auto needed = static_cast<std::size_t>(seconds * rate) + 1;
+        EXPECT_LE(needed, TwampTestSessionPeer::getOutstandingCapacity(*session)) << rate;
+    }
+}
+
 // A session tells the pacer how long its finalisation took: measured on a
 // monotonic clock that moves 300 us per read, the next session's
 // finalisation, due right after, waits.

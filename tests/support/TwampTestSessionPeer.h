@@ -42,6 +42,10 @@ class TwampTestSessionPeer {
     }
     // The packet timer's descriptor, -1 before init.
     static int getTimerFd(const TwampTestSession& session) { return session.timerFd; }
+    // How many packets the session's ring holds before it must grow.
+    static std::size_t getOutstandingCapacity(const TwampTestSession& session) {
+        return session.outstanding.capacity();
+    }
     // The outstanding packets of a minute parity, by sequence number.
     static std::vector<uint32_t> getOutstandingSeqNos(const TwampTestSession& session, int parity) {
         std::vector<uint32_t> seqNos;

@@ -98,11 +98,15 @@ uint32_t expiriesPerMinute(int32_t packetsPerSecond) {
     return static_cast<uint32_t>((minuteNs + intervalNs - 1) / intervalNs);
 }
 
-// Room for the packets outstanding at once: a minute and the 4 s its late
-// replies may take, and a little more.
+// Room for the packets outstanding at once: a minute, the 4 s its late
+// replies may take, the half second its finalisation may wait for another
+// session's, and a little more. A ring that had to grow would copy itself
+// in the middle of the busiest second.
 std::size_t outstandingCapacityFor(int32_t packetsPerSecond) {
     const std::size_t perMinute = expiriesPerMinute(packetsPerSecond);
-    return perMinute + perMinute / 15 + 16;
+    constexpr int64_t kWaitsPerMinute =
+        int64_t{kSecondsPerMinute} * kNanosecondsPerSecond / FinalisationPacer::kLongestWaitNs;
+    return perMinute + perMinute / 15 + perMinute / kWaitsPerMinute + 16;
 }
 
 // Sets every counter of one minute bin.
