@@ -487,7 +487,7 @@ bool TwampTestSession::readMonotonicNs(int64_t& nowNs) {
     if (!clock.getMonotonic(&now)) {
         return false;
     }
-    nowNs = static_cast<int64_t>(now.tv_sec) * 1000000000 + now.tv_nsec;
+    nowNs = static_cast<int64_t>(now.tv_sec) * kNanosecondsPerSecond + now.tv_nsec;
     return true;
 }
 

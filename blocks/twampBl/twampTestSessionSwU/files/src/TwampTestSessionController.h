@@ -1,8 +1,7 @@
 // The daemon's single root object: the multiplexer, the ITC dispatcher, the
 // shared UDP socket, the random source, the socket helper, the finalisation
-// pacer and the registry
-// of test sessions by their 16-byte key. Everything else reaches these parts
-// through the process-wide instance of getInstance().
+// pacer and the registry of test sessions by their 16-byte key. Everything
+// else reaches these parts through the process-wide instance of getInstance().
 #ifndef TWAMP_TEST_SESSION_CONTROLLER_H
 #define TWAMP_TEST_SESSION_CONTROLLER_H
 

@@ -1,7 +1,6 @@
 // The daemon's root object as the rest of the program sees it: the shared
 // multiplexer, dispatcher, socket, random source, socket helper and
-// finalisation pacer, and the
-// registry of test sessions by their 16-byte key.
+// finalisation pacer, and the registry of test sessions by their 16-byte key.
 #ifndef TWAMP_TEST_SESSION_CONTROLLER_INTERFACE_H
 #define TWAMP_TEST_SESSION_CONTROLLER_INTERFACE_H
 
