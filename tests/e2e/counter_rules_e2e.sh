@@ -171,7 +171,7 @@ check "every session's counters read while minute $((MINUTE + 1)) runs" \
     awk -v now="$(fake_now)" -v end=$(((MINUTE + 2) * 60)) 'BEGIN { exit !(now < end) }'
 stop_lab_processes
 private_lttng_finish rules
-babeltrace2 "$WORK/trace" >"$WORK/events.txt" 2>/dev/null || true
+private_lttng_read "$WORK/trace" "$WORK/events.txt"
 
 # One oracle run per session, all in one interpreter (lib/truth_oracle.py --batch).
 other_bins="$(seq 0 14 | grep -vx "$BIN" | paste -sd, -)"

@@ -87,7 +87,7 @@ fake_clock_jump $(((X + 1) * 60 + 57))
 wait_fake_until $(((X + 2) * 60 + 6))
 check "session B: counters read" counters_json "$SERVICE" session-b "$WORK/session-b.json"
 private_lttng_finish delete
-babeltrace2 "$WORK/trace" >"$WORK/events.txt" 2>/dev/null || true
+private_lttng_read "$WORK/trace" "$WORK/events.txt"
 check "session B: its minute matches the ground truth, every packet answered" \
     python3 "$ORACLE" --truth "$TRUTH" --counters "$WORK/session-b.json" --rate "$RATE" \
     --tolerance-us "$TOLERANCE_US" --label session-b --minute $((X + 1)) --expect valid \

@@ -87,7 +87,7 @@ fake_clock_freeze $(((N + 15) * 60 + 2))
 sleep 0.5
 # Every minute the records below check has been sent and answered.
 private_lttng_finish interval
-babeltrace2 "$WORK/trace" >"$WORK/events.txt" 2>/dev/null || true
+private_lttng_read "$WORK/trace" "$WORK/events.txt"
 
 "$CTL" --service "$SERVICE" --timeout 60 counters --id boundary --completed --wait --json \
     >"$WORK/held.json" 2>"$WORK/held.err" &

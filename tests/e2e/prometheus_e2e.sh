@@ -138,6 +138,7 @@ if in_lab python3 "$HERE/lib/prometheus_check.py" --url "http://127.0.0.1:$PROME
     :
 else
     E2E_FAILURES=$((E2E_FAILURES + $?))
+    E2E_FAILED_CHECKS+=("the Prometheus queries (above)")
 fi
 in_lab curl -sf "http://127.0.0.1:$EXPORTER_PORT/metrics" >"$WORK/metrics.txt" || true
 check "promtool accepts the live page" bash -c "promtool check metrics <'$WORK/metrics.txt'"

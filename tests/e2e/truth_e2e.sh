@@ -144,7 +144,7 @@ check "every session's counters read while minute $((MINUTE + 1)) runs" \
     awk -v now="$(fake_now)" -v end=$(((MINUTE + 2) * 60)) 'BEGIN { exit !(now < end) }'
 
 private_lttng_finish truth
-babeltrace2 "$WORK/trace" >"$WORK/events.txt" 2>/dev/null || true
+private_lttng_read "$WORK/trace" "$WORK/events.txt"
 
 # One replay per session, all in one interpreter: on a host whose CPUs are
 # busy a dozen interpreters started one after the other took minutes.

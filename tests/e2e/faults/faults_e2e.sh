@@ -472,7 +472,7 @@ check "unreach: the reflector was closed and opened again" \
 still_answers unreach
 
 private_lttng_finish faults
-babeltrace2 "$WORK/trace" >"$WORK/events.txt" 2>/dev/null || true
+private_lttng_read "$WORK/trace" "$WORK/events.txt"
 for item in "${EXACT_CHECKS[@]}"; do
     eval "check $item"
 done

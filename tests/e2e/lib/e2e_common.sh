@@ -2,6 +2,7 @@
 # with a bound, and the daemon's environment in a work directory.
 
 E2E_FAILURES=0
+E2E_FAILED_CHECKS=()
 
 # check DESCRIPTION COMMAND...: runs the command, reports ok or FAIL.
 check() {
@@ -12,6 +13,7 @@ check() {
     else
         echo "FAIL: $what"
         E2E_FAILURES=$((E2E_FAILURES + 1))
+        E2E_FAILED_CHECKS+=("$what")
     fi
 }
 
@@ -46,6 +48,11 @@ e2e_environment() {
 # e2e_finish: the summary line and the exit status.
 e2e_finish() {
     if [ "$E2E_FAILURES" -ne 0 ]; then
+        # Repeated at the end, where a log cut short still shows them.
+        local failed
+        for failed in "${E2E_FAILED_CHECKS[@]}"; do
+            echo "failed: $failed"
+        done
         echo "$E2E_FAILURES check(s) failed"
         exit 1
     fi

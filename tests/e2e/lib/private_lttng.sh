@@ -7,6 +7,7 @@
 #   private_lttng_stop          stops it by its pid
 #   private_lttng_session NAME OUTDIR EVENT...   creates and starts a session
 #   private_lttng_finish NAME   stops and destroys the session (flushes it)
+#   private_lttng_read DIR OUT  the events, printed by babeltrace2, in OUT
 
 private_lttng_enter() {
     if [ "$(id -u)" -ne 0 ]; then
@@ -67,4 +68,16 @@ private_lttng_finish() {
     local name="$1"
     lttng --no-sessiond stop "$name" >/dev/null
     lttng --no-sessiond destroy "$name" >/dev/null
+}
+
+# private_lttng_read TRACEDIR OUT: the events as babeltrace2 prints them, in
+# OUT. A tracer that discarded events (its buffers full on a busy host) is
+# said plainly: checks of the events that follow may then miss some.
+private_lttng_read() {
+    local trace="$1" out="$2"
+    babeltrace2 "$trace" >"$out" 2>"$out.stderr" || true
+    if grep -qi "discarded" "$out.stderr"; then
+        echo "note: the tracer discarded events:"
+        grep -i "discarded" "$out.stderr" | head -5
+    fi
 }

@@ -714,9 +714,12 @@ def compare_bin(label, minute, expected, measured, verbose):
     if failures or verbose:
         print("%s: %s" % (title, "; ".join(expected.notes) or "finalised"))
         print("  %-18s %-28s %-14s %s" % ("counter", "expected", "measured", ""))
-        for row in rows:
+        # Mismatches first: a log cut short still shows them.
+        for row in sorted(rows, key=lambda row: row[3] == "ok"):
             print("  %-18s %-28s %-14s %s" % row)
-    print("%s: %s" % (title, "%d counter(s) differ" % failures if failures else "all 38 counters match"))
+    differing = [row[0] for row in rows if row[3] != "ok"]
+    print("%s: %s" % (title, "%d counter(s) differ: %s" % (failures, ", ".join(differing))
+                              if failures else "all 38 counters match"))
     return failures
 
 
