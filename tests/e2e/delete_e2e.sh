@@ -92,7 +92,9 @@ check "session B: its minute matches the ground truth, every packet answered" \
     python3 "$ORACLE" --truth "$TRUTH" --counters "$WORK/session-b.json" --rate "$RATE" \
     --tolerance-us "$TOLERANCE_US" --label session-b --minute $((X + 1)) --expect valid \
     --na-bins "$(seq 0 14 | grep -vx $(((X + 1) % 15)) | paste -sd, -)" \
-    --daemon-events "$WORK/events.txt" --start-offset 0
+    --daemon-events "$WORK/events.txt" --start-offset 0 \
+    --declarations "$WORK/log/TnNetworkLog.log" \
+    --session-text "for dstIpAddress 198.18.0.2, dstUdpPort $REFLECTOR_PORT,"
 answered_all() {
     python3 -c 'import json, sys
 c = json.load(open(sys.argv[1]))["counters"]

@@ -99,7 +99,9 @@ expected_record() {
     python3 "$ORACLE" --truth "$TRUTH" --counters "$file" --rate "$RATE" \
         --tolerance-us "$TOLERANCE_US" --label "$(basename "$file" .json)" \
         --minute "$N" --minute "$((N + 1)):void" --minute "$((N + 13))" --minute "$((N + 14))$last" \
-        --na-bins 2-12 --daemon-events "$WORK/events.txt" --start-offset 0
+        --na-bins 2-12 --daemon-events "$WORK/events.txt" --start-offset 0 \
+        --declarations "$WORK/log/TnNetworkLog.log" \
+        --session-text "for dstIpAddress 198.18.0.2, dstUdpPort $REFLECTOR_PORT,"
 }
 check "interval in progress in minute 0: the previous record whole, its last minute not yet finalised" \
     expected_record "$WORK/minute0.json" :open

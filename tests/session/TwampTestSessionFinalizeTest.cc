@@ -384,4 +384,54 @@ TEST_F(TwampTestSessionInvalidationTest, InvalidatedMinuteLeavesNoPackets) {
     EXPECT_TRUE(TwampTestSessionPeer::getOutstandingSeqNos(*session, 0).empty());
 }
 
+// A reply whose packet's transmit timestamp never comes is neither lost nor
+// measured: its minute cannot be accounted, and says so.
+TEST_F(TwampTestSessionInvalidationTest, ReplyWithoutTransmitTimestampVoidsTheMinute) {
+    auto session = startSession();
+    const auto t1 = sendInMinuteEight(*session, 2);
+    answer(*session, 0, t1[0], 0, 2, 2);
+    const uint64_t t4 = t1[1] + 3 * kNtpUnit;
+    deliverReply(*session, 1, t1[1], 1, t1[1] + kNtpUnit, t1[1] + 2 * kNtpUnit, t4);
+    finaliseMinuteEight(*session);
+    EXPECT_EQ(binWith({}), binEight(*session));
+    const std::string declaration =
+        "Minute 28333328 cannot be accounted (transmit timestamp missing) for dstIpAddress "
+        "127.0.0.1, dstUdpPort 862 so all counters of period 8 are reset to -2";
+    EXPECT_THAT(labTraces(), ::testing::Contains("finalizePmMember(): " + declaration));
+    const auto& records = FakeSaLog::records();
+    ASSERT_EQ(1u, records.size());
+    EXPECT_EQ("TnNetworkLog", records[0].streamName);
+    EXPECT_EQ("TwampTestSession: m" + declaration.substr(1), records[0].text);
+    EXPECT_TRUE(TwampTestSessionPeer::getOutstandingSeqNos(*session, 0).empty());
+}
+
+// The timestamp that comes late, after the reply, leaves the minute whole.
+TEST_F(TwampTestSessionInvalidationTest, LateTransmitTimestampKeepsTheMinute) {
+    auto session = startSession();
+    const auto t1 = sendInMinuteEight(*session, 1);
+    const uint64_t t1Prime = t1[0] + kNtpUnit;
+    deliverReply(*session, 0, t1[0], 0, t1Prime + kNtpUnit, t1Prime + 2 * kNtpUnit,
+                 t1Prime + 3 * kNtpUnit);
+    deliverTxTimestamp(*session, 0, t1[0], t1Prime);
+    finaliseMinuteEight(*session);
+    EXPECT_EQ(1, binEight(*session)[PmCounter::receivedPkts]);
+    EXPECT_EQ(0, binEight(*session)[PmCounter::lostPktsRev]);
+    EXPECT_THAT(labTraces(),
+                ::testing::Each(::testing::Not(::testing::HasSubstr("cannot be accounted"))));
+    EXPECT_TRUE(FakeSaLog::records().empty());
+}
+
+// A reply that came without its receive timestamp before the transmit
+// timestamp stays what it was: no reply of its packet, the minute counted.
+TEST_F(TwampTestSessionInvalidationTest, ReplyWithoutReceiveTimestampStillCountsNoReply) {
+    auto session = startSession();
+    const auto t1 = sendInMinuteEight(*session, 1);
+    deliverReply(*session, 0, t1[0], 0, t1[0] + 2 * kNtpUnit, t1[0] + 3 * kNtpUnit, 0);
+    deliverTxTimestamp(*session, 0, t1[0], t1[0] + kNtpUnit);
+    finaliseMinuteEight(*session);
+    EXPECT_EQ(0, binEight(*session)[PmCounter::receivedPkts]);
+    EXPECT_EQ(1, binEight(*session)[PmCounter::sentPkts]);
+    EXPECT_TRUE(FakeSaLog::records().empty());
+}
+
 }  // namespace

@@ -198,7 +198,9 @@ exact() {
     done
     python3 "$ORACLE" --truth "$truth" --counters "$file" --rate "$RATE" \
         --tolerance-us "$TOLERANCE_US" --label "$session" "${arguments[@]}" \
-        --daemon-events "$WORK/events.txt" --start-offset "${SESSION_OFFSET[$session]}"
+        --daemon-events "$WORK/events.txt" --start-offset "${SESSION_OFFSET[$session]}" \
+        --declarations "$WORK/log_${SESSION_DAEMON[$session]}/TnNetworkLog.log" \
+        --session-text "for dstIpAddress $PEER_ADDRESS, dstUdpPort ${SESSION_PORT[$session]},"
 }
 
 # check_exact WHAT exact ...: a check of exact minutes, run at the end, once

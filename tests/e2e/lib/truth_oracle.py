@@ -82,6 +82,10 @@ usage: truth_oracle.py --counters FILE [--truth FILE --rate PPS --minute M[:open
                    two records there, naming --session-text ("for dstIpAddress
                    ..."), an unaccountable one its record; a valid one must
                    have none for it.
+  --declarations   a TnNetworkLog file (--network-log serves too): a minute
+                   the daemon declared -2 there because a transmit timestamp
+                   never came, for the reflector of --session-text, is
+                   expected all -2 (the kernel's loss, not the network's)
   --daemon-events  the daemon's trace events as babeltrace2 prints them, and
   --start-offset   the session's start offset, which names it there: a reply
                    whose veth time (see Delay bounds) exceeds the tolerance
@@ -758,6 +762,19 @@ def check_unaccountable_record(label, lines, session_text, minute, expected):
     return 0
 
 
+def timestamp_missing_declared(path, session_text, minute):
+    """True when the log holds the daemon's record that the minute cannot be
+    accounted because a reply's transmit timestamp never came."""
+    session = re.match(r"for dstIpAddress (\S+), dstUdpPort (\S+),", session_text or "")
+    if session is None:
+        raise OracleError("--session-text does not name the reflector: %r" % session_text)
+    record = (" TwampTestSession: minute %d cannot be accounted (transmit timestamp missing) "
+              "for dstIpAddress %s, dstUdpPort %s so all counters of period %d are reset to -2"
+              % (minute, session.group(1), session.group(2), minute % BINS))
+    with open(path) as stream:
+        return any(line.rstrip("\n").endswith(record) for line in stream)
+
+
 def check_network_log(label, path, session_text, minute, expected):
     """The two records of an invalidated minute, and none for a valid one;
     likewise the record of a minute whose counts are out of range."""
@@ -862,6 +879,7 @@ def parse_arguments(argv):
     parser.add_argument("--dscp", type=int)
     parser.add_argument("--network-log")
     parser.add_argument("--session-text")
+    parser.add_argument("--declarations")
     parser.add_argument("--daemon-events")
     parser.add_argument("--start-offset", type=int)
     parser.add_argument("--verbose", action="store_true")
@@ -888,6 +906,15 @@ def run(options):
         text, _, mode = item.partition(":")
         minute = int(text)
         sent, state, sequence_error = session.replay(minute, mode != "open")
+        declarations = options.declarations or options.network_log
+        if mode not in ("open", "void") and declarations and timestamp_missing_declared(
+                declarations, options.session_text, minute):
+            expected = Expectation()
+            expected.notes.append("declared -2 by the daemon: a transmit timestamp never came")
+            print("%s: minute %d declared -2 by the daemon: a transmit timestamp never came"
+                  % (options.label, minute))
+            failures += compare_bin(options.label, minute, expected, measured, options.verbose)
+            continue
         if mode == "open":
             expected = expect_open(sent, state)
         elif mode == "void":

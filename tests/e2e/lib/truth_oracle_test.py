@@ -384,5 +384,35 @@ class KernelTimesTest(unittest.TestCase):
         self.assertEqual([], state.outliers)
 
 
+
+class DeclarationTest(unittest.TestCase):
+    """A minute the daemon declared -2 for a missing transmit timestamp."""
+
+    TEXT = "for dstIpAddress 198.18.0.2, dstUdpPort 18832,"
+
+    def log_with(self, line):
+        handle, path = tempfile.mkstemp()
+        with os.fdopen(handle, "w") as stream:
+            stream.write(line + "\n")
+        self.addCleanup(os.remove, path)
+        return path
+
+    def record(self, minute, reason="transmit timestamp missing", port=18832):
+        return ("2026-11-23T08:04:04 TWAMP TwampTestSession: minute %d cannot be accounted "
+                "(%s) for dstIpAddress 198.18.0.2, dstUdpPort %d so all counters of period "
+                "%d are reset to -2" % (minute, reason, port, minute % oracle.BINS))
+
+    def test_declared_minute_is_found(self):
+        path = self.log_with(self.record(MINUTE))
+        self.assertTrue(oracle.timestamp_missing_declared(path, self.TEXT, MINUTE))
+
+    def test_other_minute_reason_or_reflector_is_not(self):
+        self.assertFalse(oracle.timestamp_missing_declared(
+            self.log_with(self.record(MINUTE + 1)), self.TEXT, MINUTE))
+        self.assertFalse(oracle.timestamp_missing_declared(
+            self.log_with(self.record(MINUTE, "counts out of range")), self.TEXT, MINUTE))
+        self.assertFalse(oracle.timestamp_missing_declared(
+            self.log_with(self.record(MINUTE, port=18833)), self.TEXT, MINUTE))
+
 if __name__ == "__main__":
     unittest.main()

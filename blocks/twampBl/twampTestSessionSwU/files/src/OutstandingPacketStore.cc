@@ -107,6 +107,24 @@ void OutstandingPacketStore::releaseReplies(uint32_t seqNo) {
     held.erase(seqNo);
 }
 
+bool OutstandingPacketStore::awaitsTimestamp(uint32_t minute) const {
+    const MinuteSpan* span = spanOf(minute);
+    if (span == nullptr) {
+        return false;
+    }
+    // Held replies are few: normally none at all.
+    for (const auto& entry : held) {
+        const uint32_t seqNo = entry.first;
+        if (static_cast<uint32_t>(seqNo - span->firstSeqNo) < span->count) {
+            const SentPacket* packet = find(seqNo);
+            if (packet != nullptr && packet->t1Prime == 0) {
+                return true;
+            }
+        }
+    }
+    return false;
+}
+
 void OutstandingPacketStore::dropMinute(uint32_t minute) {
     if (spanOf(minute) == nullptr) {
         return;

@@ -65,6 +65,9 @@ class OutstandingPacketStore {
     virtual std::vector<OutstandingPacket*> heldReplies(uint32_t seqNo) const;
     // Forgets the held replies of packet seqNo.
     virtual void releaseReplies(uint32_t seqNo);
+    // True when a reply of minute is held for a transmit timestamp that has
+    // not come.
+    virtual bool awaitsTimestamp(uint32_t minute) const;
 
     // Forgets the packets of minute, with every older minute's that is still
     // stored, and their held replies.

@@ -1025,6 +1025,12 @@ void TwampTestSession::finalizePmMember(PmPeriodRecord& record, int bin, int par
         deleteOutstandingPackets(minute);
         return;
     }
+    if (outstanding.awaitsTimestamp(minute)) {
+        // A reply whose packet's transmit timestamp never came is neither
+        // lost nor measured: the minute's counts would be wrong either way.
+        declareMinuteUnaccountable(minute, "transmit timestamp missing");
+        return;
+    }
     if (delayRt[parity] != nullptr && delayRt[parity]->getCount() > 0) {
         if (exceedsRoundTripBound(parity)) {
             invalidateMinute(record, bin, parity);
