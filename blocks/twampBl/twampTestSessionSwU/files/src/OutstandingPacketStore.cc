@@ -1,8 +1,14 @@
 #include "OutstandingPacketStore.h"
 
+#include <new>
+#include <type_traits>
 #include <utility>
 
 namespace {
+
+// Packets leave their slots without a destructor call.
+static_assert(std::is_trivially_destructible<SentPacket>::value,
+              "a SentPacket must need no destructor");
 
 // The ring starts with room for this many packets when no capacity is given.
 constexpr std::size_t kMinimumCapacity = 16;
@@ -10,7 +16,10 @@ constexpr std::size_t kMinimumCapacity = 16;
 }  // namespace
 
 OutstandingPacketStore::OutstandingPacketStore(std::size_t capacity)
-    : ring(capacity < kMinimumCapacity ? kMinimumCapacity : capacity) {}
+    : slotCount(capacity < kMinimumCapacity ? kMinimumCapacity : capacity) {
+    // Default-initialised: the slots stay unwritten.
+    slots.reset(new Slot[slotCount]);
+}
 
 OutstandingPacketStore::~OutstandingPacketStore() = default;
 
@@ -18,16 +27,15 @@ bool OutstandingPacketStore::add(uint32_t seqNo, uint64_t t1, uint32_t minute) {
     if (count != 0 && seqNo != static_cast<uint32_t>(firstSeqNo + count)) {
         return false;
     }
-    if (count == ring.size()) {
+    if (count == slotCount) {
         grow();
     }
     if (count == 0) {
         firstSeqNo = seqNo;
     }
-    SentPacket& packet = at(count);
-    packet = SentPacket();
-    packet.t1 = t1;
-    packet.minute = minute;
+    SentPacket* packet = new (&slots[(head + count) % slotCount]) SentPacket();
+    packet->t1 = t1;
+    packet->minute = minute;
     ++count;
     if (spans.empty() || spans.back().minute != minute) {
         spans.push_back({minute, seqNo, 0, 0});
@@ -150,15 +158,16 @@ std::size_t OutstandingPacketStore::size() const {
 }
 
 std::size_t OutstandingPacketStore::capacity() const {
-    return ring.size();
+    return slotCount;
 }
 
+// Only the count packets from head on live in their slots.
 SentPacket& OutstandingPacketStore::at(std::size_t index) {
-    return ring[(head + index) % ring.size()];
+    return *std::launder(reinterpret_cast<SentPacket*>(&slots[(head + index) % slotCount]));
 }
 
 const SentPacket& OutstandingPacketStore::at(std::size_t index) const {
-    return ring[(head + index) % ring.size()];
+    return *std::launder(reinterpret_cast<const SentPacket*>(&slots[(head + index) % slotCount]));
 }
 
 bool OutstandingPacketStore::indexOf(uint32_t seqNo, std::size_t& index) const {
@@ -168,11 +177,12 @@ bool OutstandingPacketStore::indexOf(uint32_t seqNo, std::size_t& index) const {
 }
 
 void OutstandingPacketStore::grow() {
-    std::vector<SentPacket> larger(ring.size() * 2);
+    std::unique_ptr<Slot[]> larger(new Slot[slotCount * 2]);
     for (std::size_t index = 0; index < count; ++index) {
-        larger[index] = at(index);
+        new (&larger[index]) SentPacket(at(index));
     }
-    ring.swap(larger);
+    slots.swap(larger);
+    slotCount *= 2;
     head = 0;
 }
 
@@ -204,7 +214,7 @@ void OutstandingPacketStore::dropFront() {
             ++entry;
         }
     }
-    head = (head + span.count) % ring.size();
+    head = (head + span.count) % slotCount;
     count -= span.count;
     firstSeqNo = static_cast<uint32_t>(firstSeqNo + span.count);
 }

@@ -18,6 +18,7 @@
 #include <deque>
 #include <map>
 #include <memory>
+#include <type_traits>
 #include <vector>
 
 #include "OutstandingPacket.h"
@@ -96,7 +97,12 @@ class OutstandingPacketStore {
     MinuteSpan* spanOf(uint32_t minute);
     void dropFront();
 
-    std::vector<SentPacket> ring;
+    // Slots left unwritten until a packet is added into them: a new ring
+    // (64.5 s of packets, 7.5 MiB at 5000 packets/s) costs no writes, and
+    // its pages are touched as the packets come.
+    using Slot = std::aligned_storage_t<sizeof(SentPacket), alignof(SentPacket)>;
+    std::unique_ptr<Slot[]> slots;
+    std::size_t slotCount = 0;
     std::size_t head = 0;   // index of the oldest packet in the ring
     std::size_t count = 0;  // packets stored
     uint32_t firstSeqNo = 0;
