@@ -2,6 +2,7 @@
 
 #include <gtest/gtest.h>
 
+#include <cstddef>
 #include <cstdint>
 #include <vector>
 
@@ -591,6 +592,67 @@ TEST_F(PercentileVectorTest, RemoveDeletesOnlyThatVector) {
     EXPECT_EQ(percentile_add(first, 6), 4);
     EXPECT_EQ(percentile_add(second, 6), 0);
     EXPECT_EQ(percentile_remove(first), 4);
+}
+
+// --- emptying ---
+
+// A read of a large vector sets its entries aside instead of freeing them
+// one by one at once; the vector itself is empty and takes samples anew.
+TEST_F(PercentileVectorTest, ReadSetsLargeVectorsEntriesAside) {
+    const uint32_t id = create(2000, 95);
+    addAscending(id, 1, 2000);
+    const std::size_t kept = percentile_samples_for_test(id).size();
+    ASSERT_GT(kept, 8u);
+    PercentileRequest requests[1] = {{95, 0}};
+    uint32_t count = 0;
+    ASSERT_EQ(percentile_get(id, 1, requests, &count), kPercentileOk);
+    EXPECT_EQ(requests[0].value, 1900u);
+    EXPECT_TRUE(percentile_samples_for_test(id).empty());
+    EXPECT_EQ(percentile_retired_entries_for_test(), kept);
+    ASSERT_EQ(percentile_add(id, 7), kPercentileOk);
+    EXPECT_EQ(percentile_samples_for_test(id), std::vector<uint64_t>{7});
+}
+
+// Each add frees a few of the entries set aside, until none are left; a
+// small vector is emptied at once.
+TEST_F(PercentileVectorTest, AddsFreeTheEntriesSetAside) {
+    const uint32_t large = create(2000, 95);
+    const uint32_t small = create(20, 95);
+    addAscending(large, 1, 2000);
+    addAscending(small, 1, 20);
+    PercentileRequest requests[1] = {{95, 0}};
+    uint32_t count = 0;
+    ASSERT_EQ(percentile_get(small, 1, requests, &count), kPercentileOk);
+    EXPECT_EQ(percentile_retired_entries_for_test(), 0u);
+    ASSERT_EQ(percentile_get(large, 1, requests, &count), kPercentileOk);
+    std::size_t retired = percentile_retired_entries_for_test();
+    int adds = 0;
+    while (retired > 0 && adds < 1000) {
+        ASSERT_EQ(percentile_add(small, 5), kPercentileOk);
+        const std::size_t now = percentile_retired_entries_for_test();
+        EXPECT_LT(now, retired);
+        EXPECT_LE(retired - now, 8u);
+        retired = now;
+        ++adds;
+        if (adds % 19 == 0) {
+            ASSERT_EQ(percentile_get(small, 1, requests, &count), kPercentileOk);
+        }
+    }
+    EXPECT_EQ(retired, 0u);
+}
+
+// Entries still set aside are freed with the library (the sanitizer and
+// valgrind runs see a leak otherwise).
+TEST_F(PercentileVectorTest, UninitFreesEntriesSetAside) {
+    const uint32_t id = create(2000, 95);
+    addAscending(id, 1, 2000);
+    PercentileRequest requests[1] = {{99, 0}};
+    uint32_t count = 0;
+    ASSERT_EQ(percentile_get(id, 1, requests, &count), kPercentileOk);
+    ASSERT_GT(percentile_retired_entries_for_test(), 0u);
+    EXPECT_TRUE(percentile_uninit());
+    EXPECT_EQ(percentile_retired_entries_for_test(), 0u);
+    EXPECT_TRUE(percentile_init());
 }
 
 }  // namespace

@@ -31,6 +31,9 @@ struct PercentileVectorRecord {
 struct PercentileLibraryState {
     GHashTable* vectors;  // identifier -> PercentileVectorRecord
     uint32_t nextId;
+    // Samples of vectors read and emptied, oldest first, freed a few at a
+    // time by the adds that follow (see retireSamples).
+    GQueue* retired;
 };
 
 PercentileLibraryState* libraryState = nullptr;
@@ -43,6 +46,9 @@ constexpr int32_t kHighestPercentile = 100;
 constexpr int32_t kSmallestKeptPercentile = 0;
 // Spare entries kept beyond the top share the lowest percentile needs.
 constexpr double kSpareEntries = 2.0;
+// A read empties its vector at once up to this many entries; larger ones are
+// handed to the adds that follow, each of which frees up to this many.
+constexpr gint kEntriesFreedAtOnce = 8;
 
 gpointer toData(uint64_t sample) {
     return reinterpret_cast<gpointer>(static_cast<uintptr_t>(sample));
@@ -213,9 +219,44 @@ void insertSample(PercentileVectorRecord* vector, uint64_t sample) {
     }
 }
 
+// Emptying a vector of thousands of entries frees one tree node each, most
+// of them no longer in any cache: a millisecond or more, at the minute's
+// end, in every session at once. A large vector's samples are therefore set
+// aside whole and freed in small steps by the adds that follow, which have
+// the time: a read costs no more than a few adds, and what is set aside
+// never exceeds what was added since.
+void retireSamples(PercentileVectorRecord* vector) {
+    g_queue_push_tail(libraryState->retired, vector->samples);
+    vector->samples = g_sequence_new(nullptr);
+}
+
+void freeSomeRetired() {
+    auto* oldest = static_cast<GSequence*>(g_queue_peek_head(libraryState->retired));
+    if (oldest == nullptr) {
+        return;
+    }
+    if (g_sequence_get_length(oldest) <= kEntriesFreedAtOnce) {
+        g_sequence_free(oldest);
+        g_queue_pop_head(libraryState->retired);
+        return;
+    }
+    g_sequence_remove_range(g_sequence_get_begin_iter(oldest),
+                            g_sequence_get_iter_at_pos(oldest, kEntriesFreedAtOnce));
+}
+
+void freeAllRetired() {
+    while (!g_queue_is_empty(libraryState->retired)) {
+        g_sequence_free(static_cast<GSequence*>(g_queue_pop_head(libraryState->retired)));
+    }
+}
+
 void emptyVector(PercentileVectorRecord* vector) {
-    g_sequence_remove_range(g_sequence_get_begin_iter(vector->samples),
-                            g_sequence_get_end_iter(vector->samples));
+    if (g_sequence_get_length(vector->samples) > kEntriesFreedAtOnce) {
+        retireSamples(vector);
+    } else {
+        g_sequence_remove_range(g_sequence_get_begin_iter(vector->samples),
+                                g_sequence_get_end_iter(vector->samples));
+    }
     vector->first = nullptr;
     vector->count = 0;
     vector->ordered = true;
@@ -279,6 +320,7 @@ bool percentile_init() {
         libraryState->vectors =
             g_hash_table_new_full(g_direct_hash, g_direct_equal, nullptr, freeVector);
         libraryState->nextId = kFirstId;
+        libraryState->retired = g_queue_new();
     }
     return true;
 }
@@ -288,6 +330,8 @@ bool percentile_uninit() {
         return true;
     }
     g_hash_table_destroy(libraryState->vectors);
+    freeAllRetired();
+    g_queue_free(libraryState->retired);
     g_free(libraryState);
     libraryState = nullptr;
     return true;
@@ -339,6 +383,7 @@ int32_t percentile_add(uint32_t id, uint64_t value) {
     }
     ++vector->count;
     insertSample(vector, value);
+    freeSomeRetired();
     return kPercentileOk;
 }
 
@@ -396,6 +441,18 @@ std::vector<uint64_t> percentile_samples_for_test(uint32_t id) {
         samples.push_back(sampleAt(entry));
     }
     return samples;
+}
+
+std::size_t percentile_retired_entries_for_test() {
+    std::size_t entries = 0;
+    if (libraryState == nullptr) {
+        return entries;
+    }
+    for (GList* link = libraryState->retired->head; link != nullptr; link = link->next) {
+        entries +=
+            static_cast<std::size_t>(g_sequence_get_length(static_cast<GSequence*>(link->data)));
+    }
+    return entries;
 }
 
 void percentile_set_next_id_for_test(uint32_t nextId) {

@@ -12,14 +12,17 @@
 // O(log n) in the entries kept, and finds a vector by its identifier in a GLib
 // hash table. Only samples more than half the 32-bit range apart (the order
 // compares low words by their signed difference) are placed by a walk over
-// the entries instead. All memory comes from GLib's allocators. One thread
-// only; there is no lock.
+// the entries instead. A read empties a large vector by setting its entries
+// aside, and the adds that follow free them a few at a time, so that no one
+// call frees thousands of nodes. All memory comes from GLib's allocators.
+// One thread only; there is no lock.
 #ifndef TWAMP_PERCENTILE_VECTOR_H
 #define TWAMP_PERCENTILE_VECTOR_H
 
 #include <cstdint>
 
 #ifdef TWAMP_UNIT_TEST
+#include <cstddef>
 #include <vector>
 #endif
 
@@ -69,6 +72,9 @@ int32_t percentile_remove(uint32_t id);
 // first), empty when there is no such vector. Its length shows how many
 // entries the vector keeps.
 std::vector<uint64_t> percentile_samples_for_test(uint32_t id);
+
+// Unit tests only: the entries of emptied vectors not yet freed.
+std::size_t percentile_retired_entries_for_test();
 
 // Unit tests only: sets the identifier the next creation starts its search at.
 void percentile_set_next_id_for_test(uint32_t nextId);
