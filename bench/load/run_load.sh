@@ -379,6 +379,15 @@ count_errors() {
     awk '{ n += $1 } END { printf "%d", n }' "$RUN_DIR/errors.txt"
 }
 
+# Session minutes the daemon declared it could not account (all counters -2),
+# by reason, over the daemon's life.
+count_declared() {
+    { grep -F 'cannot be accounted (' "$RUN_DIR/trace.txt" || true; } |
+        sed -E 's/.*cannot be accounted \(([^)]*)\).*/\1/' | sort | uniq -c | sort -rn \
+        >"$RUN_DIR/declared.txt"
+    awk '{ n += $1 } END { printf "%d", n }' "$RUN_DIR/declared.txt"
+}
+
 # Datagrams a namespace dropped because a socket's receive buffer was full
 # (RcvbufErrors of /proc/net/snmp, counted since the namespace exists).
 receive_buffer_errors() {
@@ -500,12 +509,13 @@ one_run() {
     answered="$(sum_counter receivedPkts "$first_bin" "$MINUTES" "$csv")"
     reporting="$(awk -F, '$2 == "sentPkts"' "$csv" | wc -l)"
     sending="$(sessions_with sentPkts "$first_bin" "$MINUTES" "$csv")"
-    local runtime_ns shares capture_line overruns errors floor_answered floor_runtime
+    local runtime_ns shares capture_line overruns errors declared floor_answered floor_runtime
     runtime_ns=$(($(field runtime_ns "$cpu_end") - $(field runtime_ns "$cpu_start")))
     shares="$(machine_shares "$machine_start" "$machine_end")"
     capture_line="$(tail -n 1 "$RUN_DIR/capture.out")"
     overruns="$(count_overruns $((first_minute * 60 - 1)) $(((first_minute + MINUTES) * 60 + 5)))"
     errors="$(count_errors)"
+    declared="$(count_declared)"
     floor_answered="$(field answered "$floor_line")"
     floor_runtime="$(field runtime_ns "$floor_line")"
     local daemon_us floor_us
@@ -518,7 +528,7 @@ one_run() {
         echo "counters_s=$(field seconds "$counters_line") missing=$(field missing "$counters_line")"
         echo "counter_timeouts=$(field timeouts "$counters_line") deleted=$(field sent "$delete_line")"
         echo "rcvbuf=$((drops_end - drops_start)) peer_rcvbuf=$((peer_drops_end - peer_drops_start))"
-        echo "overruns=${overruns% *} missed=${overruns#* } errors=$errors"
+        echo "overruns=${overruns% *} missed=${overruns#* } errors=$errors declared=$declared"
         echo "captured=$(field packets "$capture_line") dropped=$(field dropped_expiries "$capture_line")"
         echo "p50=$(field p50_us "$capture_line") p99=$(field p99_us "$capture_line")"
         echo "max=$(field max_us "$capture_line") beyond=$(field beyond_interval "$capture_line")"
@@ -619,10 +629,11 @@ print_results() {
         echo
         echo "Packets in the measured minutes; overrun traces up to the last minute's finalisation;"
         echo "replies dropped at a full receive buffer (RcvbufErrors) from the first minute until the"
-        echo "counters were read, at the daemon and at the load reflector"
+        echo "counters were read, at the daemon and at the load reflector; session minutes the daemon"
+        echo "declared it could not account (all -2, reasons in the run's declared.txt)"
         echo
-        table "| run SxR | expected | sent | answered | captured | expiries dropped (capture) | overrun traces | expiries missed (traces) | ERROR traces | RcvbufErrors daemon | RcvbufErrors reflector |" \
-            run expected sent answered captured dropped overruns missed errors rcvbuf peer_rcvbuf
+        table "| run SxR | expected | sent | answered | captured | expiries dropped (capture) | overrun traces | expiries missed (traces) | ERROR traces | RcvbufErrors daemon | RcvbufErrors reflector | minutes declared -2 |" \
+            run expected sent answered captured dropped overruns missed errors rcvbuf peer_rcvbuf declared
         echo
         echo "Send-time lateness (T1 - scheduled expiry), microseconds: the measured minutes, and the"
         echo "finalisation seconds (second 4 of each minute after a measured one)"

@@ -434,4 +434,48 @@ TEST_F(TwampTestSessionInvalidationTest, ReplyWithoutReceiveTimestampStillCounts
     EXPECT_TRUE(FakeSaLog::records().empty());
 }
 
+// Replies dropped by the socket's full receive queue would count as lost
+// although the network delivered them: the pending minute is declared.
+TEST_F(TwampTestSessionInvalidationTest, ReceiveQueueOverflowVoidsThePendingMinute) {
+    auto session = startSession();
+    const auto t1 = sendInMinuteEight(*session, 2);
+    answer(*session, 0, t1[0], 0, 2, 2);
+    deliverTxTimestamp(*session, 1, t1[1], t1[1] + kNtpUnit);
+    session->receiveQueueOverflowed();
+    finaliseMinuteEight(*session);
+    EXPECT_EQ(binWith({}), binEight(*session));
+    const std::string declaration =
+        "Minute 28333328 cannot be accounted (receive queue overflow) for dstIpAddress "
+        "127.0.0.1, dstUdpPort 862 so all counters of period 8 are reset to -2";
+    EXPECT_THAT(labTraces(), ::testing::Contains("finalizePmMember(): " + declaration));
+    const auto& records = FakeSaLog::records();
+    ASSERT_EQ(1u, records.size());
+    EXPECT_EQ("TnNetworkLog", records[0].streamName);
+    EXPECT_EQ("TwampTestSession: m" + declaration.substr(1), records[0].text);
+    EXPECT_TRUE(TwampTestSessionPeer::getOutstandingSeqNos(*session, 0).empty());
+}
+
+// An overflow after a minute was finalised leaves its bin as written, voids
+// the minute still pending, and the next minute of that parity counts again.
+TEST_F(TwampTestSessionInvalidationTest, ReceiveQueueOverflowVoidsOnlyPendingMinutes) {
+    auto session = startSession();
+    const auto t1 = sendInMinuteEight(*session, 1);
+    answer(*session, 0, t1[0], 0, 2, 2);
+    finaliseMinuteEight(*session);
+    session->receiveQueueOverflowed();
+    EXPECT_EQ(1, binEight(*session)[PmCounter::receivedPkts]);
+    TraceRecorder::reset();
+    sendAt(*session, 10, 4);
+    const auto& record = TwampTestSessionPeer::getRecord(*session, 0);
+    EXPECT_EQ(PmPeriodRecord::kNotAvailable, record.at(PmCounter::sentPkts, 9));
+    EXPECT_THAT(labTraces(), ::testing::Contains(::testing::HasSubstr(
+                                 "Minute 28333329 cannot be accounted (receive queue overflow)")));
+    const uint64_t t1Ten = sendAt(*session, 10, 5);
+    answer(*session, 3, t1Ten, 1, 2, 2);
+    sendAt(*session, 11, 4);
+    EXPECT_EQ(2, record.at(PmCounter::sentPkts, 10));
+    EXPECT_EQ(1, record.at(PmCounter::receivedPkts, 10));
+    EXPECT_EQ(1, record.at(PmCounter::lostPktsFwd, 10) + record.at(PmCounter::lostPktsRev, 10));
+}
+
 }  // namespace

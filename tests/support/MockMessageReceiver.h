@@ -19,6 +19,7 @@ class MockMessageReceiver : public MessageReceiver {
     MOCK_METHOD(bool, ownsMessage, (const struct msghdr* msg), (const, override));
     MOCK_METHOD(bool, ownsErrQueueMessage, (const struct msghdr* msg, ssize_t length),
                 (const, override));
+    MOCK_METHOD(void, receiveQueueOverflowed, (), (override));
 };
 
 }  // namespace twamp_test

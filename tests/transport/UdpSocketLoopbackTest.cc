@@ -155,6 +155,7 @@ TEST_F(UdpSocketLoopbackTest, ConfiguresTheBoundSocket) {
     EXPECT_EQ(255, intOption(IPPROTO_IP, IP_TTL));
     EXPECT_EQ(1, intOption(IPPROTO_IP, IP_RECVTTL));
     EXPECT_EQ(1, intOption(IPPROTO_IP, IP_RECVTOS));
+    EXPECT_EQ(1, intOption(SOL_SOCKET, SO_RXQ_OVFL));
     EXPECT_EQ(AF_INET, udpSocket->getFamily());
 }
 
@@ -348,6 +349,38 @@ TEST_F(UdpSocketLoopbackTest, SeveralLoopedFramesEachWithItsTimestamp) {
 }
 
 // A port already taken by another socket fails every round with errno 98.
+// Datagrams dropped by a full receive queue are counted by the kernel; the
+// next datagram that gets in carries the count, and every receiver is told.
+TEST_F(UdpSocketLoopbackTest, FullReceiveQueueTellsTheReceivers) {
+    bindSocket();
+    const int smallQueue = 4096;
+    ASSERT_EQ(0, setsockopt(udpSocket->getSocketFd(), SOL_SOCKET, SO_RCVBUF, &smallQueue,
+                            sizeof(smallQueue)));
+    NiceMock<MockMessageReceiver> receiver;
+    udpSocket->addMessageReceiver(keyOf(localAddress(peer.fd)), &receiver);
+    int overflows = 0;
+    int messages = 0;
+    ON_CALL(receiver, receiveQueueOverflowed()).WillByDefault([&overflows] { ++overflows; });
+    ON_CALL(receiver, receiveMessage(_)).WillByDefault([&messages](struct msghdr*) { ++messages; });
+    const std::string datagram(512, 'x');
+    for (int sent = 0; sent < 100; ++sent) {
+        ASSERT_TRUE(peer.sendTo(socketAddress, datagram));
+    }
+    ASSERT_TRUE(waitFor(udpSocket->getSocketFd(), POLLIN));
+    udpSocket->handleInput(udpSocket->getSocketFd());
+    const int firstRound = messages;
+    ASSERT_LT(firstRound, 100);
+    ASSERT_TRUE(peer.sendTo(socketAddress, datagram));
+    ASSERT_TRUE(waitFor(udpSocket->getSocketFd(), POLLIN));
+    udpSocket->handleInput(udpSocket->getSocketFd());
+    EXPECT_EQ(firstRound + 1, messages);
+    EXPECT_EQ(1, overflows);
+    const std::string expected =
+        "handleInput(): Receive queue overflow: " + std::to_string(100 - firstRound) +
+        " datagrams dropped";
+    EXPECT_EQ(std::vector<std::string>{expected}, TraceRecorder::twampMessages("LAB"));
+}
+
 TEST_F(UdpSocketLoopbackTest, TakenPortFailsToBind) {
     class NoSleep : public SystemCalls {
       public:

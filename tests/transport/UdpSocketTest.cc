@@ -21,6 +21,7 @@
 #include <gtest/gtest.h>
 
 #include "AdoptedMockController.h"
+#include "ControlBuffer.h"
 #include "FakeClock.h"
 #include "IoMultiplexer.h"
 #include "MockMessageReceiver.h"
@@ -43,6 +44,7 @@ using ::testing::Return;
 using ::testing::ReturnRef;
 using ::testing::StrictMock;
 using twamp_test::AdoptedMockController;
+using twamp_test::ControlBuffer;
 using twamp_test::FakeClock;
 using twamp_test::MockMessageReceiver;
 using twamp_test::MockSystemCalls;
@@ -453,21 +455,21 @@ TEST_F(UdpSocketTest, InitStoresItsArguments) {
 
 // ---- Configuration ----
 
-// An IPv4 socket gets SO_TIMESTAMPING 69, a 4 MiB receive buffer, IP_TTL 255,
-// IP_RECVTTL 1 and IP_RECVTOS 1, in order.
+// An IPv4 socket gets SO_TIMESTAMPING 69, a 4 MiB receive buffer, the drop
+// count, IP_TTL 255, IP_RECVTTL 1 and IP_RECVTOS 1, in order.
 TEST_F(UdpSocketTest, Ipv4OptionValues) {
     recordOptions();
     bindIpv4();
-    EXPECT_EQ(
-        (std::vector<OptionCall>{
-            OptionCall{SOL_SOCKET, SO_TIMESTAMPING, 69},
-            OptionCall{SOL_SOCKET, SO_RCVBUFFORCE, 4194304}, OptionCall{IPPROTO_IP, IP_TTL, 255},
-            OptionCall{IPPROTO_IP, IP_RECVTTL, 1}, OptionCall{IPPROTO_IP, IP_RECVTOS, 1}}),
-        options);
+    EXPECT_EQ((std::vector<OptionCall>{
+                  OptionCall{SOL_SOCKET, SO_TIMESTAMPING, 69},
+                  OptionCall{SOL_SOCKET, SO_RCVBUFFORCE, 4194304},
+                  OptionCall{SOL_SOCKET, SO_RXQ_OVFL, 1}, OptionCall{IPPROTO_IP, IP_TTL, 255},
+                  OptionCall{IPPROTO_IP, IP_RECVTTL, 1}, OptionCall{IPPROTO_IP, IP_RECVTOS, 1}}),
+              options);
 }
 
-// An IPv6 socket gets SO_TIMESTAMPING 69, a 4 MiB receive buffer,
-// IPV6_RECVHOPLIMIT 1 and IPV6_RECVTCLASS 1, in order.
+// An IPv6 socket gets SO_TIMESTAMPING 69, a 4 MiB receive buffer, the drop
+// count, IPV6_RECVHOPLIMIT 1 and IPV6_RECVTCLASS 1, in order.
 TEST_F(UdpSocketTest, Ipv6OptionValues) {
     recordOptions();
     succeedEveryBind();
@@ -475,6 +477,7 @@ TEST_F(UdpSocketTest, Ipv6OptionValues) {
     EXPECT_EQ(AF_INET6, udpSocket->getFamily());
     EXPECT_EQ((std::vector<OptionCall>{OptionCall{SOL_SOCKET, SO_TIMESTAMPING, 69},
                                        OptionCall{SOL_SOCKET, SO_RCVBUFFORCE, 4194304},
+                                       OptionCall{SOL_SOCKET, SO_RXQ_OVFL, 1},
                                        OptionCall{IPPROTO_IPV6, IPV6_RECVHOPLIMIT, 1},
                                        OptionCall{IPPROTO_IPV6, IPV6_RECVTCLASS, 1}}),
               options);
@@ -502,14 +505,17 @@ TEST_F(UdpSocketTest, UnforcedReceiveBufferFallsBack) {
     EXPECT_EQ(std::vector<std::string>{}, TraceRecorder::twampMessages("LAB"));
 }
 
-// A receive buffer that cannot be enlarged at all is traced at LAB; the
-// socket is used with the system's default.
+// A receive buffer that cannot be enlarged at all, and a drop count the
+// kernel does not keep, are traced at LAB; the socket is used as it is.
 TEST_F(UdpSocketTest, ReceiveBufferFailureTraced) {
     ON_CALL(systemCalls, setsockopt).WillByDefault(failWith(ENOBUFS));
     succeedEveryBind();
     ASSERT_TRUE(udpSocket->init("127.0.0.1", "5000", false));
-    EXPECT_EQ(std::vector<std::string>{"socketConfiguration(): Failed to enlarge the socket "
-                                       "receive buffer: errno 105 - No buffer space available"},
+    EXPECT_EQ((std::vector<std::string>{
+                  "socketConfiguration(): Failed to enlarge the socket receive buffer: errno 105 "
+                  "- No buffer space available",
+                  "socketConfiguration(): Failed setsockopt SO_RXQ_OVFL: errno 105 - No buffer "
+                  "space available"}),
               TraceRecorder::twampMessages("LAB"));
 }
 
@@ -957,6 +963,67 @@ TEST_F(UdpSocketTest, RemoveMessageReceiverErases) {
     udpSocket->handleInput(udpSocket->getSocketFd());
     EXPECT_EQ(std::vector<std::string>{"handleInput(): Failed to find message receiver"},
               TraceRecorder::twampMessages("LAB"));
+}
+
+// The control data of a packet that carries the socket's drop count.
+std::vector<uint8_t> dropCountControl(uint32_t drops) {
+    ControlBuffer control(64);
+    control.append(SOL_SOCKET, SO_RXQ_OVFL, &drops, sizeof(drops));
+    control.bytes.resize(control.appendedLength());
+    return control.bytes;
+}
+
+// A packet whose drop count has grown tells every receiver, of every address,
+// once, and is still handed on; the same count again tells nobody.
+TEST_F(UdpSocketTest, GrownDropCountTellsEveryReceiverOnce) {
+    bindIpv4();
+    scriptReceive();
+    StrictMock<MockMessageReceiver> first;
+    StrictMock<MockMessageReceiver> second;
+    StrictMock<MockMessageReceiver> other;
+    udpSocket->addMessageReceiver(ipv4Key("198.18.0.2", 862), &first);
+    udpSocket->addMessageReceiver(ipv4Key("198.18.0.2", 862), &second);
+    udpSocket->addMessageReceiver(ipv4Key("198.18.0.3", 862), &other);
+    kernelQueues.queue(false, {ipv4Key("198.18.0.3", 862), {1}, dropCountControl(3)});
+    kernelQueues.queue(false, {ipv4Key("198.18.0.3", 862), {2}, dropCountControl(3)});
+    ::testing::InSequence order;
+    EXPECT_CALL(first, receiveQueueOverflowed());
+    EXPECT_CALL(second, receiveQueueOverflowed());
+    EXPECT_CALL(other, receiveQueueOverflowed());
+    EXPECT_CALL(other, receiveMessage(_)).Times(2);
+    udpSocket->handleInput(udpSocket->getSocketFd());
+    EXPECT_EQ(std::vector<std::string>{"handleInput(): Receive queue overflow: 3 datagrams "
+                                       "dropped"},
+              TraceRecorder::twampMessages("LAB"));
+}
+
+// The count grows across its 32-bit wrap: 4294967295 to 1 is 2 more drops.
+TEST_F(UdpSocketTest, DropCountWrapIsGrowth) {
+    bindIpv4();
+    scriptReceive();
+    NiceMock<MockMessageReceiver> receiver;
+    udpSocket->addMessageReceiver(ipv4Key("198.18.0.2", 862), &receiver);
+    kernelQueues.queue(false, {ipv4Key("198.18.0.2", 862), {1}, dropCountControl(0xFFFFFFFFU)});
+    kernelQueues.queue(false, {ipv4Key("198.18.0.2", 862), {2}, dropCountControl(1)});
+    EXPECT_CALL(receiver, receiveQueueOverflowed()).Times(2);
+    udpSocket->handleInput(udpSocket->getSocketFd());
+    EXPECT_EQ((std::vector<std::string>{
+                  "handleInput(): Receive queue overflow: 4294967295 datagrams dropped",
+                  "handleInput(): Receive queue overflow: 2 datagrams dropped"}),
+              TraceRecorder::twampMessages("LAB"));
+}
+
+// A packet without a drop count (the kernel adds none while nothing was
+// dropped) tells nobody.
+TEST_F(UdpSocketTest, NoDropCountTellsNobody) {
+    bindIpv4();
+    scriptReceive();
+    StrictMock<MockMessageReceiver> receiver;
+    udpSocket->addMessageReceiver(ipv4Key("198.18.0.2", 862), &receiver);
+    queuePacket(ipv4Key("198.18.0.2", 862), {1});
+    EXPECT_CALL(receiver, receiveMessage(_));
+    udpSocket->handleInput(udpSocket->getSocketFd());
+    EXPECT_EQ(std::vector<std::string>{}, TraceRecorder::twampMessages("LAB"));
 }
 
 // An empty datagram is neither counted nor routed.

@@ -25,6 +25,9 @@ class MessageReceiver {
     // True when the looped-back frame of length bytes carries one of the
     // receiver's outstanding packets; changes nothing.
     virtual bool ownsErrQueueMessage(const struct msghdr* msg, ssize_t length) const = 0;
+    // The socket's receive queue was full and dropped datagrams: a reply to
+    // any of the receiver's outstanding packets may have been among them.
+    virtual void receiveQueueOverflowed() = 0;
 };
 
 #endif  // TWAMP_MESSAGE_RECEIVER_H

@@ -43,6 +43,14 @@ std::vector<MessageReceiver*> ReceiverRegistry::receiversOf(const ReceiverKey& k
     return (found == receivers.end()) ? std::vector<MessageReceiver*>() : found->second;
 }
 
+std::vector<MessageReceiver*> ReceiverRegistry::all() const {
+    std::vector<MessageReceiver*> every;
+    for (const auto& entry : receivers) {
+        every.insert(every.end(), entry.second.begin(), entry.second.end());
+    }
+    return every;
+}
+
 // A lone receiver is not asked: it gets every message of its key, as it
 // would without others. Among several, a message nobody owns goes to the
 // first, which traces it as unknown.

@@ -36,6 +36,8 @@ class ReceiverRegistry {
                                                     const struct msghdr* msg, ssize_t length) const;
     // The receivers under key in registration order.
     virtual std::vector<MessageReceiver*> receiversOf(const ReceiverKey& key) const;
+    // Every receiver, by key and then in registration order.
+    virtual std::vector<MessageReceiver*> all() const;
 
   private:
     template <typename Owns>

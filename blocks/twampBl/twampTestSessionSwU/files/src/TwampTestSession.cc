@@ -507,6 +507,7 @@ void TwampTestSession::startMinute(uint32_t minute) {
     minutePending[parity] = 1;
     pendingMinute[parity] = minute;
     pendingMinuteStarted[parity] = 1;
+    receiveQueueOverflow[parity] = false;
     resetPmStates(parity);
     dscpRev[parity].clear();
     ttlFwd[parity].clear();
@@ -718,6 +719,14 @@ bool TwampTestSession::ownsErrQueueMessage(const struct msghdr* msg, ssize_t len
     }
     const OwampTestMessage sent(frame + headerLength, frameLength - headerLength);
     return isOutstanding(sent.getSequenceNumber(), sent.getTimestamp());
+}
+
+void TwampTestSession::receiveQueueOverflowed() {
+    for (int parity = 0; parity < kParityCount; ++parity) {
+        if (minutePending[parity] != 0 && pendingMinuteStarted[parity] != 0) {
+            receiveQueueOverflow[parity] = true;
+        }
+    }
 }
 
 // Packet seqNo sent at t1 is outstanding here.
@@ -1023,6 +1032,12 @@ void TwampTestSession::finalizePmMember(PmPeriodRecord& record, int bin, int par
             drainPercentiles(parity);
         }
         deleteOutstandingPackets(minute);
+        return;
+    }
+    if (receiveQueueOverflow[parity]) {
+        // A reply dropped by the full receive queue would count as lost
+        // although the network delivered it.
+        declareMinuteUnaccountable(minute, "receive queue overflow");
         return;
     }
     if (outstanding.awaitsTimestamp(minute)) {

@@ -81,6 +81,9 @@ class TwampTestSession : public IoHandler, public MessageReceiver {
     // True when the looped-back frame's sequence number and timestamp name a
     // packet outstanding here.
     bool ownsErrQueueMessage(const struct msghdr* msg, ssize_t length) const override;
+    // Replies may have been dropped by the socket: every started minute still
+    // pending cannot be accounted and is declared so when it is finalised.
+    void receiveQueueOverflowed() override;
 
     // Books a matched packet in the minute it was sent: analysed when its
     // round trip (T4 - T1Prime) is at most 4 s, otherwise discarded.
@@ -229,6 +232,9 @@ class TwampTestSession : public IoHandler, public MessageReceiver {
     // minute has started (the minute the timer is armed for has not).
     uint32_t pendingMinute[kParityCount] = {0, 0};
     uint8_t pendingMinuteStarted[kParityCount] = {0, 0};
+    // Whether replies of the parity's pending minute may have been dropped by
+    // the socket's full receive queue.
+    bool receiveQueueOverflow[kParityCount] = {false, false};
     // The 15-minute interval each record holds.
     uint32_t recordInterval[kRecordCount] = {kNoInterval, kNoInterval};
     bool holdMinuteTick = false;

@@ -136,6 +136,7 @@ void UdpSocket::handleMessage(struct msghdr* msg, std::size_t length) {
         return;
     }
     ++messageCount;
+    noteReceiveQueueDrops(msg);
     if ((msg->msg_flags & MSG_CTRUNC) != 0) {
         TRACE_LAB_AS(kHandleInput, "Received message with truncated control data discarded");
         return;
@@ -147,6 +148,31 @@ void UdpSocket::handleMessage(struct msghdr* msg, std::size_t length) {
         return;
     }
     receiver->receiveMessage(msg);
+}
+
+// Every packet carries the socket's drop count. When it has grown, replies
+// were lost inside this host while the loop was held up: every session may
+// have lost one, and none may count it as lost by the network.
+void UdpSocket::noteReceiveQueueDrops(const struct msghdr* msg) {
+    for (const struct cmsghdr* cmsg = CMSG_FIRSTHDR(msg); cmsg != nullptr;
+         cmsg = CMSG_NXTHDR(const_cast<struct msghdr*>(msg), const_cast<struct cmsghdr*>(cmsg))) {
+        if (cmsg->cmsg_level != SOL_SOCKET || cmsg->cmsg_type != SO_RXQ_OVFL ||
+            cmsg->cmsg_len < CMSG_LEN(sizeof(uint32_t))) {
+            continue;
+        }
+        uint32_t drops = 0;
+        std::memcpy(&drops, CMSG_DATA(cmsg), sizeof(drops));
+        if (drops == receiveQueueDrops) {
+            return;
+        }
+        TRACE_LAB_AS(kHandleInput, "Receive queue overflow: %u datagrams dropped",
+                     static_cast<unsigned int>(drops - receiveQueueDrops));
+        receiveQueueDrops = drops;
+        for (MessageReceiver* receiver : receivers.all()) {
+            receiver->receiveQueueOverflowed();
+        }
+        return;
+    }
 }
 
 // ---- Binding ----
@@ -197,6 +223,7 @@ bool UdpSocket::getBoundSocket(int attempts) {
                failedRounds);
     socketFd = boundFd;
     appliedTos = -1;  // a new socket carries the default TOS until a session sets one
+    receiveQueueDrops = 0;
     readFds.insert(socketFd);
     family = addresses->ai_family;
     systemCalls->freeaddrinfo(addresses);
@@ -285,6 +312,7 @@ bool UdpSocket::socketConfiguration() {
     bool configured = makeNonBlocking();
     configured = enableTimestamping() && configured;
     enlargeReceiveBuffer();
+    enableDropCounts();
     if (family == AF_INET) {
         configured = setIpv4Options() && configured;
     } else if (family == AF_INET6) {
@@ -329,6 +357,17 @@ void UdpSocket::enlargeReceiveBuffer() {
     const int error = errno;
     TRACE_LAB_AS(kSocketConfiguration, "Failed to enlarge the socket receive buffer: errno %d - %s",
                  error, std::strerror(error));
+}
+
+// Without the drop count a reply lost in a full receive queue would be
+// counted as lost by the network; the socket still works.
+void UdpSocket::enableDropCounts() {
+    if (setIntOption(SOL_SOCKET, SO_RXQ_OVFL, kOptionOn)) {
+        return;
+    }
+    const int error = errno;
+    TRACE_LAB_AS(kSocketConfiguration, "Failed setsockopt SO_RXQ_OVFL: errno %d - %s", error,
+                 std::strerror(error));
 }
 
 bool UdpSocket::setIpv4Options() {

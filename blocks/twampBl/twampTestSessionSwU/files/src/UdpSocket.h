@@ -113,6 +113,8 @@ class UdpSocket : public IoHandler {
     bool makeNonBlocking();
     bool enableTimestamping();
     void enlargeReceiveBuffer();
+    void enableDropCounts();
+    void noteReceiveQueueDrops(const struct msghdr* msg);
     bool setIpv4Options();
     bool setIpv6Options();
     bool setIntOption(int level, int name, int value);
@@ -136,6 +138,9 @@ class UdpSocket : public IoHandler {
     int appliedTos = -1;
     uint64_t messageCount = 0;
     uint64_t errQueueMessageCount = 0;
+    // The kernel's count of datagrams the full receive queue dropped, as the
+    // last packet read carried it (SO_RXQ_OVFL).
+    uint32_t receiveQueueDrops = 0;
     ReceiverRegistry receivers;
     IoMultiplexer* multiplexer = nullptr;  // where the socket registered, if anywhere
 };
