@@ -18,6 +18,7 @@
 #include "MinuteArithmetic.h"
 #include "NtpTimestamp.h"
 #include "OwampTestMessage.h"
+#include "PaddingVariation.h"
 #include "RandomFd.h"
 #include "SequenceTracker.h"
 #include "ReceiverKey.h"
@@ -595,14 +596,12 @@ bool TwampTestSession::readRandomByte(uint8_t& randomByte) {
 }
 
 void TwampTestSession::varyPadding(uint8_t randomByte) {
-    // One random byte per packet; the XORs accumulate over the packets. The
-    // buffer and its size are read once: a store through a byte pointer may
-    // alias any member, so the loop would otherwise reload both per byte.
-    uint8_t* const bytes = packetBuffer.get();
-    const int64_t end = packetSize;
-    for (int64_t index = OwampTestMessage::kPaddingOffset; index < end; ++index) {
-        bytes[index] ^= randomByte;
+    // One random byte per packet; the XORs accumulate over the packets.
+    if (packetSize <= static_cast<int64_t>(OwampTestMessage::kPaddingOffset)) {
+        return;
     }
+    varyPaddingBytes(packetBuffer.get(), OwampTestMessage::kPaddingOffset,
+                     static_cast<std::size_t>(packetSize), randomByte);
 }
 
 void TwampTestSession::prepareMessageHeader() {
