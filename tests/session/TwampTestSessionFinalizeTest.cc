@@ -327,6 +327,19 @@ class TwampTestSessionInvalidationTest : public TwampTestSessionFinalizeTest {
         FakeSaLog::reset();
         TwampTestSessionFinalizeTest::TearDown();
     }
+
+    // Minute 8 was declared unaccountable for reason: its LAB trace and its
+    // one TnNetworkLog record.
+    static void expectMinuteEightDeclared(const std::string& reason) {
+        const std::string declaration = "Minute 28333328 cannot be accounted (" + reason +
+                                        ") for dstIpAddress 127.0.0.1, dstUdpPort 862 so all "
+                                        "counters of period 8 are reset to -2";
+        EXPECT_THAT(labTraces(), ::testing::Contains("finalizePmMember(): " + declaration));
+        const auto& records = FakeSaLog::records();
+        ASSERT_EQ(1u, records.size());
+        EXPECT_EQ("TnNetworkLog", records[0].streamName);
+        EXPECT_EQ("TwampTestSession: m" + declaration.substr(1), records[0].text);
+    }
 };
 
 TEST_F(TwampTestSessionInvalidationTest, SkewedReflectorInvalidatesTheMinute) {
@@ -394,14 +407,7 @@ TEST_F(TwampTestSessionInvalidationTest, ReplyWithoutTransmitTimestampVoidsTheMi
     deliverReply(*session, 1, t1[1], 1, t1[1] + kNtpUnit, t1[1] + 2 * kNtpUnit, t4);
     finaliseMinuteEight(*session);
     EXPECT_EQ(binWith({}), binEight(*session));
-    const std::string declaration =
-        "Minute 28333328 cannot be accounted (transmit timestamp missing) for dstIpAddress "
-        "127.0.0.1, dstUdpPort 862 so all counters of period 8 are reset to -2";
-    EXPECT_THAT(labTraces(), ::testing::Contains("finalizePmMember(): " + declaration));
-    const auto& records = FakeSaLog::records();
-    ASSERT_EQ(1u, records.size());
-    EXPECT_EQ("TnNetworkLog", records[0].streamName);
-    EXPECT_EQ("TwampTestSession: m" + declaration.substr(1), records[0].text);
+    expectMinuteEightDeclared("transmit timestamp missing");
     EXPECT_TRUE(TwampTestSessionPeer::getOutstandingSeqNos(*session, 0).empty());
 }
 
@@ -444,14 +450,7 @@ TEST_F(TwampTestSessionInvalidationTest, ReceiveQueueOverflowVoidsThePendingMinu
     session->receiveQueueOverflowed();
     finaliseMinuteEight(*session);
     EXPECT_EQ(binWith({}), binEight(*session));
-    const std::string declaration =
-        "Minute 28333328 cannot be accounted (receive queue overflow) for dstIpAddress "
-        "127.0.0.1, dstUdpPort 862 so all counters of period 8 are reset to -2";
-    EXPECT_THAT(labTraces(), ::testing::Contains("finalizePmMember(): " + declaration));
-    const auto& records = FakeSaLog::records();
-    ASSERT_EQ(1u, records.size());
-    EXPECT_EQ("TnNetworkLog", records[0].streamName);
-    EXPECT_EQ("TwampTestSession: m" + declaration.substr(1), records[0].text);
+    expectMinuteEightDeclared("receive queue overflow");
     EXPECT_TRUE(TwampTestSessionPeer::getOutstandingSeqNos(*session, 0).empty());
 }
 
