@@ -1,5 +1,5 @@
 // wake_latency: how late threads that sleep to absolute instants wake up,
-// one thread per CPU, for the share of send lateness that belongs to the
+// one thread per CPU it may run on, for the share of send lateness that belongs to the
 // machine rather than to the daemon (see WakeLatency.h).
 //
 //   wake_latency --seconds D [--period-us P] [--priority N] [--stall-us T]
@@ -10,10 +10,11 @@
 // policy. After a wake-up later than one period the next instant is counted
 // from the wake-up, so one stall is one late wake-up. Prints per CPU the
 // wake-ups per lateness band, the largest, and every stall of at least T µs
-// (default 5000) with the second it ended in, then a line for all CPUs.
+// (default 5000) with the second it ended in, then, when every thread ran,
+// a line for all CPUs. Exits 1 when a thread could not be pinned or given
+// its priority (SCHED_FIFO needs CAP_SYS_NICE), 2 on a bad option.
 #include <pthread.h>
 #include <sched.h>
-#include <unistd.h>
 
 #include <cerrno>
 #include <cstdio>
@@ -49,21 +50,43 @@ struct timespec timespecOf(int64_t ns) {
     return time;
 }
 
-bool pinAndSchedule(unsigned cpu, int priority, std::string& error) {
+bool pinAndSchedule(int cpu, int priority, std::string& error) {
     cpu_set_t set;
     CPU_ZERO(&set);
     CPU_SET(cpu, &set);
     int result = pthread_setaffinity_np(pthread_self(), sizeof(set), &set);
-    if (result == 0 && priority > 0) {
+    if (result != 0) {
+        error = "CPU " + std::to_string(cpu) + ": cannot pin a thread: " + std::strerror(result);
+        return false;
+    }
+    if (priority > 0) {
         struct sched_param parameter {};
         parameter.sched_priority = priority;
         result = pthread_setschedparam(pthread_self(), SCHED_FIFO, &parameter);
     }
     if (result != 0) {
-        error = std::string("CPU ") + std::to_string(cpu) + ": " + std::strerror(result);
+        error = "CPU " + std::to_string(cpu) + ": cannot run under SCHED_FIFO " +
+                std::to_string(priority) + ": " + std::strerror(result);
         return false;
     }
     return true;
+}
+
+// The CPUs this process may run on (taskset, cpusets), not 0 up to the count
+// of online CPUs, which need not be the same.
+std::vector<int> allowedCpus() {
+    cpu_set_t set;
+    CPU_ZERO(&set);
+    std::vector<int> cpus;
+    if (sched_getaffinity(0, sizeof(set), &set) != 0) {
+        return cpus;
+    }
+    for (int cpu = 0; cpu < CPU_SETSIZE; ++cpu) {
+        if (CPU_ISSET(cpu, &set)) {
+            cpus.push_back(cpu);
+        }
+    }
+    return cpus;
 }
 
 void sleepAndMeasure(const ProbeSettings& settings, WakeLatency& latency) {
@@ -120,32 +143,38 @@ int main(int argc, char** argv) {
                      error.empty() ? "bad or missing option" : error.c_str());
         return 2;
     }
-    const long online = sysconf(_SC_NPROCESSORS_ONLN);
-    const unsigned cpus = online > 0 ? static_cast<unsigned>(online) : 1;
-    std::vector<WakeLatency> latencies(cpus, WakeLatency(settings.stallNs, kStallsKept));
-    std::vector<std::string> errors(cpus);
+    const std::vector<int> cpus = allowedCpus();
+    if (cpus.empty()) {
+        std::fprintf(stderr, "wake_latency: cannot read the CPUs it may run on: %s\n",
+                     std::strerror(errno));
+        return 1;
+    }
+    std::vector<WakeLatency> latencies(cpus.size(), WakeLatency(settings.stallNs, kStallsKept));
+    std::vector<std::string> errors(cpus.size());
     std::vector<std::thread> threads;
-    for (unsigned cpu = 0; cpu < cpus; ++cpu) {
-        threads.emplace_back([&, cpu] {
-            if (pinAndSchedule(cpu, settings.priority, errors[cpu])) {
-                sleepAndMeasure(settings, latencies[cpu]);
+    for (std::size_t index = 0; index < cpus.size(); ++index) {
+        threads.emplace_back([&, index] {
+            if (pinAndSchedule(cpus[index], settings.priority, errors[index])) {
+                sleepAndMeasure(settings, latencies[index]);
             }
         });
     }
     WakeLatency all(settings.stallNs, 0);
     int status = 0;
-    for (unsigned cpu = 0; cpu < cpus; ++cpu) {
-        threads[cpu].join();
-        if (!errors[cpu].empty()) {
-            std::fprintf(stderr, "wake_latency: %s\n", errors[cpu].c_str());
+    for (std::size_t index = 0; index < cpus.size(); ++index) {
+        threads[index].join();
+        if (!errors[index].empty()) {
+            std::fprintf(stderr, "wake_latency: %s\n", errors[index].c_str());
             status = 1;
             continue;
         }
-        const std::string name = "cpu" + std::to_string(cpu);
-        latencies[cpu].printStalls(stdout, name.c_str());
-        latencies[cpu].print(stdout, name.c_str());
-        all.merge(latencies[cpu]);
+        const std::string name = "cpu" + std::to_string(cpus[index]);
+        latencies[index].printStalls(stdout, name.c_str());
+        latencies[index].print(stdout, name.c_str());
+        all.merge(latencies[index]);
     }
-    all.print(stdout, "all");
+    if (status == 0) {
+        all.print(stdout, "all");
+    }
     return status;
 }
