@@ -1,6 +1,6 @@
 // wake_latency: how late threads that sleep to absolute instants wake up,
-// one thread per CPU it may run on, for the share of send lateness that belongs to the
-// machine rather than to the daemon (see WakeLatency.h).
+// one thread per CPU it may run on, for the share of send lateness that
+// belongs to the machine rather than to the daemon (see WakeLatency.h).
 //
 //   wake_latency --seconds D [--period-us P] [--priority N] [--stall-us T]
 //
