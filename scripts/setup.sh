@@ -12,7 +12,7 @@ PACKAGES=(
     faketime iproute2 util-linux mount diffutils procps psmisc python3
     # the operator's package: man pages, completion, units, Debian packages
     scdoc man-db groff-base bash-completion systemd
-    debhelper dpkg-dev fakeroot lintian mmdebstrap
+    debhelper dpkg-dev fakeroot lintian mmdebstrap logrotate
     libmicrohttpd-dev prometheus gnuplot-nox curl
 )
 
