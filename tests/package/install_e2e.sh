@@ -24,7 +24,7 @@ SOURCE="$1"
 HERE="$(cd "$(dirname "$0")" && pwd)"
 CACHE="${TWAMP_PACKAGE_CACHE:-/var/cache/twamp-package-e2e}"
 # What the packages need at run time, and what the test itself uses inside.
-BASE_PACKAGES="systemd,passwd,libglib2.0-0,liblttng-ust1,libstdc++6,libmicrohttpd12,libfaketime,bash-completion"
+BASE_PACKAGES="systemd,passwd,libglib2.0-0,liblttng-ust1,libstdc++6,libmicrohttpd12,libfaketime,bash-completion,logrotate"
 
 if [ "$(id -u)" -ne 0 ]; then
     echo "SKIP: needs root (chroot and mounts)"

@@ -40,6 +40,7 @@ finish() {
         echo "--- daemon:"; cat /tmp/daemon.log 2>/dev/null
         echo "--- exporter:"; cat /tmp/exporter.log 2>/dev/null
         echo "--- TnNetworkLog:"; cat /var/log/saflog/TnNetworkLog.log 2>/dev/null
+        echo "--- TnApplicationLog:"; cat /var/log/saflog/TnApplicationLog.log* 2>/dev/null
         echo "$failures check(s) failed"
         exit 1
     fi
@@ -203,6 +204,35 @@ check "the operator creates a session" as_operator twamp-ctl --service "$SERVICE
     --id "$SESSION" --dst 127.0.0.1 --port "$REFLECTOR_PORT" --rate 10
 check "a user outside the group twamp is refused (exit 1 or 3)" \
     bash -c 'setpriv --reuid=nobody --regid=nogroup --clear-groups twamp-ctl --service '"$SERVICE"' delete --id x >/dev/null 2>&1; s=$?; [ $s -eq 1 ] || [ $s -eq 3 ]'
+
+# The operator log rotated under the running daemon by the package's logrotate
+# configuration: a refused create (the session's id again) before and one
+# after the rotation, each record in its own file.
+refused_record_in() {
+    local file="$1" count="$2"
+    for _ in $(seq 1 50); do
+        [ "$(grep -c "refused: sessionId already in use" "$file" 2>/dev/null)" = "$count" ] &&
+            return 0
+        sleep 0.1
+    done
+    return 1
+}
+create_again() {
+    as_operator twamp-ctl --service "$SERVICE" create --id "$SESSION" --dst 127.0.0.1 \
+        --port "$REFLECTOR_PORT" --rate 10 >/dev/null 2>&1
+}
+check "logrotate's configuration is installed" test -s /etc/logrotate.d/twamp-sender
+create_again
+check "a refused create is recorded in TnApplicationLog" \
+    refused_record_in /var/log/saflog/TnApplicationLog.log 1
+check "logrotate rotates the streams" logrotate --force /etc/logrotate.d/twamp-sender
+check "the rotated TnApplicationLog holds the record" \
+    refused_record_in /var/log/saflog/TnApplicationLog.log.1 1
+check "the new TnApplicationLog is 0640 twamp:twamp" \
+    test "$(stat -c '%a %U:%G' /var/log/saflog/TnApplicationLog.log)" = "640 twamp:twamp"
+create_again
+check "the next refused create is recorded in the new TnApplicationLog" \
+    refused_record_in /var/log/saflog/TnApplicationLog.log 1
 
 # The measured minute is finalised 4 s after it ends.
 ready=$(((minute + 1) * 60 + 6 - offset))
