@@ -74,7 +74,7 @@ check "the second rotated file holds the record between the rotations" \
     grep -q "record after the first rotation" "$LOGS/TnNetworkLog.log.1"
 check "a record after the second rotation is written" record "record after the second rotation"
 check "it went into the new file, alone" \
-    test "$(cat "$LOGS/TnNetworkLog.log" | wc -l)" -eq 1 -a \
+    test "$(wc -l <"$LOGS/TnNetworkLog.log")" -eq 1 -a \
     -n "$(grep "record after the second rotation" "$LOGS/TnNetworkLog.log")"
 check "the empty stream was not rotated" test ! -e "$LOGS/TnApplicationLog.log.1"
 check "the empty stream's file is still there" test -e "$LOGS/TnApplicationLog.log"
